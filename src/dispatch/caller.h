@@ -1,0 +1,49 @@
+// The guarded timed call: every call into a module goes through CallModule,
+// which times it, reports slow calls on the dispatch thread, feeds the
+// slot's statistics and survives faults of the module.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+namespace zor {
+
+struct Host;
+
+class Caller {
+public:
+    static constexpr std::uint32_t kThreadContexts = 10;
+    static constexpr std::uint32_t kFlagTdl = 1;
+
+    explicit Caller(Host& host) : h_(host) {}
+
+    // The caller has validated `slot`.
+    std::uint32_t CallModule(std::uint32_t slot, std::uint32_t code, std::uint64_t arg,
+                             std::uint32_t flags = 0, std::uint32_t context = 0);
+    void ReportCall(std::uint32_t slot, double elapsed, std::uint32_t code,
+                    std::uint64_t arg, std::uint32_t flags);
+
+    void AddThreadContext(std::uint32_t threadId, std::uint32_t context);
+    void RemoveThreadContext(std::uint32_t threadId);
+    std::uint32_t GetThreadContext(std::uint32_t threadId);
+
+    // "?? (n)" for unnamed codes below 21, "" for 21 and above.
+    static const char16_t* FunctionCodeName(std::uint32_t code);
+    const char16_t* FaultModuleName() const { return faultModuleName_; }
+
+private:
+    struct Context {
+        std::atomic<std::uint32_t> threadId{0};
+        std::atomic<std::uint32_t> context{0};
+    };
+    Host& h_;
+    Context contexts_[kThreadContexts];
+    char16_t faultModuleName_[260] = {};
+};
+
+// File name (after the last backslash or slash) of the module containing
+// `address` into buf, or "unknown". Shared by the fault report and the
+// unknown-service report.
+void ModuleNameOfAddress(const void* address, char16_t* buf, unsigned size);
+
+}  // namespace zor

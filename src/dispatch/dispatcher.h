@@ -1,0 +1,66 @@
+// The interrupt entry and everything that runs per event: wake-up
+// accounting, the deferred list, the ISR calls in priority order, and the
+// end-of-interrupt accounting. Also pause (registry changes) and block (one
+// ISR). Nothing here allocates, locks or waits on I/O on the event path.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "support/statistic.h"
+
+namespace zor {
+
+struct Host;
+
+class Dispatcher {
+public:
+    explicit Dispatcher(Host& host) : h_(host) {}
+
+    // OnInterrupt: 0 after a full dispatch, 1 when paused.
+    std::uint32_t OnInterrupt(std::uint32_t sequence);
+    bool IsDispatchThread() const;
+    void InvalidateDispatchOrder() { orderValid_.store(0, std::memory_order_release); }
+    void ResetDispatchThread() { dispatchThreadId_.store(0, std::memory_order_relaxed); }
+
+    void PauseISR(bool pause);
+    std::uint32_t BlockISR(std::uint32_t handle, std::uint32_t block);
+    std::int32_t ISRBlocked(std::uint32_t handle);
+
+    // Statistics report (end of every dispatched event).
+    void EndOfInterrupt(std::uint32_t sequence);
+    // Deferred list (start of every dispatched event).
+    void DoTDL();
+
+    // State read by the dialog, the report and the tests.
+    std::atomic<double> irqFrequencyHz{50.0};
+    std::atomic<double> irqLoadPercent{0.0};
+    std::atomic<std::uint32_t> paused{0};
+    std::atomic<std::uint32_t> inDispatch{0};
+    std::atomic<std::uint32_t> processorCount{0};  // 0 until the tables are prepared
+    std::uint32_t DispatchCount() const { return dispatchCount_.load(std::memory_order_relaxed); }
+    std::uint32_t DispatchOrder(std::uint32_t i) const { return order_[i]; }
+    std::uint32_t EventCounter() const { return eventCounter_; }
+    std::uint32_t DispatchThreadId() const { return dispatchThreadId_.load(std::memory_order_relaxed); }
+
+    // Used by the tests that play the dispatch thread.
+    void SetWakeTimeForTest(double t) { wakeTime_ = t; }
+    void SetEventCounterForTest(std::uint32_t n) { eventCounter_ = n; }
+
+private:
+    void RebuildOrder();
+
+    Host& h_;
+    std::atomic<std::uint32_t> dispatchThreadId_{0};
+    std::uint32_t order_[100] = {};
+    std::atomic<std::uint32_t> dispatchCount_{0};
+    std::atomic<std::uint32_t> orderValid_{0};
+    double wakeTime_ = 0.0;
+    CStatistic wakeupStat_;
+    CStatistic totalStat_;
+    double tdlTime_ = 0.0;  // printed in the long-event warning; never written
+    std::uint32_t eventCounter_ = 0;
+    std::uint32_t lastSequence_ = 0;
+};
+
+}  // namespace zor

@@ -1,0 +1,45 @@
+#include "host/host.h"
+
+#include <atomic>
+
+namespace zor {
+
+namespace {
+std::atomic<Host*> g_running{nullptr};
+}
+
+Host::Host(Logger& logger)
+    : log(logger),
+      sysLocker(logger, lockedNames),
+      caller(*this),
+      dispatcher(*this),
+      shm(*this),
+      services(*this),
+      registry(*this),
+      irq(*this),
+      clients(*this) {}
+
+Host::~Host() {
+    Host* self = this;
+    g_running.compare_exchange_strong(self, nullptr);
+}
+
+Host* RunningHost() { return g_running.load(std::memory_order_acquire); }
+void SetRunningHost(Host* host) { g_running.store(host, std::memory_order_release); }
+
+}  // namespace zor
+
+extern "C" std::uint32_t ZorOnInterrupt(std::uint32_t sequence) {
+    zor::Host* h = zor::RunningHost();
+    return h ? h->dispatcher.OnInterrupt(sequence) : 1;
+}
+
+extern "C" std::int64_t ZorServiceProc(std::uint32_t code, std::uintptr_t a1,
+                                       std::uintptr_t a2, std::uintptr_t a3,
+                                       std::uintptr_t a4, std::uintptr_t a5,
+                                       std::uintptr_t a6) {
+    // The return address names the calling module for unknown calls.
+    const void* caller = __builtin_return_address(0);
+    zor::Host* h = zor::RunningHost();
+    return h ? h->services.Call(code, a1, a2, a3, a4, a5, a6, caller) : 0;
+}

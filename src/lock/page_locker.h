@@ -1,0 +1,60 @@
+// The register of module images and address ranges that interrupt-time
+// code relies on. Locking is bookkeeping only: nothing is pinned. Module
+// ranges are 32-bit on purpose (bases above 4 GiB keep their low 32 bits).
+#pragma once
+
+#include <cstdint>
+
+#include "support/entry_list.h"
+
+namespace zor {
+
+class Logger;
+
+// The process-wide table of locked module file names (slots 1..99 of 30
+// units each, slot 0 never used), shared by every PageLocker.
+class LockedNames {
+public:
+    static constexpr std::uint32_t kSlots = 100;
+    static constexpr std::uint32_t kUnits = 30;
+
+    // Refuses (logs, returns false) a file part of 30 or more units instead
+    // of faulting; a full table drops the name silently (returns true).
+    bool Add(Logger& log, const char16_t* path);
+    std::uint32_t Find(const char16_t* path) const;
+    void Remove(const char16_t* path);
+    const char16_t* Slot(std::uint32_t i) const { return names_[i]; }
+
+private:
+    char16_t names_[kSlots][kUnits] = {};
+};
+
+class PageLocker {
+public:
+    static constexpr std::uint32_t kCapacity = 500;
+
+    PageLocker(Logger& log, LockedNames& names);
+    ~PageLocker();  // releases forgotten entries, two per pass
+    PageLocker(const PageLocker&) = delete;
+    PageLocker& operator=(const PageLocker&) = delete;
+
+    std::uint32_t LockModule(const void* address);
+    std::uint32_t UnlockModule(const void* address);
+    std::uint32_t LockRange(std::uint64_t base, std::uint32_t length);
+    std::uint32_t UnlockRange(std::uint64_t base);
+    // The 32-bit module walk; false (length 0) on failure.
+    static bool GetModuleRange(const void* address, std::uint32_t* base, std::uint32_t* length);
+
+    std::uint32_t Count() const { return list_.GetNrOfEntries(); }
+    std::uint64_t Base(std::uint32_t i) { return *static_cast<std::uint64_t*>(list_.GetEntry(i)); }
+
+private:
+    Logger& log_;
+    LockedNames& names_;
+    CEntryList list_;
+};
+
+// The LOCKED / NON LOCKED report over every module image of the process.
+void ReportLockedModules(Logger& log, const LockedNames& names);
+
+}  // namespace zor
