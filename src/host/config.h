@@ -1,5 +1,13 @@
 // Host-wide configuration read at start-up, and the client process ids
 // recorded by command 3 (for Cancel and the automatic shut-down).
+//
+// Two INI files, section "INIT", never written by the host:
+//   szIni  = <start-up directory>\ZOR.INI        (per installation)
+//   szIniW = ?{UserCompanyAppData}ZOR.ini        (per user)
+// DLLDIR and FALLBACKIRQ are read from szIni only; LASTIRQ and IRQPRIO from
+// szIni, then from szIniW with the first value as default (the per-user file
+// wins). ALLOWLOWINTEGRITY (szIni only, default 0) lets processes of lower
+// integrity send commands to the dialog window (see the Windows shell).
 #pragma once
 
 #include <atomic>
@@ -10,13 +18,38 @@ namespace zor {
 struct Host;
 
 struct Config {
+    static constexpr std::uint32_t kClientPids = 10;
+
     char16_t szExe[260] = {};
     char16_t szIni[260] = {};
     char16_t szIniW[260] = {};
     char16_t lastIrqName[260] = {};
     char16_t fallbackIrqName[260] = {};
-    std::atomic<std::uint64_t> clientPids[10] = {};
+    std::uint32_t allowLowIntegrity = 0;
+    std::atomic<std::uint64_t> clientPids[kClientPids] = {};
     std::atomic<std::uint32_t> clientCount{0};
 };
+
+// Position just after the first "/<keyword>" or "-<keyword>" in `commandLine`
+// where every character equals the keyword's (upper-case) character plus 32:
+// only the lower-case form matches, and a longer word that begins with it
+// matches too. Null when there is none.
+const char16_t* FindSwitch(const char16_t* commandLine, const char16_t* upperKeyword);
+
+// The whole configuration load: start-up directory, both file paths, the
+// keys, and the three log lines "SZINI", "SZINIW", "SZEXE".
+void LoadConfig(Host& host);
+// The key-reading part of LoadConfig, from host.config.szIni / szIniW, with
+// host.config.szExe holding the default module directory. Separate so that
+// the precedence rules can be exercised on files of a test's own choosing.
+void ReadConfigFiles(Host& host);
+
+// Records a client process id (command 3): stored at index ClientCount, then
+// ClientCount + 1, set back to 9 when it reaches 10, so from the tenth
+// client on entry 9 is overwritten and never examined.
+void AppendClientPid(Host& host, std::uint32_t pid);
+// True when no client was recorded or none of entries 0..ClientCount-1 names
+// a process that still exists (0 entries are skipped).
+bool IsNoClientAlive(const Host& host);
 
 }  // namespace zor

@@ -1,0 +1,71 @@
+// Configuration load and the client process-id list.
+#include "host/config.h"
+
+#include "host/host.h"
+#include "os/os.h"
+#include "support/paths.h"
+#include "support/wformat.h"
+#include "support/wstr.h"
+
+namespace zor {
+
+namespace {
+constexpr const char16_t* kSection = u"INIT";
+constexpr std::uint32_t kPath = 260;
+}  // namespace
+
+void ReadConfigFiles(Host& host) {
+    Config& c = host.config;
+    // DLLDIR: per-installation file only; the start-up directory is the
+    // default. A value without a trailing backslash is used as it is.
+    char16_t dllDir[kPath];
+    wcopy(dllDir, kPath, c.szExe);
+    os::ini_read_string(kSection, u"DLLDIR", dllDir, c.szExe, kPath, c.szIni);
+
+    // LASTIRQ: the per-user value wins, the per-installation one is its default.
+    char16_t last[kPath];
+    os::ini_read_string(kSection, u"LASTIRQ", u"", last, kPath, c.szIni);
+    os::ini_read_string(kSection, u"LASTIRQ", last, c.lastIrqName, kPath, c.szIniW);
+
+    os::ini_read_string(kSection, u"FALLBACKIRQ", u"", c.fallbackIrqName, kPath, c.szIni);
+    c.allowLowIntegrity = os::ini_read_int(kSection, u"ALLOWLOWINTEGRITY", 0, c.szIni) == 1;
+}
+
+void LoadConfig(Host& host) {
+    Config& c = host.config;
+    FU_GetProcessStartupDir(c.szExe);
+    FU_FormatPath(c.szExe, u'\\');
+    wformat(c.szIni, kPath, u"%sZOR.INI", c.szExe);
+    wcopy(c.szIniW, kPath, u"?{UserCompanyAppData}ZOR.ini");
+    FU_ReplacePath(c.szIniW, kPath);
+
+    ReadConfigFiles(host);
+
+    host.log.wPrintf(2, 0, u"SZINI: %s\r\n", c.szIni);
+    host.log.wPrintf(2, 0, u"SZINIW: %s\r\n", c.szIniW);
+    host.log.wPrintf(2, 0, u"SZEXE: %s\r\n", c.szExe);
+}
+
+void AppendClientPid(Host& host, std::uint32_t pid) {
+    Config& c = host.config;
+    std::uint32_t n = c.clientCount.load(std::memory_order_relaxed);
+    if (n >= Config::kClientPids) n = Config::kClientPids - 1;  // never happens; keeps the index in range
+    c.clientPids[n].store(pid, std::memory_order_relaxed);
+    ++n;
+    if (n == Config::kClientPids) n = Config::kClientPids - 1;
+    c.clientCount.store(n, std::memory_order_relaxed);
+}
+
+bool IsNoClientAlive(const Host& host) {
+    const Config& c = host.config;
+    // The count is re-read after every probe.
+    for (std::uint32_t i = 0; i < c.clientCount.load(std::memory_order_relaxed) &&
+                              i < Config::kClientPids;
+         ++i) {
+        std::uint64_t pid = c.clientPids[i].load(std::memory_order_relaxed);
+        if (pid != 0 && os::process_alive(static_cast<std::uint32_t>(pid))) return false;
+    }
+    return true;
+}
+
+}  // namespace zor
