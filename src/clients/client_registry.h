@@ -1,5 +1,24 @@
 // Client processes: ten records (record 0 never handed out), their pipes and
 // one pipe thread per connected client.
+//
+// Choices where the behaviour was open:
+// - Stopping a pipe also cancels a read blocked on a silent client
+//   (os::thread_cancel_io, repeated while the thread waits for a request),
+//   so a stop is quick; it still waits at most 10,000 ms before closing the
+//   handles. A request already being served finishes and is answered first.
+// - The pipe thread's 256 KiB request buffer is on its own stack (the
+//   platform's default thread stack, 1 MiB or more, holds it): nothing is
+//   allocated per request, and two threads that serve one record after a
+//   second connect never share a buffer.
+// - A frame whose length is below 12 or above 262,144 bytes is a failed pass
+//   ("ZOR: Pipe-Communication failed!\n\r"): nothing of it is read.
+// - Short reads are completed: the thread reads until the 4 length bytes or
+//   the L request bytes have all arrived; a failed read, or one that moves no
+//   bytes (end of pipe), fails the pass. Writes are completed the same way.
+// - A failed duplication in ConnectClientPipe closes the client-process
+//   handle it opened (nothing else changes: no thread, nothing logged).
+// - At host shut-down every pipe thread is stopped (StopAll) before the
+//   modules are unloaded, so that no thread is inside a module being freed.
 #pragma once
 
 #include <atomic>
@@ -10,22 +29,67 @@
 namespace zor {
 
 struct Host;
+class ClientRegistry;
+
+struct ClientRecord {
+    std::atomic<std::uint32_t> inUse{0};
+    std::atomic<std::uint32_t> pid{0};
+    // The host's own duplicates; the pipe thread reads them on every pass.
+    std::atomic<os::Handle> requestPipe{0};
+    std::atomic<os::Handle> replyPipe{0};
+    std::atomic<std::uint32_t> stopRequested{0};
+    std::atomic<os::Thread> pipeThread{0};
+    // 1 while the pipe thread waits for (or reads) a request: only then may a
+    // stop cancel its read. Never while a module runs or an answer is written.
+    std::atomic<std::uint32_t> reading{0};
+    // Fixed at construction: what the pipe thread needs to find its host.
+    ClientRegistry* owner = nullptr;
+    std::uint32_t index = 0;
+};
 
 class ClientRegistry {
 public:
     static constexpr std::uint32_t kRecords = 10;
+    static constexpr std::uint32_t kStopWaitMs = 10000;
+    static constexpr std::uint32_t kMaxFailures = 10;
 
-    explicit ClientRegistry(Host& host) : h_(host) {}
+    explicit ClientRegistry(Host& host);
+    // Stops every pipe thread still running (they use this host).
+    ~ClientRegistry();
+    ClientRegistry(const ClientRegistry&) = delete;
+    ClientRegistry& operator=(const ClientRegistry&) = delete;
 
+    // Index 1..9 of the record in use with this pid, 0 when none. No lock.
     std::uint32_t FindClient(std::uint32_t pid) const;
+    // Command 11: the record index, 0 when all nine are in use.
     std::uint32_t RegisterClient(std::uint32_t pid);
+    // Command 8 (index = FindClient(pid), 0 for an unregistered pid). Always 0.
     std::uint32_t ConnectClientPipe(std::uint32_t index, std::uint64_t requestPipe,
                                     std::uint64_t replyPipe, std::uint32_t pid);
+    // Command 9 (and UnregisterClient). Always 0.
     std::uint32_t StopClientPipe(std::uint32_t index);
+    // Command 12: 1 when a record was freed, 0 when the pid is unknown.
     std::uint32_t UnregisterClient(std::uint32_t pid);
+    // Stops the pipe thread of every record (0..9); used at shut-down.
+    void StopAll();
+
+    // The table, for the pipe threads and for tests. index < kRecords.
+    ClientRecord& Record(std::uint32_t index) { return table_[index]; }
+    const ClientRecord& Record(std::uint32_t index) const { return table_[index]; }
+    Host& host() { return h_; }
 
 private:
     Host& h_;
+    ClientRecord table_[kRecords];
 };
+
+// The pipe thread of one record (argument: its ClientRecord*). Returns 0.
+std::uint32_t ClientPipeThread(void* record);
+
+// One request for a module's ExecRemoteFunc: `request` points to at least 12
+// bytes (caller tag, module number, reserved) followed by the body, which the
+// module may write into. -1 when the module number is not a registered slot,
+// else the low 32 bits of the module's answer (0 when it faulted).
+std::int32_t HandleClientRequest(Host& host, void* request);
 
 }  // namespace zor

@@ -1,0 +1,77 @@
+// The pipe thread of a connected client: length-prefixed requests in, one
+// 32-bit answer out per request, strictly in order.
+#include <cstring>
+
+#include "clients/client_registry.h"
+#include "host/host.h"
+
+namespace zor {
+
+namespace {
+
+// Reads exactly n bytes, completing short reads. A failed read or one that
+// moves nothing (the client closed its end) fails.
+bool ReadAll(ClientRecord& r, void* buf, std::uint32_t n) {
+    auto* p = static_cast<unsigned char*>(buf);
+    while (n) {
+        std::uint32_t done = 0;
+        if (!os::pipe_read(r.requestPipe.load(std::memory_order_relaxed), p, n, &done) ||
+            done == 0 || done > n)
+            return false;
+        p += done;
+        n -= done;
+    }
+    return true;
+}
+
+bool WriteAll(ClientRecord& r, const void* buf, std::uint32_t n) {
+    auto* p = static_cast<const unsigned char*>(buf);
+    while (n) {
+        std::uint32_t done = 0;
+        if (!os::pipe_write(r.replyPipe.load(std::memory_order_relaxed), p, n, &done) ||
+            done == 0 || done > n)
+            return false;
+        p += done;
+        n -= done;
+    }
+    return true;
+}
+
+// One request-answer pass; false when any step failed.
+bool ServeOne(ClientRecord& r, unsigned char* buffer) {
+    std::uint32_t length = 0;
+    r.reading.store(1, std::memory_order_release);
+    bool ok = ReadAll(r, &length, sizeof length);
+    // A length the buffer cannot hold, or too short for the request header,
+    // is refused before anything of the request is read.
+    ok = ok && length >= sizeof(ZorClientRequest) && length <= ZOR_PIPE_BUFFER_SIZE;
+    ok = ok && ReadAll(r, buffer, length);
+    r.reading.store(0, std::memory_order_release);
+    if (!ok) return false;
+    std::int32_t result = HandleClientRequest(r.owner->host(), buffer);
+    return WriteAll(r, &result, sizeof result);
+}
+
+}  // namespace
+
+std::uint32_t ClientPipeThread(void* arg) {
+    ClientRecord& r = *static_cast<ClientRecord*>(arg);
+    if (r.stopRequested.load(std::memory_order_acquire)) return 0;
+    Host& host = r.owner->host();
+    // Reused for every request and never cleared; on this thread's stack.
+    alignas(16) unsigned char buffer[ZOR_PIPE_BUFFER_SIZE];
+    std::uint32_t failures = 0;
+    do {
+        if (!ServeOne(r, buffer)) {
+            // A read cancelled by a stop is the end, not a failure.
+            if (r.stopRequested.load(std::memory_order_acquire)) break;
+            host.log.wPrintf(0, 1, u"ZOR: Pipe-Communication failed!\n\r");
+            os::sleep_ms(20);
+            ++failures;
+        }
+    } while (!r.stopRequested.load(std::memory_order_acquire) &&
+             failures < ClientRegistry::kMaxFailures);
+    return 0;
+}
+
+}  // namespace zor
