@@ -1,5 +1,79 @@
-// Placeholder until the deferred list lands.
+// The deferred list: requests queued in the system shared area by other
+// threads and processes, run on the dispatch thread at the start of every
+// dispatched event. Walked in place, without copy, allocation or lock; the
+// only synchronisation is the SyncTDL word, which this side never waits for.
+//
+// The queue's words are written by client processes, so nothing in them is
+// trusted: positions are bounded by the size the host mapped, an entry that
+// would run past the queue ends the pass like an invalid module number does,
+// and a result index outside the 1024 slots is not written.
+#include <cstring>
+
 #include "dispatch/dispatcher.h"
+#include "host/host.h"
+#include "modules/tdl_writer.h"
+
 namespace zor {
-void Dispatcher::DoTDL() {}
+
+namespace {
+
+void RunEntries(Host& h, unsigned char* area, std::uint32_t areaSize) {
+    unsigned char* queue = area + ZOR_SSA_QUEUE;
+    const std::uint32_t queueBytes = areaSize - ZOR_SSA_QUEUE;
+    auto count = TdlWord(area, ZOR_SSA_ENTRY_COUNT);
+    std::uint32_t p = 0;  // always <= queueBytes
+    // The count is read afresh after every executed entry; every executed
+    // entry advances p by at least 24, so the walk ends within the queue.
+    for (std::uint32_t i = 0; i < count.load(std::memory_order_relaxed); ++i) {
+        ZorTdlEntry e;
+        if (queueBytes - p < kTdlEntryHeader) {
+            h.log.wPrintf(2, 1, u"ZOR: DoTDL: entry %u at queue offset %u runs past the queue (%u bytes)! Rest of the list dropped.\n\r",
+                          i, p, queueBytes);
+            return;
+        }
+        std::memcpy(&e, queue + p, sizeof e);
+        if (e.size > queueBytes - p - kTdlEntryHeader) {
+            h.log.wPrintf(2, 1, u"ZOR: DoTDL: entry %u at queue offset %u runs past the queue (%u bytes)! Rest of the list dropped.\n\r",
+                          i, p, queueBytes);
+            return;
+        }
+        // An invalid module number drops this entry and every one behind it.
+        const std::uint32_t slot = h.slots.Check(e.isr_handle);
+        if (slot == 0) return;
+        const std::uint32_t r = h.caller.CallModule(
+            slot, ZOR_FN_EXEC_ISR_FUNC,
+            reinterpret_cast<std::uintptr_t>(queue + p + offsetof(ZorTdlEntry, func)),
+            Caller::kFlagTdl, e.context);
+        if (e.result_index >= ZOR_SSA_RESULT_SLOTS) {
+            h.log.wPrintf(2, 1, u"ZOR: DoTDL: result index %u of ISR #%u out of range! Result dropped.\n\r",
+                          e.result_index, slot);
+        } else if (e.result_index != 0) {
+            TdlWord(area, ZOR_SSA_RESULTS + 4 * e.result_index).store(r, std::memory_order_relaxed);
+        }
+        p += kTdlEntryHeader + e.size;
+    }
+}
+
+}  // namespace
+
+void Dispatcher::DoTDL() {
+    unsigned char* area = h_.shm.Area();
+    const std::uint32_t areaSize = h_.shm.AreaSize();
+    if (!TdlAreaUsable(area, areaSize)) return;
+    auto sync = TdlWord(area, ZOR_SSA_SYNC_TDL);
+    if (sync.exchange(1, std::memory_order_acquire) != 0) {
+        h_.log.wPrintf(2, 6, u"ZOR: DoTDL skipps due to SyncTDL=1\n");
+        return;
+    }
+    if (TdlWord(area, ZOR_SSA_ENTRY_COUNT).load(std::memory_order_relaxed) != 0)
+        RunEntries(h_, area, areaSize);
+    // Bytes used is cleared after an empty run too, so that a stray value
+    // written by a client cannot keep writers out for good.
+    TdlWord(area, ZOR_SSA_ENTRY_COUNT).store(0, std::memory_order_relaxed);
+    TdlWord(area, ZOR_SSA_BYTES_USED).store(0, std::memory_order_relaxed);
+    // Release: the result words are visible before the counter moves.
+    TdlWord(area, ZOR_SSA_RUN_COUNTER).fetch_add(1, std::memory_order_release);
+    sync.store(0, std::memory_order_release);
+}
+
 }  // namespace zor

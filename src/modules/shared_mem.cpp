@@ -1,7 +1,115 @@
-// Placeholder until shared memory lands.
 #include "modules/shared_mem.h"
+
+#include <cstring>
+
+#include "host/host.h"
+#include "zor/zor_module.h"
+
 namespace zor {
-std::uint64_t SharedMemory::SysMem(std::uint32_t, std::uint32_t) { return 0; }
-void SharedMemory::ReleaseArea() {}
-std::uint64_t SharedMemory::GetIsrMem(std::uint32_t, std::uint64_t) { return 0; }
+
+namespace {
+
+// A fresh area: the queue is empty, free and as large as the mapping
+// allows; no result slot is reserved. The fresh mapping is zero elsewhere.
+void InitArea(unsigned char* area, std::uint32_t size) {
+    const std::uint32_t capacity = size - ZOR_SSA_QUEUE;
+    const std::uint32_t zero = 0;
+    std::memcpy(area + ZOR_SSA_CAPACITY, &capacity, 4);
+    std::memcpy(area + ZOR_SSA_BYTES_USED, &zero, 4);
+    std::memcpy(area + ZOR_SSA_ENTRY_COUNT, &zero, 4);
+    std::memcpy(area + ZOR_SSA_SYNC_TDL, &zero, 4);
+    std::memset(area + ZOR_SSA_RESULT_FLAGS, 0, ZOR_SSA_RESULT_SLOTS);
+}
+
+}  // namespace
+
+std::uint64_t SharedMemory::SysMem(std::uint32_t pid, std::uint32_t size) {
+    ZOR_LOCK_FUNCS(h_, 981);
+    const bool complete = mapping_ != 0 && Area() != nullptr;
+    if (mapping_ == 0) {
+        if (size < ZOR_SSA_MIN_SIZE) {
+            h_.log.wPrintf(2, 0, u"ZOR: System shared memory of %u bytes refused, at least %u bytes needed!\n\r",
+                           size, ZOR_SSA_MIN_SIZE);
+            return 0;
+        }
+        mapping_ = os::mapping_create(size);
+        if (mapping_ == 0) {
+            h_.log.wPrintf(2, 0, u"ZOR: Failed to alloc system shared memory!\n\r");
+            if (!complete) ReleaseLocked();
+            return 0;
+        }
+    }
+    std::uint64_t remote = 0;
+    const os::Handle process = os::process_open(pid);
+    const bool duplicated = process != 0 && os::handle_dup_to(process, mapping_, &remote);
+    if (process != 0) os::handle_close(process);
+    if (!duplicated) {
+        h_.log.wPrintf(2, 0, u"ZOR: Failed to duplicate handle for system shared memory!\n\r");
+        if (!complete) ReleaseLocked();
+        return 0;
+    }
+    if (Area() == nullptr) {
+        auto* view = static_cast<unsigned char*>(os::mapping_map(mapping_, size));
+        if (view == nullptr) {
+            h_.log.wPrintf(2, 0, u"ZOR: Failed to map view of system shared memory!\n\r");
+            if (!complete) ReleaseLocked();
+            return 0;
+        }
+        InitArea(view, size);
+        size_.store(size, std::memory_order_relaxed);
+        view_.store(view, std::memory_order_release);
+    }
+    AppendClientPid(pid);
+    return remote;
+}
+
+// Ten entries; once full, the last one is overwritten by every new client.
+void SharedMemory::AppendClientPid(std::uint32_t pid) {
+    Config& c = h_.config;
+    std::uint32_t n = c.clientCount.load(std::memory_order_relaxed);
+    if (n > 9) n = 9;
+    c.clientPids[n].store(pid, std::memory_order_relaxed);
+    ++n;
+    c.clientCount.store(n == 10 ? 9 : n, std::memory_order_relaxed);
+}
+
+void SharedMemory::ReleaseArea() {
+    ZOR_LOCK_FUNCS(h_, 966);
+    ReleaseLocked();
+}
+
+// Reverse order of creation: the view, then the mapping.
+void SharedMemory::ReleaseLocked() {
+    unsigned char* view = view_.exchange(nullptr, std::memory_order_acq_rel);
+    if (view != nullptr) os::mapping_unmap(view, size_.load(std::memory_order_relaxed));
+    size_.store(0, std::memory_order_relaxed);
+    if (mapping_ != 0) {
+        os::handle_close(mapping_);
+        mapping_ = 0;
+    }
+}
+
+std::uint64_t SharedMemory::GetIsrMem(std::uint32_t pid, std::uint64_t number) {
+    const std::uint32_t high = h_.slots.HighWater();
+    if (high < 2) return 0;
+    std::uint32_t slot = 0;
+    for (std::uint32_t s = 1; s < high && s < SlotTable::kSlots; ++s) {
+        if (h_.slots[s].number.load(std::memory_order_relaxed) == number) {
+            slot = s;
+            break;
+        }
+    }
+    if (slot == 0) return 0;
+    std::uint64_t remote = 0;
+    const os::Handle process = os::process_open(pid);
+    const bool duplicated =
+        process != 0 && os::handle_dup_to(process, h_.slots[slot].mapping, &remote);
+    if (!duplicated) {
+        h_.log.wPrintf(2, 0, u"ZOR: GetIsrMem of failed to duplicate handle for shared memory (%08x)!\n\r",
+                       os::last_error());
+    }
+    if (process != 0) os::handle_close(process);
+    return duplicated ? remote : 0;
+}
+
 }  // namespace zor

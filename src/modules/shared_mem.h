@@ -1,4 +1,11 @@
 // The system shared area (command 3) and per-ISR shared memory (command 15).
+//
+// The system area is created by the first command 3 with the size that
+// request names and is never resized; later requests get another handle to
+// the same mapping. A first request for fewer than ZOR_SSA_MIN_SIZE bytes is
+// refused (result 0, logged): such an area could not hold its own header.
+// Every access the host makes is bounded by the size it created (AreaSize),
+// never by a word a client can write.
 #pragma once
 
 #include <atomic>
@@ -13,23 +20,32 @@ struct Host;
 class SharedMemory {
 public:
     explicit SharedMemory(Host& host) : h_(host) {}
+    SharedMemory(const SharedMemory&) = delete;
+    SharedMemory& operator=(const SharedMemory&) = delete;
 
     // Command 3: handle value valid in `pid`, 0 on failure.
     std::uint64_t SysMem(std::uint32_t pid, std::uint32_t size);
+    // Unmaps and closes the system area (takes csecFuncs).
     void ReleaseArea();
     // Command 15.
     std::uint64_t GetIsrMem(std::uint32_t pid, std::uint64_t number);
 
     // The host's view of the area and the size the host created it with
     // (never a size word that a client can write). Null / 0 when absent.
+    // The view is published after the size and after the area's header
+    // has been initialised.
     unsigned char* Area() const { return view_.load(std::memory_order_acquire); }
-    std::uint32_t AreaSize() const { return size_; }
+    std::uint32_t AreaSize() const { return size_.load(std::memory_order_relaxed); }
+    os::Handle Mapping() const { return mapping_; }
 
 private:
+    void ReleaseLocked();
+    void AppendClientPid(std::uint32_t pid);
+
     Host& h_;
-    os::Handle mapping_ = 0;
+    os::Handle mapping_ = 0;  // written only under csecFuncs
     std::atomic<unsigned char*> view_{nullptr};
-    std::uint32_t size_ = 0;
+    std::atomic<std::uint32_t> size_{0};
 };
 
 }  // namespace zor
