@@ -1,11 +1,168 @@
-// Placeholder until the guarded call lands.
+// CallModule: the timed, fault-guarded call into a module, and the table of
+// thread contexts that tells a called module on whose behalf it runs.
 #include "dispatch/caller.h"
+
+#include "host/host.h"
+#include "os/os.h"
+#include "support/stopwatch.h"
+#include "support/wformat.h"
+#include "support/wstr.h"
+
 namespace zor {
-std::uint32_t Caller::CallModule(std::uint32_t, std::uint32_t, std::uint64_t, std::uint32_t, std::uint32_t) { return 0; }
-void Caller::ReportCall(std::uint32_t, double, std::uint32_t, std::uint64_t, std::uint32_t) {}
-void Caller::AddThreadContext(std::uint32_t, std::uint32_t) {}
-void Caller::RemoveThreadContext(std::uint32_t) {}
-std::uint32_t Caller::GetThreadContext(std::uint32_t) { return 0; }
-const char16_t* Caller::FunctionCodeName(std::uint32_t) { return u""; }
-void ModuleNameOfAddress(const void*, char16_t* buf, unsigned size) { if (size) buf[0] = 0; }
+
+namespace {
+
+// Everything the guarded body needs; lives on the caller's stack.
+struct CallFrame {
+    Caller* caller;
+    ModuleSlot* slot;
+    std::uint32_t slotNumber;
+    std::uint32_t code;
+    std::uint64_t arg;
+    std::uint32_t flags;
+    std::uint32_t context;
+    std::uint32_t threadId;
+    std::uint32_t result;
+    bool nullEntry;
+};
+
+void GuardedCall(void* p) {
+    CallFrame& f = *static_cast<CallFrame*>(p);
+    if (f.context != 0) {
+        f.threadId = os::current_thread_id();
+        f.caller->AddThreadContext(f.threadId, f.context);
+    }
+    const ZorGetSetProc entry = f.slot->entry.load(std::memory_order_acquire);
+    if (entry == nullptr) {
+        f.nullEntry = true;
+        return;
+    }
+    const double t0 = ClockMs();
+    f.result = entry(f.code, static_cast<std::uintptr_t>(f.arg));
+    const double t1 = ClockMs();
+    f.caller->ReportCall(f.slotNumber, t1 - t0, f.code, f.arg, f.flags);
+}
+
+
+// The timing line of a slow call, built from pieces into one entry. Kept out
+// of line so that its large buffer costs nothing on the fast path.
+[[gnu::noinline]] void LogSlowCall(Logger& log, const char16_t* name, double elapsed,
+                                   std::uint32_t code, std::uint64_t arg,
+                                   const char16_t* suffix) {
+    char16_t line[80 + 11 * Caller::kMaxLoggedWords];
+    const std::size_t cap = sizeof(line) / sizeof(line[0]);
+    std::size_t n = wformat(line, cap, u"ZOR: %s: %s(", name, Caller::FunctionCodeName(code));
+    if (code == 1 || code == 3 || code == 7 || code == 8 || code == 9 || code == 20) {
+        n += wformat(line + n, cap - n, u"%p", reinterpret_cast<void*>(arg));
+    } else if ((code == 5 || code == 6) && arg != 0) {
+        // The block's word count is the module's or client's word: bounded.
+        const auto* block = reinterpret_cast<const std::uint32_t*>(arg);
+        n += wformat(line + n, cap - n, u"Func=0x%x", static_cast<unsigned>(block[0]));
+        std::uint32_t words = block[1] >> 2;
+        if (words > Caller::kMaxLoggedWords) words = Caller::kMaxLoggedWords;
+        for (std::uint32_t i = 0; i < words; ++i) {
+            n += wformat(line + n, cap - n, u",0x%x", static_cast<unsigned>(block[2 + i]));
+        }
+    }
+    wformat(line + n, cap - n, u") used %3.2f ms%s\n\r", elapsed, suffix);
+    log.wPrintf(0, 1, u"%s", line);
+}
+
+}  // namespace
+
+void ModuleNameOfAddress(const void* address, char16_t* buf, unsigned size) {
+    if (size == 0) return;
+    wcopy(buf, size, u"unknown");
+    os::Region r;
+    if (!os::region_query(address, &r)) return;
+    char16_t path[260] = {};
+    if (os::module_file_name(r.alloc_base, path, 260) == 0) return;
+    wcopy(buf, size, wfile_part(path, true));
+}
+
+std::uint32_t Caller::CallModule(std::uint32_t slot, std::uint32_t code, std::uint64_t arg,
+                                 std::uint32_t flags, std::uint32_t context) {
+    CallFrame f{this, &h_.slots[slot], slot, code, arg, flags, context, 0, 0, false};
+    os::Fault fault{};
+    if (!os::guarded_run(GuardedCall, &f, &fault)) {
+        ReportFault(slot, fault.address);
+    } else if (f.nullEntry) {
+        // What a call through null reports: the fault returns into the host.
+        ReportFault(slot, reinterpret_cast<const void*>(&GuardedCall));
+    }
+    if (context != 0) RemoveThreadContext(f.threadId);
+    return f.result;
+}
+
+void Caller::ReportFault(std::uint32_t slot, const void* address) {
+    char16_t name[260];
+    ModuleNameOfAddress(address, name, 260);
+    // The shared buffer is only a record of the last fault; a second fault at
+    // the same moment leaves it to the first.
+    if (!faultNameBusy_.exchange(true, std::memory_order_acquire)) {
+        wcopy(faultModuleName_, 260, name);
+        faultNameBusy_.store(false, std::memory_order_release);
+    }
+    h_.log.wPrintf(2, 0, u"ZOR: ISR '%s' caused exception in '%s'!\n\r", h_.slots[slot].name,
+                   name);
+}
+
+void Caller::ReportCall(std::uint32_t slot, double elapsed, std::uint32_t code,
+                        std::uint64_t arg, std::uint32_t flags) {
+    ModuleSlot& s = h_.slots[slot];
+    const char16_t* suffix = (flags & kFlagTdl) ? u" (TDL)" : u"";
+    if (elapsed > 2.0 && h_.dispatcher.IsDispatchThread() &&
+        h_.log.wPrintf_IsUserLevelActive(0, 1)) {
+        if (code > 21) {
+            h_.log.wPrintf(0, 1, u"ZOR: %s used %3.2f ms (unknown func=%ld)%s\n\r", s.name,
+                           elapsed, static_cast<long>(static_cast<std::int32_t>(code)), suffix);
+            return;
+        }
+        LogSlowCall(h_.log, s.name, elapsed, code, arg, suffix);
+    }
+    if (code == 20) s.interruptStat.Add(elapsed);
+    if (code == 5) s.execStat.Add(elapsed);
+}
+
+void Caller::AddThreadContext(std::uint32_t threadId, std::uint32_t context) {
+    for (Context& c : contexts_) {
+        std::uint32_t expected = 0;
+        if (c.threadId.compare_exchange_strong(expected, threadId, std::memory_order_acq_rel)) {
+            c.context.store(context, std::memory_order_relaxed);
+            return;
+        }
+    }
+    h_.log.wPrintf(2, 0, u"ZOR: Out of thread contexts!\n");
+}
+
+void Caller::RemoveThreadContext(std::uint32_t threadId) {
+    for (Context& c : contexts_) {
+        if (c.threadId.load(std::memory_order_relaxed) == threadId) {
+            c.threadId.store(0, std::memory_order_release);
+            return;
+        }
+    }
+}
+
+std::uint32_t Caller::GetThreadContext(std::uint32_t threadId) {
+    for (Context& c : contexts_) {
+        if (c.threadId.load(std::memory_order_acquire) == threadId) {
+            return c.context.load(std::memory_order_relaxed);
+        }
+    }
+    h_.log.wPrintf(2, 0, u"ZOR: context for thread %x not found!\n", static_cast<unsigned>(threadId));
+    return 0;
+}
+
+const char16_t* Caller::FunctionCodeName(std::uint32_t code) {
+    static constexpr char16_t kNames[21][20] = {
+        u"?? (0)",      u"Initialize",     u"Shutdown",      u"SetServiceProc",
+        u"EditProperties", u"ExecISRFunc", u"ExecRemoteFunc", u"SetISRHandle",
+        u"Attach",      u"Detach",         u"?? (10)",       u"?? (11)",
+        u"?? (12)",     u"?? (13)",        u"?? (14)",       u"?? (15)",
+        u"?? (16)",     u"?? (17)",        u"?? (18)",       u"?? (19)",
+        u"Interrupt"};
+    return code < 21 ? kNames[code] : u"";
+}
+
 }  // namespace zor

@@ -1,6 +1,10 @@
 // The guarded timed call: every call into a module goes through CallModule,
 // which times it, reports slow calls on the dispatch thread, feeds the
 // slot's statistics and survives faults of the module.
+//
+// A slot whose entry is null is not called: it is reported exactly like a
+// fault of a call through null (the exception message with the slot's name
+// and the host's own module file), result 0, nothing counted.
 #pragma once
 
 #include <atomic>
@@ -14,6 +18,10 @@ class Caller {
 public:
     static constexpr std::uint32_t kThreadContexts = 10;
     static constexpr std::uint32_t kFlagTdl = 1;
+    // The timing line of an ExecISRFunc / ExecRemoteFunc call shows at most
+    // the argument words of the largest packet built on the dispatch thread,
+    // however many bytes the block announces.
+    static constexpr std::uint32_t kMaxLoggedWords = (1200 - 8) / 4;
 
     explicit Caller(Host& host) : h_(host) {}
 
@@ -29,6 +37,8 @@ public:
 
     // "?? (n)" for unnamed codes below 21, "" for 21 and above.
     static const char16_t* FunctionCodeName(std::uint32_t code);
+    // The file name of the module of the last caught fault. Read it only
+    // while no other call can fault.
     const char16_t* FaultModuleName() const { return faultModuleName_; }
 
 private:
@@ -36,8 +46,11 @@ private:
         std::atomic<std::uint32_t> threadId{0};
         std::atomic<std::uint32_t> context{0};
     };
+    void ReportFault(std::uint32_t slot, const void* address);
+
     Host& h_;
     Context contexts_[kThreadContexts];
+    std::atomic<bool> faultNameBusy_{false};
     char16_t faultModuleName_[260] = {};
 };
 

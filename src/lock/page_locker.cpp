@@ -1,17 +1,110 @@
-// Placeholder until the page locker lands.
+// PageLocker: locking and unlocking of module images and address ranges.
 #include "lock/page_locker.h"
+
+#include "os/os.h"
 #include "support/log.h"
 
 namespace zor {
-bool LockedNames::Add(Logger&, const char16_t*) { return true; }
-std::uint32_t LockedNames::Find(const char16_t*) const { return 0; }
-void LockedNames::Remove(const char16_t*) {}
-PageLocker::PageLocker(Logger& log, LockedNames& names) : log_(log), names_(names), list_(8, kCapacity) {}
-PageLocker::~PageLocker() {}
-std::uint32_t PageLocker::LockModule(const void*) { return 1; }
-std::uint32_t PageLocker::UnlockModule(const void*) { return 1; }
-std::uint32_t PageLocker::LockRange(std::uint64_t, std::uint32_t) { return 1; }
-std::uint32_t PageLocker::UnlockRange(std::uint64_t) { return 1; }
-bool PageLocker::GetModuleRange(const void*, std::uint32_t*, std::uint32_t*) { return false; }
-void ReportLockedModules(Logger&, const LockedNames&) {}
+
+PageLocker::PageLocker(Logger& log, LockedNames& names)
+    : log_(log), names_(names), list_(8, kCapacity) {}
+
+PageLocker::~PageLocker() {
+    // Each pass logs and unlocks entry 0, then drops the next entry without a
+    // word: with three entries the log names the first and the third.
+    while (list_.GetNrOfEntries() > 0) {
+        const std::uint64_t base = Base(0);
+        log_.wPrintf(2, 1, u"PageLocker: unlock forgotten memory! Base=%x\n\r",
+                     static_cast<unsigned>(base));
+        UnlockRange(base);
+        list_.DelEntry(0);
+    }
+}
+
+bool PageLocker::Walk(const void* address, std::uint32_t* base, std::uint32_t* length,
+                      std::uint64_t* allocBase) {
+    *base = 0;
+    *length = 0;
+    os::Region r;
+    if (!os::region_query(address, &r) || (r.protect & os::kPageNoAccess)) return false;
+    *allocBase = r.alloc_base;
+    const std::uint32_t b = static_cast<std::uint32_t>(r.alloc_base);
+    std::uint32_t len = static_cast<std::uint32_t>(r.base) + static_cast<std::uint32_t>(r.size) - b;
+    for (;;) {
+        const std::uintptr_t next = static_cast<std::uint32_t>(b + len);
+        if (!os::region_query(reinterpret_cast<const void*>(next), &r)) break;
+        if ((r.protect & os::kPageNoAccess) || r.alloc_base != b) break;
+        const std::uint32_t grown = static_cast<std::uint32_t>(r.base + r.size - b);
+        if (grown <= len) break;  // no progress: the 32-bit range has wrapped
+        len = grown;
+    }
+    *base = b;
+    *length = len;
+    return len != 0;
+}
+
+bool PageLocker::GetModuleRange(const void* address, std::uint32_t* base, std::uint32_t* length) {
+    std::uint64_t allocBase = 0;
+    return Walk(address, base, length, &allocBase);
+}
+
+std::uint32_t PageLocker::LockModule(const void* address) {
+    std::uint32_t base = 0, length = 0;
+    std::uint64_t allocBase = 0;
+    if (!Walk(address, &base, &length, &allocBase)) {
+        log_.wPrintf(2, 1, u"PageLocker: failed to get module memory range!\n\r");
+        return 0;
+    }
+    char16_t path[260] = {};
+    os::module_file_name(allocBase, path, 260);
+    log_.wPrintf(2, 6, u"PageLocker: lock '%s': Base=%x, Len=%ld\n\r", path,
+                 static_cast<unsigned>(base), static_cast<long>(static_cast<std::int32_t>(length)));
+    // The name goes in before the list: it stays even when the list is full.
+    if (!names_.Add(log_, path)) return 0;
+    return LockRange(base, length);
+}
+
+std::uint32_t PageLocker::UnlockModule(const void* address) {
+    std::uint32_t base = 0, length = 0;
+    std::uint64_t allocBase = 0;
+    if (!Walk(address, &base, &length, &allocBase)) {
+        log_.wPrintf(2, 1, u"PageLocker: failed to get module memory range!\n\r");
+        return 0;
+    }
+    char16_t path[260] = {};
+    os::module_file_name(allocBase, path, 260);
+    log_.wPrintf(2, 6, u"PageLocker: unlock '%s': Base=%x, Len=%ld\n\r", path,
+                 static_cast<unsigned>(base), static_cast<long>(static_cast<std::int32_t>(length)));
+    names_.Remove(path);
+    return UnlockRange(base);
+}
+
+std::uint32_t PageLocker::LockRange(std::uint64_t base, std::uint32_t length) {
+    // Only the base becomes the entry; the length is not kept.
+    if (list_.AppendEntry(&base) == 0xFFFFFFFFu) {
+        log_.wPrintf(2, 6, u"PageLocker: locking failed! (list overflow)\n\r");
+        return 0;
+    }
+    return 1;
+}
+
+std::uint32_t PageLocker::UnlockRange(std::uint64_t base) {
+    const std::uint32_t n = list_.GetNrOfEntries();
+    if (n == 0) {
+        log_.wPrintf(2, 6, u"PageLocker: no entries\n\r");
+        return 0;
+    }
+    std::uint32_t i = 0;
+    while (i < n && Base(i) != base) ++i;
+    if (i == n) {
+        log_.wPrintf(2, 6, u"PageLocker: unlocking failed! (list seek error)\n\r");
+        return 0;
+    }
+    if (list_.DelEntry(i) == 0xFFFFFFFFu) {
+        log_.wPrintf(2, 6, u"PageLocker: unlocking ok, but list update error!\n\r");
+        return 0;
+    }
+    return 1;
+}
+
 }  // namespace zor

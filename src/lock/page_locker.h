@@ -1,6 +1,8 @@
 // The register of module images and address ranges that interrupt-time
 // code relies on. Locking is bookkeeping only: nothing is pinned. Module
-// ranges are 32-bit on purpose (bases above 4 GiB keep their low 32 bits).
+// ranges are 32-bit on purpose (bases above 4 GiB keep their low 32 bits);
+// the file name of a module is looked up with its full allocation base, so
+// that modules above 4 GiB are still named correctly.
 #pragma once
 
 #include <cstdint>
@@ -24,6 +26,10 @@ public:
     std::uint32_t Find(const char16_t* path) const;
     void Remove(const char16_t* path);
     const char16_t* Slot(std::uint32_t i) const { return names_[i]; }
+
+    // The file part of a path: after the last '\' or '/' at positions
+    // 1..n (a separator at position 0 stays part of the name).
+    static const char16_t* FilePart(const char16_t* path);
 
 private:
     char16_t names_[kSlots][kUnits] = {};
@@ -49,12 +55,24 @@ public:
     std::uint64_t Base(std::uint32_t i) { return *static_cast<std::uint64_t*>(list_.GetEntry(i)); }
 
 private:
+    // The walk, also giving the full allocation base of the first region
+    // (used only to name the module).
+    static bool Walk(const void* address, std::uint32_t* base, std::uint32_t* length,
+                     std::uint64_t* allocBase);
+
     Logger& log_;
     LockedNames& names_;
     CEntryList list_;
 };
 
+// Full path of the module containing `address` into buf (260 units); false
+// when the address is in no known region or the region has no module.
+bool GetModuleFileNameForAddress(const void* address, char16_t* buf);
+
 // The LOCKED / NON LOCKED report over every module image of the process.
+// A module image is recognised by its first region: type image, region
+// base equal to its allocation base, readable, and starting with "MZ" (a
+// Windows image) or "\x7f" "ELF" (an ELF image on posix).
 void ReportLockedModules(Logger& log, const LockedNames& names);
 
 }  // namespace zor

@@ -1,5 +1,10 @@
 // ISR module registration and unregistration on behalf of clients, the
-// lookups of commands 13 and 14, and the pending-start pass.
+// lookups of commands 13 and 14, the pending-start pass, and the
+// preparation and shutdown of the module tables.
+//
+// The host prepares the tables at start-up (its own image recorded in the
+// system page locker, processor count stored so that SERV_BlockISR really
+// waits on multi-processor machines) and unloads every module at exit.
 #pragma once
 
 #include <cstdint>
@@ -13,8 +18,10 @@ public:
     explicit Registry(Host& host) : h_(host) {}
 
     // Command 1. `payload`/`size` are the message bytes as received; the
-    // name is read only within them. Returns the handle value valid in the
-    // client, 0 on failure or without shared memory.
+    // process id, size and name are read only within them. A name without
+    // its terminator inside the payload, or of 20 units or more, is refused
+    // with a log line. Returns the handle value valid in the client, 0 on
+    // failure or without shared memory.
     std::uint64_t RegisterISRProc(const void* payload, std::uint32_t size);
     void UnregisterISR(std::uint32_t slot);
     void ReleaseModuleSlot(std::uint32_t slot);
@@ -24,10 +31,26 @@ public:
     std::uint32_t FindModule(const char16_t* name) const;
     std::uint32_t ModuleInfo(std::uint64_t number) const;
     void RetryPendingStarts();
+
+    // Start-up: clears every slot and its statistics, locks the host's own
+    // image in the system page locker, opens the two stopwatches and stores
+    // the processor count.
+    void PrepareTables();
+    // Exit: unregisters every ISR, unloads the IRQ driver, releases the
+    // system shared area, unlocks the host's image (when PrepareTables
+    // locked it), closes the stopwatches, reports unknown service calls.
     void UnloadAll();
 
 private:
+    // Registration after the payload has been validated.
+    std::uint64_t Register(std::uint32_t pid, std::uint32_t sharedSize, const char16_t* name);
+    // Step 5 of registration: the module's shared memory.
+    bool CreateSharedMemory(std::uint32_t slot, std::uint32_t pid, const char16_t* name,
+                            std::uint64_t* remote);
+
     Host& h_;
+    std::uint32_t stopwatches_[2] = {};
+    bool ownImageLocked_ = false;
 };
 
 }  // namespace zor
