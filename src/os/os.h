@@ -9,6 +9,12 @@
 // so that tests can make any one of them fail (see os_inject.h) and check
 // the release order of every failure path. Cheap, infallible queries
 // (time, ids) are plain functions.
+//
+// On posix, paths handed in may use '\\' or '/' (the core builds Windows
+// paths); paths handed out use '\\' like on Windows. Modules are ELF
+// shared objects, including `.irq` drivers. Only the calling process can
+// be opened and duplicated into or from (clients are simulated in the same
+// process); Fault::code is the signal number.
 #pragma once
 
 #include <cstddef>
@@ -63,6 +69,8 @@ void enumerate_files(const char16_t* pattern, FileVisitor visit, void* ctx);
 void debug_output(const char16_t* text);
 // Environment variable into buf (UTF-16); false when unset.
 bool env_get(const char* name, char16_t* buf, std::uint32_t size);
+// Sets an environment variable of this process; a null value removes it.
+bool env_set(const char* name, const char16_t* value);
 
 // ---------------------------------------------------------------- memory
 struct Region {
@@ -76,7 +84,9 @@ constexpr std::uint32_t kPageNoAccess = 0x01;
 constexpr std::uint32_t kPageGuard = 0x100;
 constexpr std::uint32_t kMemImage = 0x1000000;
 
-// VirtualQuery. False for addresses outside any known region.
+// VirtualQuery. A hole between allocations inside the application range
+// is a free region (protect kPageNoAccess, type 0, alloc_base 0) so that a
+// walk can step over it; false for addresses outside the range.
 bool region_query(const void* addr, Region* out);
 // The lowest and highest application addresses (GetSystemInfo).
 void app_address_range(std::uint64_t* lo, std::uint64_t* hi);
@@ -150,8 +160,13 @@ struct Calls {
     bool (*thread_priority_set)(Thread t, int priority);
 };
 extern Calls calls;
+
 // The platform's own table, for restoring after a test.
 const Calls& native_calls();
+
+// An anonymous pipe (CreatePipe), for clients and tests; the core itself
+// only uses pipe ends that clients hand over.
+bool pipe_create(Handle* read_end, Handle* write_end);
 
 inline Module module_load(const char16_t* p) { return calls.module_load(p); }
 inline void* module_symbol(Module m, const char* n) { return calls.module_symbol(m, n); }

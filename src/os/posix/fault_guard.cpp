@@ -1,0 +1,157 @@
+// Machine faults of module code, caught per thread.
+//
+// guarded_run pushes a frame (a jump buffer linked through the caller's own
+// stack, so nesting costs nothing) onto a thread-local list; the handlers
+// for SIGSEGV, SIGBUS, SIGILL and SIGFPE jump back to the innermost frame of
+// the faulting thread. They run on an alternate signal stack so that a stack
+// overflow is caught too; each thread gets one at its first guarded call
+// (or keeps the one a sanitizer already gave it).
+//
+// A fault on a thread without a frame goes to whatever handled the signal
+// before (a sanitizer's report, a debugger hook) or, when that was the
+// default, ends the process the usual way.
+//
+// The jump buffer does not save the signal mask (no system call per
+// guarded call); the handler restores the mask of the interrupted code
+// from its context before jumping.
+#include <cerrno>
+#include <csetjmp>
+#include <csignal>
+#include <cstdint>
+#include <mutex>
+#include <sys/mman.h>
+#include <ucontext.h>
+#include <unistd.h>
+
+#include "os/os.h"
+
+namespace zor::os {
+
+namespace {
+
+struct Frame {
+    sigjmp_buf jump;
+    Frame* prev;
+    std::uint32_t code;
+    const void* address;
+};
+
+thread_local Frame* t_top = nullptr;
+
+constexpr int kSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE};
+struct sigaction g_previous[4];
+
+int slot_of(int sig) {
+    for (int i = 0; i < 4; ++i)
+        if (kSignals[i] == sig) return i;
+    return 0;
+}
+
+struct AltStack {
+    void* mem = nullptr;
+    std::size_t size = 0;
+    bool ready = false;
+    ~AltStack() {
+        if (!mem) return;
+        stack_t off{};
+        off.ss_flags = SS_DISABLE;
+        sigaltstack(&off, nullptr);
+        munmap(mem, size);
+    }
+};
+thread_local AltStack t_alt;
+
+void ensure_alt_stack() {
+    if (t_alt.ready) return;
+    t_alt.ready = true;
+    stack_t cur{};
+    if (sigaltstack(nullptr, &cur) == 0 && !(cur.ss_flags & SS_DISABLE) && cur.ss_size) return;
+    long min = sysconf(_SC_SIGSTKSZ);
+    std::size_t size = 64 * 1024;
+    if (min > 0 && static_cast<std::size_t>(min) * 4 > size) size = static_cast<std::size_t>(min) * 4;
+    void* mem = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mem == MAP_FAILED) return;  // faults are still caught, stack overflows are not
+    stack_t ss{};
+    ss.ss_sp = mem;
+    ss.ss_size = size;
+    if (sigaltstack(&ss, nullptr) != 0) {
+        munmap(mem, size);
+        return;
+    }
+    t_alt.mem = mem;
+    t_alt.size = size;
+}
+
+// Where the fault happened; a call through null has no code address, so
+// the return address on top of the stack names the caller instead.
+const void* fault_address(const ucontext_t* uc) {
+    auto pc = static_cast<std::uint64_t>(uc->uc_mcontext.gregs[REG_RIP]);
+    if (pc == 0) {
+        auto sp = static_cast<std::uint64_t>(uc->uc_mcontext.gregs[REG_RSP]);
+        if (sp) pc = *reinterpret_cast<const std::uint64_t*>(sp);
+    }
+    return reinterpret_cast<const void*>(pc);
+}
+
+void pass_on(int sig, siginfo_t* info, void* context) {
+    const struct sigaction& prev = g_previous[slot_of(sig)];
+    if ((prev.sa_flags & SA_SIGINFO) && prev.sa_sigaction) {
+        prev.sa_sigaction(sig, info, context);
+        return;
+    }
+    if (prev.sa_handler != SIG_DFL && prev.sa_handler != SIG_IGN) {
+        prev.sa_handler(sig);
+        return;
+    }
+    // Default action: a machine fault repeats on return and now ends the
+    // process; a sent signal is raised again.
+    signal(sig, SIG_DFL);
+    if (info->si_code <= 0) raise(sig);
+}
+
+void on_fault(int sig, siginfo_t* info, void* context) {
+    Frame* f = t_top;
+    if (!f || info->si_code <= 0) {  // no guard, or sent by kill(): not a fault here
+        pass_on(sig, info, context);
+        return;
+    }
+    auto* uc = static_cast<ucontext_t*>(context);
+    f->code = static_cast<std::uint32_t>(sig);
+    f->address = fault_address(uc);
+    t_top = f->prev;
+    pthread_sigmask(SIG_SETMASK, &uc->uc_sigmask, nullptr);
+    siglongjmp(f->jump, 1);
+}
+
+void install() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        struct sigaction sa{};
+        sa.sa_sigaction = on_fault;
+        sa.sa_flags = SA_SIGINFO | SA_ONSTACK;
+        sigemptyset(&sa.sa_mask);
+        for (int i = 0; i < 4; ++i) sigaction(kSignals[i], &sa, &g_previous[i]);
+    });
+}
+
+}  // namespace
+
+bool guarded_run(void (*body)(void*), void* ctx, Fault* fault) {
+    install();
+    ensure_alt_stack();
+    Frame f;
+    f.prev = t_top;
+    if (sigsetjmp(f.jump, 0) == 0) {
+        t_top = &f;
+        body(ctx);
+        t_top = f.prev;
+        return true;
+    }
+    if (fault) {
+        fault->code = f.code;
+        fault->address = f.address;
+    }
+    return false;
+}
+
+}  // namespace zor::os

@@ -1,0 +1,116 @@
+// Directories, environment, file enumeration and the debugger channel.
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fnmatch.h>
+#include <limits.h>
+#include <string>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+#include "os/posix/posix_internal.h"
+
+namespace zor::os {
+
+namespace posix {
+bool exe_path(char* out, std::size_t cap) {
+    ssize_t n = readlink("/proc/self/exe", out, cap - 1);
+    if (n <= 0 || static_cast<std::size_t>(n) >= cap - 1) return false;
+    out[n] = 0;
+    return true;
+}
+}  // namespace posix
+
+bool startup_dir(char16_t* buf, std::uint32_t size) {
+    char path[PATH_MAX];
+    if (!posix::exe_path(path, sizeof path)) return false;
+    char* slash = std::strrchr(path, '/');
+    if (!slash) return false;
+    *(slash == path ? slash + 1 : slash) = 0;  // keep "/" for the root
+    return posix::to_utf16_path(path, buf, size);
+}
+
+// Directories come back with '\\' separators like every path the layer
+// hands out. $APPDATA first (tests and users can point it anywhere), then the XDG
+// configuration folder.
+bool user_appdata_dir(char16_t* buf, std::uint32_t size) {
+    const char* v = std::getenv("APPDATA");
+    if (v && *v) return posix::to_utf16_path(v, buf, size);
+    v = std::getenv("XDG_CONFIG_HOME");
+    if (v && *v) return posix::to_utf16_path(v, buf, size);
+    v = std::getenv("HOME");
+    if (!v || !*v) return false;
+    std::string dir = std::string(v) + "/.config";
+    return posix::to_utf16_path(dir.c_str(), buf, size);
+}
+
+bool env_get(const char* name, char16_t* buf, std::uint32_t size) {
+    const char* v = std::getenv(name);
+    if (!v) {
+        errno = ENOENT;
+        if (size) buf[0] = 0;
+        return false;
+    }
+    if (!posix::to_utf16(v, buf, size)) {
+        errno = ERANGE;
+        return false;
+    }
+    return true;
+}
+
+bool env_set(const char* name, const char16_t* value) {
+    if (!value) return unsetenv(name) == 0;
+    char v[32768];
+    if (!posix::to_utf8(value, v, sizeof v, false)) {
+        errno = ERANGE;
+        return false;
+    }
+    return setenv(name, v, 1) == 0;
+}
+
+void debug_output(const char16_t*) {}
+
+// Names are matched without regard to case, as on Windows, and visited in
+// case-insensitive name order so that every run sees the same sequence.
+void enumerate_files(const char16_t* pattern, FileVisitor visit, void* ctx) {
+    char path[PATH_MAX];
+    if (!pattern || !posix::to_utf8(pattern, path, sizeof path, true)) return;
+    char* slash = std::strrchr(path, '/');
+    const char* dir = ".";
+    const char* mask = path;
+    if (slash) {
+        *slash = 0;
+        dir = slash == path ? "/" : path;
+        mask = slash + 1;
+    }
+    // Windows wildcards are only '*' and '?': brackets match themselves.
+    std::string glob;
+    for (const char* c = mask; *c; ++c) {
+        if (*c == '[') glob += "[[]";
+        else glob += *c;
+    }
+    DIR* d = opendir(dir);
+    if (!d) return;
+    std::vector<std::string> names;
+    while (dirent* e = readdir(d)) {
+        if (fnmatch(glob.c_str(), e->d_name, FNM_CASEFOLD | FNM_NOESCAPE) != 0) continue;
+        struct stat st;
+        if (fstatat(dirfd(d), e->d_name, &st, 0) != 0 || !S_ISREG(st.st_mode)) continue;
+        names.emplace_back(e->d_name);
+    }
+    closedir(d);
+    std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
+        int c = strcasecmp(a.c_str(), b.c_str());
+        return c != 0 ? c < 0 : a < b;
+    });
+    for (const std::string& n : names) {
+        char16_t name[NAME_MAX + 1];
+        if (posix::to_utf16(n.c_str(), name, NAME_MAX + 1)) visit(ctx, name);
+    }
+}
+
+}  // namespace zor::os

@@ -1,0 +1,117 @@
+// Blocking reads and writes on pipe ends.
+//
+// A read waits in ppoll() with the cancel signal unblocked only there, so a
+// cancel that arrives just before the wait is not lost: the signal stays
+// pending until ppoll() starts and then ends it at once.
+#include <cerrno>
+#include <csignal>
+#include <mutex>
+#include <poll.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include "os/posix/posix_internal.h"
+
+namespace zor::os::posix {
+
+namespace {
+
+void ignore_sigpipe() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        // A write to a pipe whose reader is gone fails with EPIPE, as on
+        // Windows, instead of ending the process.
+        struct sigaction sa{}, old{};
+        sigaction(SIGPIPE, nullptr, &old);
+        if (old.sa_handler == SIG_DFL && !(old.sa_flags & SA_SIGINFO)) {
+            sa.sa_handler = SIG_IGN;
+            sigaction(SIGPIPE, &sa, nullptr);
+        }
+    });
+}
+
+bool plain_read(int fd, void* buf, std::uint32_t n, ssize_t* r) {
+    do *r = read(fd, buf, n);
+    while (*r < 0 && errno == EINTR);
+    return *r >= 0;
+}
+
+bool cancellable_read(IoCancel* c, int fd, void* buf, std::uint32_t n, ssize_t* r) {
+    sigset_t sig, old;
+    sigemptyset(&sig);
+    sigaddset(&sig, cancel_signal());
+    pthread_sigmask(SIG_BLOCK, &sig, &old);
+    sigset_t during = old;
+    sigdelset(&during, cancel_signal());
+    c->state.store(IoCancel::kWaiting);
+    bool ok = false;
+    for (;;) {
+        if (c->state.load() == IoCancel::kCancelled) {
+            errno = ECANCELED;
+            break;
+        }
+        pollfd p{fd, POLLIN, 0};
+        if (ppoll(&p, 1, nullptr, &during) < 0) {
+            if (errno == EINTR) continue;
+            break;
+        }
+        *r = read(fd, buf, n);
+        if (*r >= 0) {
+            ok = true;
+            break;
+        }
+        if (errno != EINTR && errno != EAGAIN) break;
+    }
+    int e = errno;
+    c->state.store(IoCancel::kIdle);
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);  // a late cancel lands here, harmlessly
+    errno = e;
+    return ok;
+}
+
+}  // namespace
+
+// ReadFile on a pipe: waits for data, returns what is there (at most n).
+// The writer's end closed gives failure with EPIPE (ERROR_BROKEN_PIPE).
+bool pipe_read(Handle h, void* buf, std::uint32_t n, std::uint32_t* done) {
+    if (done) *done = 0;
+    if (!is_fd_handle(h)) {
+        errno = EBADF;
+        return false;
+    }
+    if (n == 0) return true;
+    ssize_t r = -1;
+    IoCancel* c = current_io_cancel();
+    if (!(c ? cancellable_read(c, fd_of(h), buf, n, &r) : plain_read(fd_of(h), buf, n, &r)))
+        return false;
+    if (r == 0) {
+        errno = EPIPE;
+        return false;
+    }
+    if (done) *done = static_cast<std::uint32_t>(r);
+    return true;
+}
+
+// WriteFile on a blocking pipe: everything is written or the call fails.
+bool pipe_write(Handle h, const void* buf, std::uint32_t n, std::uint32_t* done) {
+    if (done) *done = 0;
+    if (!is_fd_handle(h)) {
+        errno = EBADF;
+        return false;
+    }
+    ignore_sigpipe();
+    const char* p = static_cast<const char*>(buf);
+    std::uint32_t sent = 0;
+    while (sent < n) {
+        ssize_t w = write(fd_of(h), p + sent, n - sent);
+        if (w < 0) {
+            if (errno == EINTR) continue;
+            break;
+        }
+        sent += static_cast<std::uint32_t>(w);
+    }
+    if (done) *done = sent;
+    return sent == n;
+}
+
+}  // namespace zor::os::posix

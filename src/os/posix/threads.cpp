@@ -1,0 +1,212 @@
+// Threads with Windows-like handles.
+//
+// A Thread handle is a pointer to a small heap record, tagged with the top
+// bit so that handle_close can tell it from a descriptor. The record is
+// shared by the thread and the handle (two references); whichever lets go
+// last frees it. Threads run detached: ending is signalled through the
+// record so that thread_wait can time out, and closing the handle of a
+// running thread simply lets it run on, as CloseHandle does.
+//
+// Priorities are recorded, not applied: raising them needs privileges a
+// sanitizer build does not have, and lowering them could not be undone.
+#include <atomic>
+#include <cerrno>
+#include <condition_variable>
+#include <csignal>
+#include <mutex>
+#include <new>
+#include <pthread.h>
+
+#include "os/posix/posix_internal.h"
+
+namespace zor::os {
+
+namespace posix {
+
+namespace {
+
+struct ThreadRecord {
+    ThreadProc proc;
+    void* arg;
+    pthread_t tid{};
+    std::mutex mu;
+    std::condition_variable ended;
+    bool finished = false;
+    std::uint32_t exit_code = 0;
+    std::atomic<int> refs{2};
+    std::atomic<int> priority{kThreadPriorityNormal};
+    IoCancel io;
+};
+
+thread_local ThreadRecord* t_self = nullptr;
+thread_local std::atomic<int> t_priority{kThreadPriorityNormal};  // threads without a record
+std::atomic<std::uint32_t> g_priority_class{kNormalPriorityClass};
+
+void release(ThreadRecord* r) {
+    if (r->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete r;
+}
+
+ThreadRecord* record(Thread t) {
+    if (t == kCurrentThread || !(t & kThreadTag)) return nullptr;
+    return reinterpret_cast<ThreadRecord*>(t & ~kThreadTag);
+}
+
+void* trampoline(void* p) {
+    auto* r = static_cast<ThreadRecord*>(p);
+    t_self = r;
+    std::uint32_t code = r->proc(r->arg);
+    {
+        // Holding the lock here also keeps the thread alive while a
+        // canceller that took it before us signals it.
+        std::lock_guard<std::mutex> lock(r->mu);
+        r->finished = true;
+        r->exit_code = code;
+    }
+    r->ended.notify_all();
+    t_self = nullptr;
+    release(r);
+    return nullptr;
+}
+
+void cancel_handler(int) {}
+
+bool valid_thread_priority(int p) {
+    return (p >= -15 && p <= 15) || p == 0x10000 || p == 0x20000;  // + background modes
+}
+
+}  // namespace
+
+int cancel_signal() {
+    static const int sig = [] {
+        int s = SIGRTMIN + 2;
+        struct sigaction sa{};
+        sa.sa_handler = cancel_handler;  // no SA_RESTART: the wait must end
+        sigemptyset(&sa.sa_mask);
+        sigaction(s, &sa, nullptr);
+        return s;
+    }();
+    return sig;
+}
+
+IoCancel* current_io_cancel() { return t_self ? &t_self->io : nullptr; }
+
+Thread thread_create(ThreadProc proc, void* arg) {
+    if (!proc) {
+        errno = EINVAL;
+        return 0;
+    }
+    auto* r = new (std::nothrow) ThreadRecord{};
+    if (!r) {
+        errno = ENOMEM;
+        return 0;
+    }
+    r->proc = proc;
+    r->arg = arg;
+    cancel_signal();  // installed before any thread can wait for it
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    int e = pthread_create(&r->tid, &attr, trampoline, r);
+    pthread_attr_destroy(&attr);
+    if (e != 0) {
+        delete r;
+        errno = e;
+        return 0;
+    }
+    return kThreadTag | reinterpret_cast<std::uint64_t>(r);
+}
+
+// WAIT_OBJECT_0 when the thread has ended, WAIT_TIMEOUT when not within the
+// time, WAIT_FAILED for a handle that is no thread. 0xFFFFFFFF waits
+// forever. Waiting for the calling thread itself can only time out.
+std::uint32_t thread_wait(Thread t, std::uint32_t timeout_ms) {
+    constexpr std::uint32_t kInfinite = 0xFFFFFFFFu;
+    if (t == kCurrentThread) {
+        if (timeout_ms == kInfinite) {
+            for (;;) sleep_ms(kInfinite - 1);
+        }
+        sleep_ms(timeout_ms);
+        return kWaitTimeout;
+    }
+    ThreadRecord* r = record(t);
+    if (!r) {
+        errno = EBADF;
+        return 0xFFFFFFFFu;
+    }
+    std::unique_lock<std::mutex> lock(r->mu);
+    auto done = [r] { return r->finished; };
+    if (timeout_ms == kInfinite) {
+        r->ended.wait(lock, done);
+        return 0;
+    }
+    return r->ended.wait_for(lock, std::chrono::milliseconds(timeout_ms), done) ? 0 : kWaitTimeout;
+}
+
+// Like CancelSynchronousIo: only a read that is waiting now is cancelled;
+// otherwise the call fails with ENOENT (ERROR_NOT_FOUND).
+bool thread_cancel_io(Thread t) {
+    ThreadRecord* r = record(t);
+    if (!r) {
+        errno = t == kCurrentThread ? ENOENT : EBADF;
+        return false;
+    }
+    int sig = cancel_signal();
+    std::lock_guard<std::mutex> lock(r->mu);
+    int waiting = IoCancel::kWaiting;
+    if (r->finished ||
+        !r->io.state.compare_exchange_strong(waiting, IoCancel::kCancelled)) {
+        errno = ENOENT;
+        return false;
+    }
+    pthread_kill(r->tid, sig);
+    return true;
+}
+
+bool thread_handle_close(Thread t) {
+    ThreadRecord* r = record(t);
+    if (!r) {
+        errno = EBADF;
+        return false;
+    }
+    release(r);
+    return true;
+}
+
+bool priority_class_set(std::uint32_t cls) {
+    switch (cls) {
+        case 0x40: case 0x4000: case 0x20: case 0x8000: case 0x80: case 0x100:
+            g_priority_class.store(cls);
+            return true;
+        case 0x100000: case 0x200000:  // background mode begin/end
+            return true;
+        default:
+            errno = EINVAL;
+            return false;
+    }
+}
+
+bool thread_priority_set(Thread t, int priority) {
+    if (!valid_thread_priority(priority)) {
+        errno = EINVAL;
+        return false;
+    }
+    if (t == kCurrentThread) {
+        (t_self ? t_self->priority : t_priority).store(priority);
+        return true;
+    }
+    ThreadRecord* r = record(t);
+    if (!r) {
+        errno = EBADF;
+        return false;
+    }
+    r->priority.store(priority);
+    return true;
+}
+
+}  // namespace posix
+
+std::uint32_t priority_class_get() { return posix::g_priority_class.load(); }
+
+Thread current_thread() { return posix::kCurrentThread; }
+
+}  // namespace zor::os

@@ -1,0 +1,67 @@
+// Time and identity queries: plain system calls, nothing to fail.
+#include <cerrno>
+#include <csignal>
+#include <climits>
+#include <ctime>
+#include <sched.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "os/os.h"
+
+namespace zor::os {
+
+namespace {
+timespec monotonic() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts;
+}
+}  // namespace
+
+// The origin is the monotonic clock's own (boot): fixed, no state to set up.
+double now_ms() {
+    timespec ts = monotonic();
+    return static_cast<double>(ts.tv_sec) * 1e3 + static_cast<double>(ts.tv_nsec) / 1e6;
+}
+
+std::uint32_t tick_ms() {
+    timespec ts = monotonic();
+    std::uint64_t ms = static_cast<std::uint64_t>(ts.tv_sec) * 1000u +
+                       static_cast<std::uint64_t>(ts.tv_nsec) / 1000000u;
+    return static_cast<std::uint32_t>(ms);
+}
+
+// Sleep(0) gives up the rest of the time slice; longer sleeps resume after
+// signals so that they last the full time.
+void sleep_ms(std::uint32_t ms) {
+    if (ms == 0) {
+        sched_yield();
+        return;
+    }
+    timespec req{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
+    timespec rem;
+    while (nanosleep(&req, &rem) != 0 && errno == EINTR) req = rem;
+}
+
+const char* clock_name() { return "clock_gettime"; }
+
+std::uint32_t current_thread_id() { return static_cast<std::uint32_t>(syscall(SYS_gettid)); }
+
+std::uint32_t current_process_id() { return static_cast<std::uint32_t>(getpid()); }
+
+// Ids above INT_MAX would name process groups to kill(); no process has one.
+bool process_alive(std::uint32_t pid) {
+    if (pid > static_cast<std::uint32_t>(INT_MAX)) return false;
+    if (pid == 0) return true;  // GetProcessVersion(0) is the calling process
+    return kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
+}
+
+std::uint32_t processor_count() {
+    long n = sysconf(_SC_NPROCESSORS_ONLN);
+    return n > 0 ? static_cast<std::uint32_t>(n) : 1u;
+}
+
+std::uint32_t last_error() { return static_cast<std::uint32_t>(errno); }
+
+}  // namespace zor::os
