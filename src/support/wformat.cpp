@@ -1,0 +1,488 @@
+// The host's own printf: UTF-16 formats into a fixed UTF-16 buffer, no
+// allocation, no locks, so that it can run on the per-event path.
+//
+// Integer sizes follow the Windows x64 data model whatever the build:
+// no length and 'l' read a 32-bit int (the host passes 32-bit values with
+// %ld), 'll', 'I64' and 'j' read 64 bits, 'z', 'I' and 't' read a
+// pointer-sized value, 'h' and 'hh' narrow an int.
+// Strings: %s, %ls and %ws take char16_t*; %S and %hs take UTF-8 char*.
+// Width and precision of strings count UTF-16 units. A null string prints
+// "(null)". %c takes a UTF-16 unit, %C and %hc a narrow char (Latin-1).
+// %p prints the pointer as 16 upper-case hex digits, zero padded.
+// %n is not supported: it consumes its pointer and writes nothing.
+// An unknown conversion is copied to the output as written.
+// Floating conversions go through snprintf on a narrow buffer; precision is
+// capped at 120 digits and exponents have at least two digits everywhere.
+#include "support/wformat.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+namespace zor {
+namespace {
+
+constexpr int kMaxWidth = 1 << 20;
+constexpr int kMaxFloatPrecision = 120;
+
+// Writer over the caller's buffer: keeps room for the terminator and
+// silently drops what does not fit.
+struct Out {
+    char16_t* p;
+    std::size_t cap;  // > 0
+    std::size_t n = 0;
+
+    std::size_t room() const { return cap - 1 - n; }
+    void put(char16_t c) {
+        if (n + 1 < cap) p[n++] = c;
+    }
+    void fill(char16_t c, std::size_t k) {
+        if (k > room()) k = room();
+        for (std::size_t i = 0; i < k; ++i) p[n + i] = c;
+        n += k;
+    }
+    void write(const char16_t* s, std::size_t k) {
+        if (k > room()) k = room();
+        std::memcpy(p + n, s, k * sizeof(char16_t));
+        n += k;
+    }
+    void write_ascii(const char* s, std::size_t k) {
+        if (k > room()) k = room();
+        for (std::size_t i = 0; i < k; ++i) p[n + i] = static_cast<unsigned char>(s[i]);
+        n += k;
+    }
+};
+
+enum class Len { None, hh, h, l, ll, z, L };
+
+struct Spec {
+    bool left = false, plus = false, space = false, alt = false, zero = false;
+    int width = 0;
+    int prec = -1;  // -1: none given
+    Len len = Len::None;
+};
+
+// Decodes one UTF-8 sequence at s; returns the code point (U+FFFD for a
+// malformed sequence, which then consumes one byte) and advances s.
+char32_t decode_utf8(const unsigned char*& s) {
+    unsigned c = s[0];
+    if (c < 0x80) {
+        ++s;
+        return c;
+    }
+    int extra;
+    char32_t cp;
+    char32_t min;
+    if ((c & 0xE0) == 0xC0) {
+        extra = 1, cp = c & 0x1F, min = 0x80;
+    } else if ((c & 0xF0) == 0xE0) {
+        extra = 2, cp = c & 0x0F, min = 0x800;
+    } else if ((c & 0xF8) == 0xF0) {
+        extra = 3, cp = c & 0x07, min = 0x10000;
+    } else {
+        ++s;
+        return 0xFFFD;
+    }
+    for (int i = 1; i <= extra; ++i) {
+        if ((s[i] & 0xC0) != 0x80) {  // also stops at the terminator
+            ++s;
+            return 0xFFFD;
+        }
+        cp = (cp << 6) | (s[i] & 0x3F);
+    }
+    if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+        ++s;
+        return 0xFFFD;
+    }
+    s += extra + 1;
+    return cp;
+}
+
+int utf16_units(char32_t cp) { return cp >= 0x10000 ? 2 : 1; }
+
+// UTF-16 units of a UTF-8 string, counting no further than `limit`.
+std::size_t utf8_units(const char* s, std::size_t limit) {
+    auto* u = reinterpret_cast<const unsigned char*>(s);
+    std::size_t n = 0;
+    while (*u) {
+        const unsigned char* before = u;
+        std::size_t k = static_cast<std::size_t>(utf16_units(decode_utf8(u)));
+        if (n + k > limit) {
+            u = before;
+            break;
+        }
+        n += k;
+    }
+    return n;
+}
+
+void put_utf8(Out& o, const char* s, std::size_t units) {
+    auto* u = reinterpret_cast<const unsigned char*>(s);
+    std::size_t done = 0;
+    while (done < units && *u && o.room()) {
+        char32_t cp = decode_utf8(u);
+        if (cp >= 0x10000) {
+            if (o.room() < 2) return;  // a pair is never split
+            cp -= 0x10000;
+            o.put(static_cast<char16_t>(0xD800 + (cp >> 10)));
+            o.put(static_cast<char16_t>(0xDC00 + (cp & 0x3FF)));
+            done += 2;
+        } else {
+            o.put(static_cast<char16_t>(cp));
+            ++done;
+        }
+    }
+}
+
+void pad(Out& o, int width, std::size_t len, char16_t c) {
+    if (width > 0 && static_cast<std::size_t>(width) > len) o.fill(c, width - len);
+}
+
+void put_wide_str(Out& o, const Spec& sp, const char16_t* s) {
+    if (!s) s = u"(null)";
+    std::size_t len = 0;
+    std::size_t max = sp.prec >= 0 ? static_cast<std::size_t>(sp.prec) : SIZE_MAX;
+    while (len < max && s[len]) ++len;
+    if (!sp.left) pad(o, sp.width, len, u' ');
+    o.write(s, len);
+    if (sp.left) pad(o, sp.width, len, u' ');
+}
+
+void put_narrow_str(Out& o, const Spec& sp, const char* s) {
+    if (!s) s = "(null)";
+    std::size_t max = sp.prec >= 0 ? static_cast<std::size_t>(sp.prec) : SIZE_MAX;
+    std::size_t len = utf8_units(s, max);
+    if (!sp.left) pad(o, sp.width, len, u' ');
+    put_utf8(o, s, len);
+    if (sp.left) pad(o, sp.width, len, u' ');
+}
+
+void put_char(Out& o, const Spec& sp, char16_t c) {
+    if (!sp.left) pad(o, sp.width, 1, u' ');
+    o.put(c);
+    if (sp.left) pad(o, sp.width, 1, u' ');
+}
+
+// Integer conversions: sign or "0x" prefix, precision as minimum digits,
+// then width padding with spaces or (flag '0', no precision) zeros.
+void put_int(Out& o, const Spec& sp, std::uint64_t mag, bool neg, char conv) {
+    char16_t digits[24];
+    int nd = 0;
+    const char* hex = conv == 'X' ? "0123456789ABCDEF" : "0123456789abcdef";
+    unsigned base = (conv == 'x' || conv == 'X') ? 16 : conv == 'o' ? 8 : 10;
+    for (std::uint64_t v = mag; v; v /= base) digits[23 - nd++] = static_cast<unsigned char>(hex[v % base]);
+    int prec = sp.prec < 0 ? 1 : sp.prec;
+    if (conv == 'o' && sp.alt && prec <= nd) prec = nd + 1;  // a leading 0
+    int zeros = prec > nd ? prec - nd : 0;
+
+    char16_t prefix[2];
+    int np = 0;
+    if (conv == 'd' || conv == 'i') {
+        if (neg) prefix[np++] = u'-';
+        else if (sp.plus) prefix[np++] = u'+';
+        else if (sp.space) prefix[np++] = u' ';
+    } else if (base == 16 && sp.alt && mag != 0) {
+        prefix[np++] = u'0';
+        prefix[np++] = static_cast<char16_t>(conv);
+    }
+    std::size_t body = static_cast<std::size_t>(np + zeros + nd);
+    if (sp.width > 0 && static_cast<std::size_t>(sp.width) > body && !sp.left) {
+        if (sp.zero && sp.prec < 0) zeros += static_cast<int>(sp.width - body);
+        else o.fill(u' ', sp.width - body);
+    }
+    o.write(prefix, static_cast<std::size_t>(np));
+    o.fill(u'0', static_cast<std::size_t>(zeros));
+    o.write(digits + 24 - nd, static_cast<std::size_t>(nd));
+    if (sp.left) pad(o, sp.width, body, u' ');
+}
+
+void put_pointer(Out& o, const Spec& sp, std::uintptr_t v) {
+    char16_t d[2 * sizeof(void*)];
+    constexpr int nd = 2 * sizeof(void*);
+    for (int i = nd - 1; i >= 0; --i, v >>= 4) d[i] = static_cast<char16_t>("0123456789ABCDEF"[v & 15]);
+    if (!sp.left) pad(o, sp.width, nd, u' ');
+    o.write(d, nd);
+    if (sp.left) pad(o, sp.width, nd, u' ');
+}
+
+// Some C runtimes print three exponent digits; the log reads the same on
+// every platform with the C99 form (at least two).
+std::size_t trim_exponent(char* s, std::size_t n) {
+    for (std::size_t i = 0; i < n; ++i) {
+        if (s[i] != 'e' && s[i] != 'E') continue;
+        if (n - i == 5 && s[i + 2] == '0') {  // e+0dd
+            std::memmove(s + i + 2, s + i + 3, 2);
+            return n - 1;
+        }
+        break;
+    }
+    return n;
+}
+
+void put_float(Out& o, const Spec& sp, double v, char conv) {
+    char f[16];
+    int k = 0;
+    f[k++] = '%';
+    if (sp.plus) f[k++] = '+';
+    if (sp.space) f[k++] = ' ';
+    if (sp.alt) f[k++] = '#';
+    f[k++] = '.';
+    f[k++] = '*';
+    f[k++] = conv;
+    f[k] = 0;
+    int prec = sp.prec < 0 ? 6 : sp.prec > kMaxFloatPrecision ? kMaxFloatPrecision : sp.prec;
+    if (sp.prec < 0 && (conv == 'a' || conv == 'A')) prec = -1;  // exact hex digits
+    char nb[512];
+    int r = std::snprintf(nb, sizeof nb, f, prec, v);
+    if (r < 0) return;
+    std::size_t len = static_cast<std::size_t>(r) < sizeof nb ? static_cast<std::size_t>(r) : sizeof nb - 1;
+    if (conv != 'f' && conv != 'F') len = trim_exponent(nb, len);
+
+    // Zero padding goes after the sign (and "0x"); never for inf and nan.
+    std::size_t lead = 0;
+    if (len && (nb[0] == '-' || nb[0] == '+' || nb[0] == ' ')) lead = 1;
+    if ((conv == 'a' || conv == 'A') && len >= lead + 2 && nb[lead] == '0') lead += 2;
+    char last = len ? nb[len - 1] : 0;
+    bool finite = (last >= '0' && last <= '9') || last == '.';
+    std::size_t w = sp.width > 0 ? static_cast<std::size_t>(sp.width) : 0;
+    if (w > len && !sp.left) {
+        if (sp.zero && finite) {
+            o.write_ascii(nb, lead);
+            o.fill(u'0', w - len);
+            o.write_ascii(nb + lead, len - lead);
+            return;
+        }
+        o.fill(u' ', w - len);
+    }
+    o.write_ascii(nb, len);
+    if (sp.left && w > len) o.fill(u' ', w - len);
+}
+
+int read_number(const char16_t*& f) {
+    int v = 0;
+    while (*f >= u'0' && *f <= u'9') {
+        if (v < kMaxWidth) v = v * 10 + (*f - u'0');
+        ++f;
+    }
+    return v > kMaxWidth ? kMaxWidth : v;
+}
+
+}  // namespace
+
+std::size_t vwformat(char16_t* out, std::size_t cap, const char16_t* fmt, std::va_list ap_in) {
+    if (!out || cap == 0) return 0;
+    Out o{out, cap};
+    if (!fmt) {
+        out[0] = 0;
+        return 0;
+    }
+    std::va_list ap;
+    va_copy(ap, ap_in);
+    const char16_t* f = fmt;
+    while (*f) {
+        if (*f != u'%') {
+            const char16_t* run = f;
+            while (*f && *f != u'%') ++f;
+            o.write(run, static_cast<std::size_t>(f - run));
+            continue;
+        }
+        const char16_t* start = f++;
+        Spec sp;
+        for (;; ++f) {
+            if (*f == u'-') sp.left = true;
+            else if (*f == u'+') sp.plus = true;
+            else if (*f == u' ') sp.space = true;
+            else if (*f == u'#') sp.alt = true;
+            else if (*f == u'0') sp.zero = true;
+            else break;
+        }
+        if (*f == u'*') {
+            ++f;
+            int w = va_arg(ap, int);
+            if (w < 0) {
+                sp.left = true;
+                w = w < -kMaxWidth ? kMaxWidth : -w;
+            }
+            sp.width = w > kMaxWidth ? kMaxWidth : w;
+        } else {
+            sp.width = read_number(f);
+        }
+        if (*f == u'.') {
+            ++f;
+            if (*f == u'*') {
+                ++f;
+                int p = va_arg(ap, int);
+                sp.prec = p < 0 ? -1 : p > kMaxWidth ? kMaxWidth : p;
+            } else {
+                sp.prec = read_number(f);
+            }
+        }
+        switch (*f) {
+            case u'h':
+                ++f;
+                sp.len = Len::h;
+                if (*f == u'h') ++f, sp.len = Len::hh;
+                break;
+            case u'l':
+                ++f;
+                sp.len = Len::l;
+                if (*f == u'l') ++f, sp.len = Len::ll;
+                break;
+            case u'w':
+                ++f, sp.len = Len::l;
+                break;
+            case u'j':
+                ++f, sp.len = Len::ll;
+                break;
+            case u'z':
+            case u't':
+                ++f, sp.len = Len::z;
+                break;
+            case u'L':
+                ++f, sp.len = Len::L;
+                break;
+            case u'I':
+                if (f[1] == u'6' && f[2] == u'4') f += 3, sp.len = Len::ll;
+                else if (f[1] == u'3' && f[2] == u'2') f += 3, sp.len = Len::None;
+                else ++f, sp.len = Len::z;
+                break;
+            default:
+                break;
+        }
+        char16_t c = *f;
+        if (c) ++f;
+        switch (c) {
+            case u'd':
+            case u'i': {
+                std::int64_t v;
+                switch (sp.len) {
+                    case Len::hh: v = static_cast<signed char>(va_arg(ap, int)); break;
+                    case Len::h: v = static_cast<short>(va_arg(ap, int)); break;
+                    case Len::ll:
+                    case Len::L: v = va_arg(ap, long long); break;
+                    case Len::z: v = static_cast<std::int64_t>(va_arg(ap, std::intptr_t)); break;
+                    default: v = va_arg(ap, int); break;
+                }
+                std::uint64_t mag = v < 0 ? 0 - static_cast<std::uint64_t>(v) : static_cast<std::uint64_t>(v);
+                put_int(o, sp, mag, v < 0, 'd');
+                break;
+            }
+            case u'u':
+            case u'x':
+            case u'X':
+            case u'o': {
+                std::uint64_t v;
+                switch (sp.len) {
+                    case Len::hh: v = static_cast<unsigned char>(va_arg(ap, unsigned)); break;
+                    case Len::h: v = static_cast<unsigned short>(va_arg(ap, unsigned)); break;
+                    case Len::ll:
+                    case Len::L: v = va_arg(ap, unsigned long long); break;
+                    case Len::z: v = va_arg(ap, std::uintptr_t); break;
+                    default: v = va_arg(ap, unsigned); break;
+                }
+                put_int(o, sp, v, false, static_cast<char>(c));
+                break;
+            }
+            case u'c':
+                if (sp.len == Len::h || sp.len == Len::hh)
+                    put_char(o, sp, static_cast<unsigned char>(va_arg(ap, int)));
+                else
+                    put_char(o, sp, static_cast<char16_t>(va_arg(ap, int)));
+                break;
+            case u'C':
+                if (sp.len == Len::l) put_char(o, sp, static_cast<char16_t>(va_arg(ap, int)));
+                else put_char(o, sp, static_cast<unsigned char>(va_arg(ap, int)));
+                break;
+            case u's':
+                if (sp.len == Len::h || sp.len == Len::hh) put_narrow_str(o, sp, va_arg(ap, const char*));
+                else put_wide_str(o, sp, va_arg(ap, const char16_t*));
+                break;
+            case u'S':
+                if (sp.len == Len::l) put_wide_str(o, sp, va_arg(ap, const char16_t*));
+                else put_narrow_str(o, sp, va_arg(ap, const char*));
+                break;
+            case u'p':
+                put_pointer(o, sp, reinterpret_cast<std::uintptr_t>(va_arg(ap, void*)));
+                break;
+            case u'f':
+            case u'F':
+            case u'e':
+            case u'E':
+            case u'g':
+            case u'G':
+            case u'a':
+            case u'A': {
+                double v = sp.len == Len::L ? static_cast<double>(va_arg(ap, long double)) : va_arg(ap, double);
+                put_float(o, sp, v, static_cast<char>(c));
+                break;
+            }
+            case u'%':
+                o.put(u'%');
+                break;
+            case u'n':
+                (void)va_arg(ap, void*);
+                break;
+            default:
+                // Unknown or cut-off conversion: show it as written.
+                o.write(start, static_cast<std::size_t>(f - start));
+                break;
+        }
+    }
+    va_end(ap);
+    out[o.n] = 0;
+    return o.n;
+}
+
+std::size_t wformat(char16_t* out, std::size_t cap, const char16_t* fmt, ...) {
+    std::va_list ap;
+    va_start(ap, fmt);
+    std::size_t n = vwformat(out, cap, fmt, ap);
+    va_end(ap);
+    return n;
+}
+
+std::size_t utf16_to_utf8(const char16_t* in, char* out, std::size_t cap) {
+    if (!out || cap == 0) return 0;
+    std::size_t n = 0;
+    if (in) {
+        for (std::size_t i = 0; in[i]; ++i) {
+            char32_t c = in[i];
+            if (c < 0x80) {
+                if (n + 1 >= cap) break;
+                out[n++] = static_cast<char>(c);
+                continue;
+            }
+            if (c >= 0xD800 && c <= 0xDBFF && in[i + 1] >= 0xDC00 && in[i + 1] <= 0xDFFF) {
+                c = 0x10000 + ((c - 0xD800) << 10) + (in[i + 1] - 0xDC00);
+                ++i;
+            } else if (c >= 0xD800 && c <= 0xDFFF) {
+                c = 0xFFFD;  // a lone surrogate
+            }
+            std::size_t k = c < 0x800 ? 2 : c < 0x10000 ? 3 : 4;
+            if (n + k >= cap) break;
+            if (k == 2) {
+                out[n++] = static_cast<char>(0xC0 | (c >> 6));
+            } else if (k == 3) {
+                out[n++] = static_cast<char>(0xE0 | (c >> 12));
+                out[n++] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            } else {
+                out[n++] = static_cast<char>(0xF0 | (c >> 18));
+                out[n++] = static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+                out[n++] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            }
+            out[n++] = static_cast<char>(0x80 | (c & 0x3F));
+        }
+    }
+    out[n] = 0;
+    return n;
+}
+
+std::size_t utf8_to_utf16(const char* in, char16_t* out, std::size_t cap) {
+    if (!out || cap == 0) return 0;
+    Out o{out, cap};
+    if (in) put_utf8(o, in, SIZE_MAX);
+    out[o.n] = 0;
+    return o.n;
+}
+
+}  // namespace zor
