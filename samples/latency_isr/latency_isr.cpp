@@ -1,0 +1,152 @@
+// latency_isr: a sample ISR module that measures how regularly it is called.
+//
+// The host calls ISR_GetSet(20 = Interrupt, sequence) once per interrupt
+// event, on the IRQ driver's high-priority thread (the dispatch thread). We
+// take a time stamp, add the interval since the previous call to a histogram
+// in our private shared memory, and return. Clients map that memory and read
+// the histogram while we write it (see latency_shared.h for the layout).
+//
+// Rules this module follows, as every ISR module must:
+//  - Interrupt runs for every event: no allocation, no locks, no I/O, no
+//    waiting, no calls that may block. A few arithmetic operations and
+//    stores here; anything slow belongs to another thread.
+//  - Every entry returns quickly; the host times each call and logs slow ones.
+//  - State touched by Interrupt and by ExecISRFunc needs no lock: queued
+//    ExecISRFunc requests run on the dispatch thread too, between events.
+//  - Initialize/Shutdown/SetServiceProc arrive on the host's window thread.
+#include <windows.h>
+
+#include <atomic>
+#include <cstring>
+
+#include "latency_isr/latency_shared.h"
+#include "zor/zor_module.h"
+
+namespace {
+
+ZorServiceProc g_service = nullptr;  // the host's service entry (unused here, kept as a pattern)
+std::uint32_t g_handle = 0;          // our module number
+LatencyShared* g_shm = nullptr;      // our shared memory, null when too small or absent
+LARGE_INTEGER g_freq;                // performance-counter ticks per second
+std::int64_t g_lastTick = 0;         // time of the previous Interrupt, 0 = none yet
+std::int64_t g_loadTick = 0;         // start of the current load window
+std::uint64_t g_loadCpu = 0;         // dispatch thread CPU time at its start (100 ns)
+
+std::uint64_t ThreadCpu100ns() {
+    FILETIME c, e, k, u;
+    if (!GetThreadTimes(GetCurrentThread(), &c, &e, &k, &u)) return 0;
+    auto v = [](FILETIME f) { return (std::uint64_t(f.dwHighDateTime) << 32) | f.dwLowDateTime; };
+    return v(k) + v(u);
+}
+
+// Marks the block as being updated (odd generation) or done (even). Readers
+// copy it and retry when the generation was odd or changed meanwhile.
+void BeginUpdate(LatencyShared* s) {
+    s->generation = s->generation + 1;
+    std::atomic_thread_fence(std::memory_order_release);
+}
+void EndUpdate(LatencyShared* s) {
+    std::atomic_thread_fence(std::memory_order_release);
+    s->generation = s->generation + 1;
+}
+
+void Reset(LatencyShared* s) {
+    BeginUpdate(s);
+    s->events = 0;
+    s->intervals = 0;
+    s->sequence_gaps = 0;
+    s->sum_interval_ns = 0;
+    s->min_interval_ns = ~0ull;
+    s->max_interval_ns = 0;
+    std::memset(s->buckets, 0, sizeof s->buckets);
+    s->resets = s->resets + 1;
+    EndUpdate(s);
+    g_lastTick = 0;  // the next event starts a new interval
+}
+
+std::uint32_t OnInitialize(uintptr_t view) {
+    QueryPerformanceFrequency(&g_freq);
+    // The host hands us the view but not its size: ask the system, and do
+    // without shared memory rather than write past a block that is too small.
+    MEMORY_BASIC_INFORMATION mbi;
+    auto* s = reinterpret_cast<LatencyShared*>(view);
+    if (s && VirtualQuery(s, &mbi, sizeof mbi) && mbi.RegionSize >= sizeof(LatencyShared)) {
+        s->magic = LATENCY_MAGIC;
+        s->version = LATENCY_VERSION;
+        Reset(s);
+        s->resets = 0;
+        g_shm = s;
+    }
+    return ZOR_INIT_OK;
+}
+
+std::uint32_t OnInterrupt(std::uint32_t sequence) {
+    LatencyShared* s = g_shm;
+    if (s == nullptr) return 0;
+    LARGE_INTEGER now;
+    QueryPerformanceCounter(&now);
+    BeginUpdate(s);
+    if (s->events != 0 && sequence != s->last_sequence + 1) s->sequence_gaps = s->sequence_gaps + 1;
+    s->last_sequence = sequence;
+    s->events = s->events + 1;
+    if (g_lastTick != 0) {
+        const std::uint64_t ns = std::uint64_t(now.QuadPart - g_lastTick) * 1000000000ull /
+                                 std::uint64_t(g_freq.QuadPart);
+        std::uint64_t b = ns / LATENCY_BUCKET_NS;
+        if (b >= LATENCY_BUCKETS) b = LATENCY_BUCKETS - 1;
+        s->buckets[b] = s->buckets[b] + 1;
+        s->intervals = s->intervals + 1;
+        s->sum_interval_ns = s->sum_interval_ns + ns;
+        if (ns < s->min_interval_ns) s->min_interval_ns = ns;
+        if (ns > s->max_interval_ns) s->max_interval_ns = ns;
+    }
+    EndUpdate(s);
+    g_lastTick = now.QuadPart;
+
+    // Once a second: the dispatch thread's CPU share. GetThreadTimes is a
+    // quick query, fine at this rate; it would not be on every event.
+    if (now.QuadPart - g_loadTick >= g_freq.QuadPart) {
+        const std::uint64_t cpu = ThreadCpu100ns();
+        if (g_loadTick != 0) {
+            const double wall100ns = double(now.QuadPart - g_loadTick) * 1e7 / double(g_freq.QuadPart);
+            s->load_permille = static_cast<std::uint32_t>(double(cpu - g_loadCpu) * 1000.0 / wall100ns);
+        }
+        g_loadTick = now.QuadPart;
+        g_loadCpu = cpu;
+    }
+    return 0;
+}
+
+// ExecISRFunc: `packet` lives only for the call; copy what you keep.
+std::uint32_t OnExec(const ZorExecIsrPacket* packet) {
+    if (packet == nullptr) return 0;
+    switch (packet->func) {
+    case LATENCY_FN_RESET:
+        if (g_shm == nullptr) return 0;
+        Reset(g_shm);
+        return g_shm->resets;
+    case LATENCY_FN_EVENTS:
+        return g_shm ? g_shm->intervals : 0;
+    default:
+        return 0;
+    }
+}
+
+}  // namespace
+
+ZOR_EXPORT uint32_t ISR_GetSet(uint32_t code, uintptr_t arg) {
+    switch (code) {
+    case ZOR_FN_INITIALIZE: return OnInitialize(arg);
+    case ZOR_FN_SHUTDOWN:
+        g_shm = nullptr;  // the host unmaps the block after this call
+        return 0;
+    case ZOR_FN_SET_SERVICE_PROC: g_service = reinterpret_cast<ZorServiceProc>(arg); return 0;
+    case ZOR_FN_SET_ISR_HANDLE: g_handle = static_cast<std::uint32_t>(arg); return 0;
+    case ZOR_FN_EXEC_ISR_FUNC: return OnExec(reinterpret_cast<const ZorExecIsrPacket*>(arg));
+    // A client request (pipe or command 5): the body layout is ours to
+    // choose; this module ignores it and answers the interval count.
+    case ZOR_FN_EXEC_REMOTE_FUNC: return g_shm ? g_shm->intervals : 0;
+    case ZOR_FN_INTERRUPT: return OnInterrupt(static_cast<std::uint32_t>(arg));
+    default: return 0;  // Attach/Detach of other modules: nothing to do
+    }
+}

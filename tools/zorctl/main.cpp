@@ -1,0 +1,302 @@
+// zorctl: drives a running ZOR host from the command line.
+//
+// Every command is one or two calls into the client library; this file is
+// argument handling and printing. Exit codes: 0 ok, 1 the host refused or a
+// call failed, 2 usage, 3 no host running (or it ended during the call).
+#include <windows.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "client/payloads.h"
+#include "zor/zor_client.h"
+
+namespace {
+
+constexpr int kOk = 0, kFail = 1, kUsage = 2, kNoHost = 3;
+
+const char kHelp[] =
+    "usage: zorctl [--pid P] [--timeout MS] COMMAND [ARGS]\n"
+    "\n"
+    "Commands:\n"
+    "  status                      is a host running; its IRQ driver's query value\n"
+    "  register NAME [--shm BYTES] load and register ISR module NAME (file name,\n"
+    "                              at most 19 characters), with private shared memory\n"
+    "  unregister N                unregister module number N\n"
+    "  find NAME                   print the number of the registered module NAME\n"
+    "  info N                      print the shared-memory size module N registered with\n"
+    "  irq-query                   print the IRQ driver's query value (1000: no driver)\n"
+    "  irq-control VALUE           send VALUE to the IRQ driver, print its answer\n"
+    "  call N HEXBYTES [--pipe] [--tag T]\n"
+    "                              hand the bytes to module N's ExecRemoteFunc (by\n"
+    "                              window command, or over a pipe with --pipe)\n"
+    "  exec N FUNC [HEXBYTES] [--wait [MS]]\n"
+    "                              run function FUNC of module N on the dispatch thread;\n"
+    "                              --wait prints its result (default wait 2000 ms)\n"
+    "  watch [--seconds N]         live sequence number, event rate and events not\n"
+    "                              dispatched, until Ctrl-C or N seconds\n"
+    "  quit                        end the host\n"
+    "\n"
+    "Options: --pid P talks to the host window of process P; --timeout MS bounds each\n"
+    "command (default 5000). Numbers may be decimal or 0x-hex.\n"
+    "exec and watch map the system shared area: the host then counts this process\n"
+    "as a client and ends by itself a few seconds after its last such client exits,\n"
+    "unless another one is still running.\n"
+    "\n"
+    "Exit codes: 0 ok, 1 failure, 2 usage, 3 no host running.\n";
+
+int Usage(const char* why) {
+    std::fprintf(stderr, "zorctl: %s\n(zorctl --help for usage)\n", why);
+    return kUsage;
+}
+
+bool ParseU32(const char* s, std::uint32_t* out) {
+    if (s == nullptr || *s == '\0' || *s == '-') return false;
+    char* end = nullptr;
+    errno = 0;
+    unsigned long long v = std::strtoull(s, &end, 0);
+    if (errno != 0 || *end != '\0' || v > 0xFFFFFFFFull) return false;
+    *out = static_cast<std::uint32_t>(v);
+    return true;
+}
+
+int Fail(const char* what, int status) {
+    std::fprintf(stderr, "zorctl: %s: %s\n", what, zor_strerror(status));
+    return status == ZOR_E_NO_HOST || status == ZOR_E_HOST_GONE ? kNoHost : kFail;
+}
+
+struct Args {
+    std::vector<const char*> pos;  // positional words after the command
+    std::uint32_t shm = 0, tag = 0, wait = 0, seconds = 0;
+    bool pipe = false, waitSet = false, secondsSet = false;
+};
+
+// Options after the command word; returns an error text or null.
+const char* ParseOptions(int argc, char** argv, int i, Args* a) {
+    for (; i < argc; ++i) {
+        const char* s = argv[i];
+        if (!std::strcmp(s, "--shm")) {
+            if (++i >= argc || !ParseU32(argv[i], &a->shm)) return "--shm needs a byte count";
+        } else if (!std::strcmp(s, "--tag")) {
+            if (++i >= argc || !ParseU32(argv[i], &a->tag)) return "--tag needs a number";
+        } else if (!std::strcmp(s, "--pipe")) {
+            a->pipe = true;
+        } else if (!std::strcmp(s, "--wait")) {
+            a->waitSet = true;
+            a->wait = 2000;
+            if (i + 1 < argc && ParseU32(argv[i + 1], &a->wait)) ++i;
+            if (a->wait == 0) return "--wait needs a positive number of milliseconds";
+        } else if (!std::strcmp(s, "--seconds")) {
+            a->secondsSet = true;
+            if (++i >= argc || !ParseU32(argv[i], &a->seconds)) return "--seconds needs a number";
+        } else if (s[0] == '-' && s[1] == '-') {
+            return "unknown option";
+        } else {
+            a->pos.push_back(s);
+        }
+    }
+    return nullptr;
+}
+
+volatile LONG g_stop = 0;
+BOOL WINAPI OnCtrl(DWORD) {
+    InterlockedExchange(&g_stop, 1);
+    return TRUE;
+}
+
+int Status(ZorConnection* c) {
+    std::uint32_t q = 0;
+    int st = zor_irq_query(c, &q);
+    if (st != ZOR_OK) return Fail("irq-query", st);
+    std::printf("host running: pid %lu\n", static_cast<unsigned long>(zor_host_pid(c)));
+    if (q == 1000)
+        std::printf("irq driver: none loaded (query 1000)\n");
+    else
+        std::printf("irq driver query: %lu\n", static_cast<unsigned long>(q));
+    return kOk;
+}
+
+int Watch(ZorConnection* c, const Args& a) {
+    std::uint32_t seq = 0, run = 0;
+    int st = zor_read_counters(c, &seq, &run);
+    if (st != ZOR_OK) return Fail("system area", st);
+    SetConsoleCtrlHandler(OnCtrl, TRUE);
+    DWORD mode;
+    const bool console = GetConsoleMode(GetStdHandle(STD_OUTPUT_HANDLE), &mode) != 0;
+    const ULONGLONG t0 = GetTickCount64();
+    ULONGLONG last = t0;
+    std::uint32_t lastSeq = seq, lastRun = run;
+    std::uint64_t missed = 0;
+    while (!g_stop) {
+        Sleep(console ? 250 : 1000);
+        const ULONGLONG now = GetTickCount64();
+        if (!zor_host_alive(c)) {
+            std::printf("%shost ended\n", console ? "\n" : "");
+            return kNoHost;
+        }
+        zor_read_counters(c, &seq, &run);
+        // Each dispatched event runs the deferred list once; events the
+        // driver signalled beyond those were not dispatched (paused host).
+        const std::uint32_t dSeq = seq - lastSeq, dRun = run - lastRun;
+        if (dSeq > dRun) missed += dSeq - dRun;
+        const double rate = (now > last) ? dSeq * 1000.0 / static_cast<double>(now - last) : 0;
+        std::printf("%ssequence %10lu   rate %9.1f /s   not dispatched %llu   %s", console ? "\r" : "",
+                    static_cast<unsigned long>(seq), rate, static_cast<unsigned long long>(missed),
+                    console ? "  " : "\n");
+        std::fflush(stdout);
+        lastSeq = seq;
+        lastRun = run;
+        last = now;
+        if (a.secondsSet && now - t0 >= a.seconds * 1000ull) break;
+    }
+    if (console) std::printf("\n");
+    return kOk;
+}
+
+int Run(ZorConnection* c, const std::string& cmd, const Args& a) {
+    const auto& p = a.pos;
+    std::uint32_t n = 0, v = 0, r = 0;
+    int st;
+    if (cmd == "status") {
+        if (!p.empty()) return Usage("status takes no arguments");
+        return Status(c);
+    }
+    if (cmd == "register") {
+        if (p.size() != 1) return Usage("register NAME [--shm BYTES]");
+        ZorView shm{};
+        st = zor_register_module(c, p[0], a.shm, &n, a.shm ? &shm : nullptr);
+        if (st != ZOR_OK) return Fail("register", st);
+        std::printf("registered %s as module %lu", p[0], static_cast<unsigned long>(n));
+        if (a.shm) std::printf(" with %lu bytes of shared memory", static_cast<unsigned long>(a.shm));
+        std::printf("\n");
+        zor_unmap(&shm);
+        return kOk;
+    }
+    if (cmd == "unregister") {
+        if (p.size() != 1 || !ParseU32(p[0], &n)) return Usage("unregister N");
+        st = zor_unregister_module(c, n);
+        if (st != ZOR_OK) return Fail("unregister", st);
+        std::printf("unregister sent for module %lu\n", static_cast<unsigned long>(n));
+        return kOk;
+    }
+    if (cmd == "find") {
+        if (p.size() != 1) return Usage("find NAME");
+        st = zor_find_module(c, p[0], &n);
+        if (st != ZOR_OK) return Fail(p[0], st);
+        std::printf("%lu\n", static_cast<unsigned long>(n));
+        return kOk;
+    }
+    if (cmd == "info") {
+        if (p.size() != 1 || !ParseU32(p[0], &n)) return Usage("info N");
+        st = zor_module_info(c, n, &v);
+        if (st != ZOR_OK) return Fail("info", st);
+        std::printf("module %lu: %lu bytes of shared memory\n", static_cast<unsigned long>(n),
+                    static_cast<unsigned long>(v));
+        return kOk;
+    }
+    if (cmd == "irq-query") {
+        if (!p.empty()) return Usage("irq-query takes no arguments");
+        st = zor_irq_query(c, &v);
+        if (st != ZOR_OK) return Fail("irq-query", st);
+        std::printf("%lu\n", static_cast<unsigned long>(v));
+        return kOk;
+    }
+    if (cmd == "irq-control") {
+        if (p.size() != 1 || !ParseU32(p[0], &v)) return Usage("irq-control VALUE");
+        st = zor_irq_control(c, v, &r);
+        if (st != ZOR_OK) return Fail("irq-control", st);
+        std::printf("%lu\n", static_cast<unsigned long>(r));
+        return kOk;
+    }
+    if (cmd == "call" || cmd == "exec") {
+        const bool exec = cmd == "exec";
+        std::uint32_t func = 0;
+        const std::size_t need = exec ? 2 : 2, most = exec ? 3 : 2;
+        if (p.size() < need || p.size() > most || !ParseU32(p[0], &n) ||
+            (exec && !ParseU32(p[1], &func)))
+            return Usage(exec ? "exec N FUNC [HEXBYTES] [--wait [MS]]"
+                              : "call N HEXBYTES [--pipe] [--tag T]");
+        const char* hex = exec ? (p.size() == 3 ? p[2] : "") : p[1];
+        std::vector<unsigned char> data(std::strlen(hex) / 2 + 1);
+        std::size_t len = 0;
+        st = zor::client::parse_hex(hex, data.data(), data.size(), &len);
+        if (st != ZOR_OK) return Usage("HEXBYTES must be pairs of hex digits");
+        if (exec) {
+            st = zor_exec_isr_func(c, n, func, data.data(), static_cast<std::uint32_t>(len),
+                                   a.waitSet ? a.wait : 0, &r);
+            if (st != ZOR_OK) return Fail("exec", st);
+            if (a.waitSet) std::printf("%lu\n", static_cast<unsigned long>(r));
+            else std::printf("queued\n");
+            return kOk;
+        }
+        if (a.pipe) {
+            st = zor_pipe_open(c);
+            if (st != ZOR_OK) return Fail("pipe", st);
+            st = zor_pipe_call(c, n, a.tag, data.data(), static_cast<std::uint32_t>(len), &r);
+            int cst = zor_pipe_close(c);
+            if (st == ZOR_OK && cst != ZOR_OK) st = cst;
+        } else {
+            st = zor_module_call(c, n, a.tag, data.data(), static_cast<std::uint32_t>(len), &r);
+        }
+        if (st != ZOR_OK) return Fail("call", st);
+        std::printf("%lu\n", static_cast<unsigned long>(r));
+        return kOk;
+    }
+    if (cmd == "watch") {
+        if (!p.empty()) return Usage("watch [--seconds N]");
+        return Watch(c, a);
+    }
+    if (cmd == "quit") {
+        if (!p.empty()) return Usage("quit takes no arguments");
+        st = zor_quit(c);
+        if (st != ZOR_OK) return Fail("quit", st);
+        std::printf("host told to quit\n");
+        return kOk;
+    }
+    return Usage("unknown command");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::uint32_t pid = 0, timeout = 0;
+    int i = 1;
+    for (; i < argc && argv[i][0] == '-'; ++i) {
+        if (!std::strcmp(argv[i], "--help") || !std::strcmp(argv[i], "-h")) {
+            std::fputs(kHelp, stdout);
+            return kOk;
+        }
+        if (!std::strcmp(argv[i], "--pid")) {
+            if (++i >= argc || !ParseU32(argv[i], &pid) || pid == 0) return Usage("--pid needs a process id");
+        } else if (!std::strcmp(argv[i], "--timeout")) {
+            if (++i >= argc || !ParseU32(argv[i], &timeout) || timeout == 0)
+                return Usage("--timeout needs milliseconds");
+        } else {
+            return Usage("unknown option");
+        }
+    }
+    if (i >= argc) return Usage("no command");
+    const std::string cmd = argv[i];
+    Args a;
+    if (const char* err = ParseOptions(argc, argv, i + 1, &a)) return Usage(err);
+    static const char* const known[] = {"status", "register", "unregister", "find", "info",
+                                        "irq-query", "irq-control", "call", "exec", "watch", "quit"};
+    bool ok = false;
+    for (const char* k : known) ok = ok || cmd == k;
+    if (!ok) return Usage("unknown command");
+
+    ZorConnection* c = nullptr;
+    int st = pid ? zor_connect_pid(&c, pid, timeout) : zor_connect(&c, timeout);
+    if (st != ZOR_OK) {
+        if (cmd == "status" && st == ZOR_E_NO_HOST) std::printf("no host running\n");
+        return Fail("connect", st);
+    }
+    int rc = Run(c, cmd, a);
+    std::fflush(stdout);
+    zor_disconnect(c);
+    return rc;
+}
