@@ -233,6 +233,10 @@ std::uint32_t module_file_name(std::uint64_t alloc_base, char16_t* buf, std::uin
     std::uint32_t n = 0;
     for (; wide[n] && n + 1 < size; ++n) buf[n] = wide[n];
     buf[n] = 0;
+    if (wide[n]) {
+        errno = ERANGE;  // ERROR_INSUFFICIENT_BUFFER: the size comes back
+        return size;
+    }
     return n;
 }
 
