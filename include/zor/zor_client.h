@@ -98,6 +98,9 @@ ZOR_CLIENT_API int zor_connect_pid(ZorConnection** out, uint32_t host_pid,
 /* Closes the pipe (command 9 + 12 when opened), unmaps the system area and
  * frees the connection. Views returned to the caller stay mapped. */
 ZOR_CLIENT_API void zor_disconnect(ZorConnection* c);
+/* Process ids of every running host window (several hosts may run in one
+ * session); *count gets the total, of which at most `cap` are stored. */
+ZOR_CLIENT_API int zor_list_hosts(uint32_t* pids, uint32_t cap, uint32_t* count);
 ZOR_CLIENT_API int zor_set_timeout(ZorConnection* c, uint32_t timeout_ms);
 /* 1 while the host process runs, 0 otherwise. */
 ZOR_CLIENT_API int zor_host_alive(ZorConnection* c);

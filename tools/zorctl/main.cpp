@@ -24,6 +24,7 @@ const char kHelp[] =
     "\n"
     "Commands:\n"
     "  status                      is a host running; its IRQ driver's query value\n"
+    "  hosts                       process ids of all running hosts, one a line\n"
     "  register NAME [--shm BYTES] load and register ISR module NAME (file name,\n"
     "                              at most 19 characters), with private shared memory\n"
     "  unregister N                unregister module number N\n"
@@ -283,6 +284,12 @@ int main(int argc, char** argv) {
     const std::string cmd = argv[i];
     Args a;
     if (const char* err = ParseOptions(argc, argv, i + 1, &a)) return Usage(err);
+    if (cmd == "hosts") {
+        std::uint32_t pids[64], n = 0;
+        zor_list_hosts(pids, 64, &n);
+        for (std::uint32_t k = 0; k < n && k < 64; ++k) std::printf("%lu\n", static_cast<unsigned long>(pids[k]));
+        return n ? kOk : kNoHost;
+    }
     static const char* const known[] = {"status", "register", "unregister", "find", "info",
                                         "irq-query", "irq-control", "call", "exec", "watch", "quit"};
     bool ok = false;

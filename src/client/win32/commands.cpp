@@ -35,6 +35,11 @@ void zor_disconnect(ZorConnection* c) {
     Close(c);
 }
 
+int zor_list_hosts(uint32_t* pids, uint32_t cap, uint32_t* count) {
+    if (count == nullptr) return ZOR_E_INVALID_ARG;
+    return ListHosts(pids, cap, count);
+}
+
 int zor_set_timeout(ZorConnection* c, uint32_t timeout_ms) {
     if (c == nullptr || timeout_ms == 0) return ZOR_E_INVALID_ARG;
     c->timeout_ms = timeout_ms;

@@ -13,6 +13,8 @@ namespace {
 constexpr wchar_t kDialogClass[] = L"#32770";
 constexpr wchar_t kCaption[] = L"" ZOR_WINDOW_CAPTION;
 
+bool IsHostWindow(HWND hwnd);
+
 struct Search {
     DWORD pid;
     HWND found;
@@ -20,9 +22,7 @@ struct Search {
 
 BOOL CALLBACK MatchWindow(HWND hwnd, LPARAM lp) {
     auto* s = reinterpret_cast<Search*>(lp);
-    wchar_t cls[16], text[32];
-    if (GetClassNameW(hwnd, cls, 16) == 0 || wcscmp(cls, kDialogClass) != 0) return TRUE;
-    if (GetWindowTextW(hwnd, text, 32) == 0 || wcscmp(text, kCaption) != 0) return TRUE;
+    if (!IsHostWindow(hwnd)) return TRUE;
     DWORD pid = 0;
     GetWindowThreadProcessId(hwnd, &pid);
     if (pid != s->pid) return TRUE;
@@ -30,7 +30,36 @@ BOOL CALLBACK MatchWindow(HWND hwnd, LPARAM lp) {
     return FALSE;
 }
 
+struct List {
+    std::uint32_t* pids;
+    std::uint32_t cap;
+    std::uint32_t count;
+};
+
+bool IsHostWindow(HWND hwnd) {
+    wchar_t cls[16], text[32];
+    if (GetClassNameW(hwnd, cls, 16) == 0 || wcscmp(cls, kDialogClass) != 0) return false;
+    return GetWindowTextW(hwnd, text, 32) != 0 && wcscmp(text, kCaption) == 0;
+}
+
+BOOL CALLBACK CollectWindow(HWND hwnd, LPARAM lp) {
+    auto* l = reinterpret_cast<List*>(lp);
+    if (!IsHostWindow(hwnd)) return TRUE;
+    DWORD pid = 0;
+    GetWindowThreadProcessId(hwnd, &pid);
+    if (l->count < l->cap) l->pids[l->count] = pid;
+    ++l->count;
+    return TRUE;
+}
+
 }  // namespace
+
+int ListHosts(std::uint32_t* pids, std::uint32_t cap, std::uint32_t* count) {
+    List l{pids, pids ? cap : 0, 0};
+    EnumWindows(CollectWindow, reinterpret_cast<LPARAM>(&l));
+    *count = l.count;
+    return ZOR_OK;
+}
 
 int Open(ZorConnection** out, std::uint32_t host_pid, bool by_pid, std::uint32_t timeout_ms) {
     if (out == nullptr) return ZOR_E_INVALID_ARG;

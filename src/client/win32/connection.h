@@ -31,6 +31,7 @@ namespace zor::client {
 
 int Open(ZorConnection** out, std::uint32_t host_pid, bool by_pid, std::uint32_t timeout_ms);
 void Close(ZorConnection* c);
+int ListHosts(std::uint32_t* pids, std::uint32_t cap, std::uint32_t* count);
 bool HostAlive(ZorConnection* c);
 // WM_COPYDATA with a bounded wait; timeout_ms 0 = the connection's.
 int Send(ZorConnection* c, std::uint32_t command, const void* payload, std::uint32_t size,
