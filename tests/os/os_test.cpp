@@ -245,9 +245,9 @@ TEST(OsFiles, EnvironmentAndAppData) {
 
     char16_t saved[1024];
     bool had = os::env_get("APPDATA", saved, 1024);
-    ASSERT_TRUE(os::env_set("APPDATA", u"\\zor\\appdata"));
+    ASSERT_TRUE(os::env_set("APPDATA", u"\\zor\\appdata\\"));
     ASSERT_TRUE(os::user_appdata_dir(buf, 260));
-    EXPECT_EQ(std::u16string(buf), u"\\zor\\appdata");
+    EXPECT_EQ(std::u16string(buf), u"\\zor\\appdata");  // no trailing separator
     os::env_set("APPDATA", had ? saved : nullptr);
 }
 
@@ -288,11 +288,9 @@ TEST(OsRegions, StackHeapCodeAndHoles) {
     char16_t name[1024];
     ASSERT_GT(os::module_file_name(r.alloc_base, name, 1024), 0u);
     EXPECT_TRUE(StartsWithNoCase(FilePart(name), u"os_tests"));
-    std::u16string self = name;
-    ASSERT_GT(os::module_file_name(0, name, 1024), 0u);  // 0 is the program itself
-    EXPECT_EQ(self, std::u16string(name));
+    EXPECT_EQ(os::module_file_name(0, name, 1024), 0u);  // a free region's base
     EXPECT_EQ(os::module_file_name(r.alloc_base + 1, name, 1024), 0u);  // not a module start
-    EXPECT_GT(os::module_file_name(r.alloc_base, name, 4), 0u);         // cut, terminated
+    EXPECT_EQ(os::module_file_name(r.alloc_base, name, 4), 3u);         // cut, terminated
     EXPECT_EQ(std::u16string(name).size(), 3u);
 
     // A view that was unmapped leaves a hole: a free, no-access region.

@@ -38,13 +38,17 @@ bool startup_dir(char16_t* buf, std::uint32_t size) {
 // hands out. $APPDATA first (tests and users can point it anywhere), then the XDG
 // configuration folder.
 bool user_appdata_dir(char16_t* buf, std::uint32_t size) {
-    const char* v = std::getenv("APPDATA");
-    if (v && *v) return posix::to_utf16_path(v, buf, size);
-    v = std::getenv("XDG_CONFIG_HOME");
-    if (v && *v) return posix::to_utf16_path(v, buf, size);
-    v = std::getenv("HOME");
-    if (!v || !*v) return false;
-    std::string dir = std::string(v) + "/.config";
+    std::string dir;
+    if (const char* v = std::getenv("APPDATA"); v && *v) {
+        dir = v;
+    } else if (const char* x = std::getenv("XDG_CONFIG_HOME"); x && *x) {
+        dir = x;
+    } else if (const char* h = std::getenv("HOME"); h && *h) {
+        dir = std::string(h) + "/.config";
+    } else {
+        return false;
+    }
+    while (dir.size() > 1 && (dir.back() == '/' || dir.back() == '\\')) dir.pop_back();
     return posix::to_utf16_path(dir.c_str(), buf, size);
 }
 

@@ -196,15 +196,15 @@ void app_address_range(std::uint64_t* lo, std::uint64_t* hi) {
 }
 
 // The base must be where a loaded object starts (its lowest mapping), as
-// GetModuleFileNameW wants a module handle; 0 names the executable. The
-// path is returned with '\\' separators like every path the layer hands
-// out.
+// GetModuleFileNameW wants a module handle. 0 is a free region's base and
+// has no name. The path is returned with '\\' separators like every path
+// the layer hands out, cut to the buffer and terminated.
 std::uint32_t module_file_name(std::uint64_t alloc_base, char16_t* buf, std::uint32_t size) {
+    if (!buf || size == 0) return 0;
+    buf[0] = 0;
     char path[PATH_MAX];
     path[0] = 0;
-    if (alloc_base == 0) {
-        if (!posix::exe_path(path, sizeof path)) return 0;
-    } else {
+    {
         MapsReader maps;
         MapLine m;
         std::uint32_t dev = 0;
@@ -226,17 +226,14 @@ std::uint32_t module_file_name(std::uint64_t alloc_base, char16_t* buf, std::uin
     }
     // Cut to the buffer like GetModuleFileNameW.
     char16_t wide[PATH_MAX];
-    if (size == 0 || !posix::to_utf16_path(path, wide, PATH_MAX)) {
+    if (!posix::to_utf16_path(path, wide, PATH_MAX)) {
         errno = ERANGE;
         return 0;
     }
     std::uint32_t n = 0;
     for (; wide[n] && n + 1 < size; ++n) buf[n] = wide[n];
     buf[n] = 0;
-    if (wide[n]) {
-        errno = ERANGE;  // ERROR_INSUFFICIENT_BUFFER: the size comes back
-        return size;
-    }
+    if (wide[n]) errno = ERANGE;  // ERROR_INSUFFICIENT_BUFFER
     return n;
 }
 

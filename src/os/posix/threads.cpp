@@ -116,9 +116,9 @@ Thread thread_create(ThreadProc proc, void* arg) {
     return kThreadTag | reinterpret_cast<std::uint64_t>(r);
 }
 
-// WAIT_OBJECT_0 when the thread has ended, WAIT_TIMEOUT when not within the
-// time, WAIT_FAILED for a handle that is no thread. 0xFFFFFFFF waits
-// forever. Waiting for the calling thread itself can only time out.
+// WAIT_OBJECT_0 when the thread has ended, otherwise WAIT_TIMEOUT (also for
+// a handle that is no thread). 0xFFFFFFFF waits forever. Waiting for the
+// calling thread itself can only time out.
 std::uint32_t thread_wait(Thread t, std::uint32_t timeout_ms) {
     constexpr std::uint32_t kInfinite = 0xFFFFFFFFu;
     if (t == kCurrentThread) {
@@ -131,7 +131,7 @@ std::uint32_t thread_wait(Thread t, std::uint32_t timeout_ms) {
     ThreadRecord* r = record(t);
     if (!r) {
         errno = EBADF;
-        return 0xFFFFFFFFu;
+        return kWaitTimeout;
     }
     std::unique_lock<std::mutex> lock(r->mu);
     auto done = [r] { return r->finished; };
