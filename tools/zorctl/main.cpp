@@ -114,10 +114,10 @@ int Status(ZorConnection* c) {
     int st = zor_irq_query(c, &q);
     if (st != ZOR_OK) return Fail("irq-query", st);
     std::printf("host running: pid %lu\n", static_cast<unsigned long>(zor_host_pid(c)));
-    if (q == 1000)
-        std::printf("irq driver: none loaded (query 1000)\n");
-    else
-        std::printf("irq driver query: %lu\n", static_cast<unsigned long>(q));
+    // The value is the driver's own (timer.irq: its period in microseconds);
+    // the host answers 1000 itself when no driver is loaded.
+    std::printf("irq driver query: %lu%s\n", static_cast<unsigned long>(q),
+                q == 1000 ? " (also the host's answer when no driver is loaded)" : "");
     return kOk;
 }
 
