@@ -312,6 +312,37 @@ TEST(OsRegions, StackHeapCodeAndHoles) {
     EXPECT_FALSE(os::region_query(reinterpret_cast<const void*>(hi + 1), &r));
 }
 
+std::u16string ProbePath();
+
+// The report of loaded modules walks the whole range region by region and
+// reads the header of every image start: it must step over holes, end,
+// and meet each loaded module once.
+TEST(OsRegions, AWalkOverTheRangeMeetsEveryLoadedModuleOnce) {
+    os::Module m = os::module_load(ProbePath().c_str());
+    ASSERT_NE(m, nullptr);
+    std::uint64_t lo, hi;
+    os::app_address_range(&lo, &hi);
+    int program = 0, probe = 0, regions = 0;
+    for (std::uint64_t a = lo; a < hi; ++regions) {
+        os::Region r{};
+        if (!os::region_query(reinterpret_cast<const void*>(a), &r)) break;
+        ASSERT_GT(r.base + r.size, a);
+        a = r.base + r.size;
+        if (r.type != os::kMemImage || (r.protect & (os::kPageNoAccess | os::kPageGuard)) ||
+            r.base != r.alloc_base)
+            continue;
+        ASSERT_TRUE(LooksLikeImageHeader(r.base));
+        char16_t name[1024];
+        ASSERT_GT(os::module_file_name(r.base, name, 1024), 0u);
+        program += StartsWithNoCase(FilePart(name), u"os_tests");
+        probe += StartsWithNoCase(FilePart(name), u"os_probe_lib");
+    }
+    EXPECT_GT(regions, 3);
+    EXPECT_EQ(program, 1);
+    EXPECT_EQ(probe, 1);
+    EXPECT_TRUE(os::module_free(m));
+}
+
 std::u16string ProbePath() {
     return Slashed(Widen(ZOR_TEST_BIN_DIR), u'\\') + u"\\os_probe_lib" + ZOR_MODULE_SUFFIX;
 }
