@@ -81,6 +81,44 @@ enum ZorFunctionCode {
 #define ZOR_INIT_OK 0u
 #define ZOR_INIT_PENDING 2u
 
+/* ------------------------------------------------------------ bundled drivers
+ * Two IRQ drivers ship beside zor.exe. What their GS_IRQ_QUERY and
+ * GS_IRQ_CONTROL values mean (clients reach them with commands 6 and 7):
+ *
+ * timer.irq (Windows): one event per period from its own thread, on absolute
+ *   deadlines (no drift). The sequence number counts periods: a late wake-up
+ *   delivers one event and skips the numbers of the periods it missed, it
+ *   never delivers a burst. It waits on a high-resolution waitable timer, or
+ *   with a fine-grained thread sleep where that wakes closer to the deadline
+ *   (measured when it starts; under Wine timers are coarse).
+ *     GS_IRQ_QUERY          the period in microseconds; 0 while paused
+ *     GS_IRQ_CONTROL(us)    sets the period, answers the previous one;
+ *                           0 pauses; below ZOR_TIMER_FLOOR_US (1000 us on
+ *                           systems without high-resolution timers) or above
+ *                           ZOR_TIMER_CEILING_US it answers ZOR_TIMER_REFUSED
+ *                           and keeps the period. The sequence goes on without
+ *                           a gap across changes and pauses.
+ *     Initialize            0; 1 no timer; 3 no thread
+ *
+ * trigger.irq (tests, benchmarks): events on demand, back to back, from its
+ *   own thread; sequence numbers start at 1.
+ *     GS_IRQ_QUERY          events delivered so far
+ *     GS_IRQ_CONTROL(v)     answers the number the next event will carry:
+ *       1 .. 0x7FFFFFFF     queue v events (answers at once)
+ *       ZOR_TRIGGER_STOP    leave free-running, drop queued events
+ *       ZOR_TRIGGER_FREE_RUN  events as fast as the host takes them
+ *       ZOR_TRIGGER_SKIP|k  skip k numbers before the next event (a gap)
+ *   In-process extras: uint32_t Trigger_Fire(n), Trigger_WaitIdle(timeout_ms)
+ *   (1 when nothing is queued, delivered or free-running), Trigger_ThreadId().
+ */
+#define ZOR_TIMER_DEFAULT_US 1000u
+#define ZOR_TIMER_FLOOR_US 100u
+#define ZOR_TIMER_CEILING_US 10000000u
+#define ZOR_TIMER_REFUSED 0xFFFFFFFFu
+#define ZOR_TRIGGER_STOP 0u
+#define ZOR_TRIGGER_FREE_RUN 0xFFFFFFFFu
+#define ZOR_TRIGGER_SKIP 0x80000000u
+
 /* ------------------------------------------------------------ service codes
  * ServiceProc(code, a1..a6). "DLL handle" = module number (1..99).           */
 enum ZorServiceCode {

@@ -1,5 +1,72 @@
-// Placeholder until the statistics report lands.
+// End of every dispatched event: load, long-event warning, the timing table
+// every 1024 events, the sequence-gap check and the one-time report of
+// locked modules. Runs on the dispatch thread; the table costs one line per
+// ISR once every 1024 events, everything else one clock read and one add.
 #include "dispatch/dispatcher.h"
+
+#include "host/host.h"
+#include "support/stopwatch.h"
+
 namespace zor {
-void Dispatcher::EndOfInterrupt(std::uint32_t) {}
+
+namespace {
+
+constexpr double kLongEventMs = 15.0;
+constexpr std::uint32_t kReportMask = 1023;      // table when the low 10 bits are 0
+constexpr std::uint32_t kSequenceCheckAfter = 1000;
+constexpr std::uint32_t kLockReportAt = 6000;
+
+// %ld reads a 32-bit long on the product's platform; print the same figures
+// everywhere.
+long AsLong(std::uint32_t v) { return static_cast<long>(static_cast<std::int32_t>(v)); }
+
+void PrintRow(Logger& log, const char16_t* who, const CStatistic& s) {
+    log.wPrintf(2, 6, u"%20s: %7.3lf / %7.3lf / %7.3lf\n", who, s.Min(), s.Avg(), s.Max());
+}
+
+}  // namespace
+
+void Dispatcher::EndOfInterrupt(std::uint32_t sequence) {
+    Logger& log = h_.log;
+    double total = ClockMs() - wakeTime_;
+    double hz = irqFrequencyHz.load(std::memory_order_relaxed);
+    if (hz != 0.0) {
+        irqLoadPercent.store(total / (1000.0 / hz) * 100.0, std::memory_order_relaxed);
+    }
+    if (total > kLongEventMs) {
+        log.wPrintf(0, 1, u"ZOR: total ISR used %3.2f ms (TDL %3.2f ms)\n\r", total, tdlTime_);
+    }
+    totalStat_.Add(total);
+
+    if ((eventCounter_ & kReportMask) == 0) {
+        log.wPrintf(2, 6, u"                             Standard ISR                     ExecISRFunc\n");
+        log.wPrintf(2, 6, u"-------- WHO ---------- MIN ----- AVG ----- MAX ------- MIN ----- AVG ----- MAX --------\n");
+        PrintRow(log, u"ZOR WAKEUP", wakeupStat_);
+        PrintRow(log, u"ZOR TOTAL", totalStat_);
+        wakeupStat_.Reset();
+        totalStat_.Reset();
+        for (std::uint32_t i = 0; i < dispatchCount_.load(std::memory_order_relaxed); ++i) {
+            ModuleSlot& s = h_.slots[order_[i]];
+            log.wPrintf(2, 6, u"%20s: %7.3lf / %7.3lf / %7.3lf     %7.3lf / %7.3lf / %7.3lf\n",
+                        s.name, s.interruptStat.Min(), s.interruptStat.Avg(),
+                        s.interruptStat.Max(), s.execStat.Min(), s.execStat.Avg(),
+                        s.execStat.Max());
+            s.interruptStat.Reset();
+            s.execStat.Reset();
+        }
+    }
+
+    if (eventCounter_ > kSequenceCheckAfter) {
+        if (sequence != lastSequence_ + 1) {
+            log.wPrintf(0, 1, u"ZOR: Time discontinuous! %ld->%ld\n\r", AsLong(lastSequence_),
+                        AsLong(sequence));
+        }
+        lastSequence_ = sequence;
+        if (eventCounter_ == kLockReportAt) ReportLockedModules(log, h_.lockedNames);
+    } else {
+        lastSequence_ = sequence;
+    }
+    ++eventCounter_;
+}
+
 }  // namespace zor

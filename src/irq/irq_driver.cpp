@@ -1,12 +1,215 @@
-// Placeholder until the IRQ driver contract lands.
+// The IRQ driver contract: loading and starting the one interrupt source,
+// withdrawing it in a fixed order, and raising its thread's priority.
 #include "irq/irq_driver.h"
+
+#include <new>
+
+#include "host/host.h"
+#include "support/wstr.h"
+
 namespace zor {
-std::uint32_t IrqDriver::LoadIRQ(const char16_t*, const char16_t*, bool) { return 0; }
-std::uint32_t IrqDriver::RegisterIRQ(const char16_t*, bool) { return 0; }
-void IrqDriver::UnregisterIRQ() {}
-void IrqDriver::SetIrqPriority(std::uint32_t) {}
-void IrqDriver::ResetIrqPriority() {}
-std::uint32_t IrqDriver::Query() { return 1000; }
-std::uint32_t IrqDriver::Control(std::uint32_t) { return 0; }
-bool IrqDriver::Loaded() const { return false; }
+
+namespace {
+
+constexpr std::uint32_t kPathUnits = 260;
+
+std::uint64_t Address(const void* p) { return reinterpret_cast<std::uintptr_t>(p); }
+std::uint64_t ServiceEntry() { return reinterpret_cast<std::uintptr_t>(&ZorServiceProc); }
+std::uint64_t InterruptEntry() { return reinterpret_cast<std::uintptr_t>(&ZorOnInterrupt); }
+
+// The file name starts after the last separator at index 1 or above; a
+// separator at index 0 does not count. Posix paths use '/', so both do.
+const char16_t* DriverName(const char16_t* path) {
+    std::size_t i = wlen(path);
+    while (i > 1) {
+        --i;
+        if (path[i] == u'\\' || path[i] == u'/') return path + i + 1;
+    }
+    return path;
+}
+
+}  // namespace
+
+std::uint32_t IrqDriver::LoadIRQ(const char16_t* directory, const char16_t* fileName,
+                                 bool strict) {
+    char16_t path[kPathUnits];
+    wcopy(path, kPathUnits, directory ? directory : u"");
+    wappend(path, kPathUnits, fileName ? fileName : u"");
+    h_.log.wPrintf(2, 6, u"LoadIRQ %s\n\r", path);
+    UnregisterIRQ();
+    std::uint32_t result = RegisterIRQ(path, strict);
+    ResetIrqPriority();
+    return result;
+}
+
+std::uint32_t IrqDriver::RegisterIRQ(const char16_t* path, bool strict) {
+    ZOR_LOCK_FUNCS(h_, __LINE__);
+    if (!path) path = u"";
+    h_.log.wPrintf(2, 6, u"Register IRQ %s\n\r", path);
+
+    std::uint32_t slot = h_.slots.Alloc();
+    if (slot == 0) {
+        h_.log.wPrintf(2, 0, u"ZOR: Failed to add '%s' to internal list\n\r", path);
+        return 0;
+    }
+    ModuleSlot& s = h_.slots[slot];
+    s.kind.store(kKindIrq, std::memory_order_relaxed);
+    s.number.store(slot, std::memory_order_relaxed);
+
+    // A name that does not fit the slot is refused before anything is
+    // created: nothing of the driver was loaded, so nothing is sent to it.
+    const char16_t* name = DriverName(path);
+    if (wnlen(name, kNameUnits) >= kNameUnits) {
+        h_.log.wPrintf(2, 1, u"ZOR: IRQ driver name too long (19 characters at most): '%s'\n\r",
+                       path);
+        return 0;
+    }
+    s.locker = new (std::nothrow) PageLocker(h_.log, h_.lockedNames);
+    wcopy(s.name, kNameUnits, name);
+
+    s.module = os::module_load(path);
+    if (!s.module) {
+        h_.log.wPrintf(2, 1, u"ZOR: Failed to load IRQ: '%s'\n\r", path);
+        FailRegistration(slot);
+        return 0;
+    }
+    auto entry = reinterpret_cast<ZorGetSetProc>(os::module_symbol(s.module, ZOR_IRQ_EXPORT_NAME));
+    if (!entry) {
+        h_.log.wPrintf(2, 1, u"ZOR: Failed to locate IRQ_GetSet in module '%s'\n\r", path);
+        FailRegistration(slot);
+        return 0;
+    }
+    s.entry.store(entry, std::memory_order_release);
+
+    h_.caller.CallModule(slot, ZOR_FN_SET_ISR_HANDLE, slot);
+    h_.caller.CallModule(slot, ZOR_FN_SET_SERVICE_PROC, ServiceEntry());
+    h_.caller.CallModule(slot, ZOR_GS_SET_INTERRUPT, InterruptEntry());
+    std::uint32_t r = h_.caller.CallModule(slot, ZOR_FN_INITIALIZE, 0);
+    if (r == ZOR_INIT_PENDING) {
+        s.startPending.store(1, std::memory_order_relaxed);
+    } else if (r != ZOR_INIT_OK) {
+        h_.log.wPrintf(2, 1, u"ZOR: '%s' returned error %08x\n\r", path, r);
+        if (strict) {
+            FailRegistration(slot);
+            return 0;
+        }
+    }
+
+    s.irqThread = h_.caller.CallModule(slot, ZOR_GS_GET_THREAD, ServiceEntry());
+    h_.sysLocker.LockModule(reinterpret_cast<const void*>(entry));
+    // The driver may already have delivered events from any thread; the
+    // first event from now on names the dispatch thread.
+    h_.dispatcher.ResetDispatchThread();
+    s.inUse.store(1, std::memory_order_release);
+    currentSlot_.store(slot, std::memory_order_release);
+    return 1;
+}
+
+// The slot was never marked in use, so leaving it is enough to free it.
+// Shutdown goes out even without an entry: the guarded call absorbs that.
+void IrqDriver::FailRegistration(std::uint32_t slot) {
+    ModuleSlot& s = h_.slots[slot];
+    delete s.locker;
+    s.locker = nullptr;
+    h_.caller.CallModule(slot, ZOR_FN_SHUTDOWN, 0);
+    s.entry.store(nullptr, std::memory_order_release);
+    if (s.module) {
+        os::module_free(s.module);
+        s.module = nullptr;
+    }
+}
+
+void IrqDriver::UnregisterIRQ() {
+    ZOR_LOCK_FUNCS(h_, __LINE__);
+    // Nothing forwards commands to a driver that is being withdrawn.
+    currentSlot_.store(0, std::memory_order_release);
+    for (std::uint32_t i = 1; i < h_.slots.HighWater(); ++i) {
+        ModuleSlot& s = h_.slots[i];
+        if (s.inUse.load(std::memory_order_acquire) == 0 ||
+            s.kind.load(std::memory_order_relaxed) != kKindIrq) {
+            continue;
+        }
+        h_.log.wPrintf(2, 6, u"Unregister IRQ\n\r");
+        // Fixed order: no more services, no more events, stop, unlock, unload.
+        if (ZorGetSetProc entry = s.entry.load(std::memory_order_acquire)) {
+            h_.services.RemoveCustomServices(i);
+            h_.caller.CallModule(i, ZOR_GS_SET_INTERRUPT, 0);
+            h_.caller.CallModule(i, ZOR_FN_SHUTDOWN, 0);
+            h_.sysLocker.UnlockModule(reinterpret_cast<const void*>(entry));
+            s.entry.store(nullptr, std::memory_order_release);
+            s.irqThread = 0;
+        }
+        delete s.locker;
+        s.locker = nullptr;
+        if (s.module) {
+            os::module_free(s.module);
+            s.module = nullptr;
+        }
+        h_.slots.Free(i);
+    }
+}
+
+std::uint32_t IrqDriver::RegisteredSlot() const {
+    std::uint32_t slot = CurrentIrqSlot();
+    if (slot == 0 || slot >= SlotTable::kSlots) return 0;
+    const ModuleSlot& s = h_.slots[slot];
+    if (s.inUse.load(std::memory_order_acquire) == 0 ||
+        s.kind.load(std::memory_order_relaxed) != kKindIrq) {
+        return 0;
+    }
+    return slot;
+}
+
+std::uint32_t IrqDriver::LoadedSlot() const {
+    std::uint32_t slot = RegisteredSlot();
+    if (slot == 0 || h_.slots[slot].entry.load(std::memory_order_acquire) == nullptr) return 0;
+    return slot;
+}
+
+bool IrqDriver::Loaded() const { return LoadedSlot() != 0; }
+
+// Each stage keeps the calling thread at normal priority and raises the
+// driver's thread (when known). After stages 0 and 1 the class is read back:
+// normal means go on. Stages 0 and 1 set the normal class themselves, so in
+// practice every ramp ends in stage 2 with the realtime class; that
+// escalation is intended.
+void IrqDriver::RunPriorityRamp(std::uint32_t stage) {
+    std::uint32_t slot = RegisteredSlot();
+    os::Thread driverThread = slot ? h_.slots[slot].irqThread : 0;
+    for (;;) {
+        os::priority_class_set(stage == 2 ? os::kRealtimePriorityClass
+                                          : os::kNormalPriorityClass);
+        os::thread_priority_set(os::current_thread(), os::kThreadPriorityNormal);
+        if (driverThread != 0) {
+            os::thread_priority_set(driverThread, stage == 0 ? os::kThreadPriorityAboveNormal
+                                                             : os::kThreadPriorityTimeCritical);
+        }
+        std::uint32_t cls = os::priority_class_get();
+        if (stage == 2 || cls != os::kNormalPriorityClass) return;
+        ++stage;
+    }
+}
+
+void IrqDriver::SetIrqPriority(std::uint32_t level) {
+    if (RegisteredSlot() == 0 || level >= 3 || level == priorityLevel_) return;
+    RunPriorityRamp(level);
+    priorityLevel_ = level;
+}
+
+void IrqDriver::ResetIrqPriority() {
+    if (RegisteredSlot() == 0 || priorityLevel_ == 0) return;
+    RunPriorityRamp(0);
+    priorityLevel_ = 0;
+}
+
+std::uint32_t IrqDriver::Query() {
+    std::uint32_t slot = LoadedSlot();
+    return slot ? h_.caller.CallModule(slot, ZOR_GS_IRQ_QUERY, 0) : 1000;
+}
+
+std::uint32_t IrqDriver::Control(std::uint32_t value) {
+    std::uint32_t slot = LoadedSlot();
+    return slot ? h_.caller.CallModule(slot, ZOR_GS_IRQ_CONTROL, value) : 0;
+}
+
 }  // namespace zor

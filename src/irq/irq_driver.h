@@ -10,8 +10,21 @@ namespace zor {
 
 struct Host;
 
+// What the start-up search of "*.irq" files found (see selection.h). The
+// indexes are only "found" marks; kNotFound when the name was not seen.
+struct IrqSearch {
+    static constexpr std::uint32_t kNotFound = 0xFFFFFFFF;
+    std::uint32_t lastIndex = kNotFound;
+    std::uint32_t fallbackIndex = kNotFound;
+    std::uint32_t fileCount = 0;
+};
+
 class IrqDriver {
 public:
+    // A driver file name (after the directory) must stay below this many
+    // units; longer names are refused before anything is loaded.
+    static constexpr std::uint32_t kNameUnits = 20;
+
     explicit IrqDriver(Host& host) : h_(host) {}
 
     std::uint32_t LoadIRQ(const char16_t* directory, const char16_t* fileName, bool strict);
@@ -27,7 +40,18 @@ public:
     std::uint32_t CurrentIrqSlot() const { return currentSlot_.load(std::memory_order_acquire); }
     std::uint32_t PriorityLevel() const { return priorityLevel_; }
 
+    // Filled by SelectAndLoadIrq.
+    IrqSearch search;
+
 private:
+    // The current slot when it is in use and of kind 1 (entry not required).
+    std::uint32_t RegisteredSlot() const;
+    // The same with an entry: what Loaded() tests. 0 when none.
+    std::uint32_t LoadedSlot() const;
+    // Runs the priority stages from `stage` (0..2) upward with read-back.
+    void RunPriorityRamp(std::uint32_t stage);
+    void FailRegistration(std::uint32_t slot);
+
     Host& h_;
     std::atomic<std::uint32_t> currentSlot_{0};
     std::uint32_t priorityLevel_ = 0xFFFFFFFF;

@@ -16,8 +16,12 @@ struct SelectionUi {
     void (*warnNoDriver)(void* ctx) = nullptr;
 };
 
-// Returns the priority level read from the configuration (shown by the
-// dialog as "IRQ:%s PRIO:%d").
+// Searches config.szExe for "*.irq" (marks in host.irq.search), loads
+// LASTIRQ (strictly when FALLBACKIRQ is present, then the fallback when the
+// first load fails) and applies IRQPRIO when below 3. A missing LASTIRQ
+// shows the warning and also logs "ZOR: No IRQ driver selected!" so that a
+// host without a window tells it too. Returns the priority level read from
+// the configuration (shown by the dialog as "IRQ:%s PRIO:%d").
 std::uint32_t SelectAndLoadIrq(Host& host, const SelectionUi& ui);
 
 }  // namespace zor

@@ -1,0 +1,94 @@
+// An IRQ driver that answers Initialize with a configurable value and
+// records every command it receives, in order, for the registration and
+// unregistration tests. It also installs a custom service when it starts and
+// probes it when its interrupt entry is withdrawn.
+#include <cstdint>
+
+#include "zor/zor_module.h"
+
+namespace {
+
+constexpr std::uint32_t kCap = 64;
+constexpr std::uint32_t kCustomCode = 0x4000;
+constexpr std::uint32_t kCustomAnswer = 0x5A;
+
+struct Record {
+    std::uint32_t codes[kCap];
+    std::uint64_t args[kCap];
+    std::uint32_t count;
+};
+
+Record g_record;
+std::uint32_t g_initAnswer = 0;
+std::uint32_t g_threadAnswer = 0;
+std::uint32_t g_number = 0;
+ZorServiceProc g_service = nullptr;
+std::int64_t g_probeAtWithdrawal = -1;
+
+void Add(std::uint32_t code, std::uint64_t arg) {
+    if (g_record.count < kCap) {
+        g_record.codes[g_record.count] = code;
+        g_record.args[g_record.count] = arg;
+        ++g_record.count;
+    }
+}
+
+uint32_t CustomService(uint32_t, uintptr_t, uintptr_t, uintptr_t, uintptr_t, uintptr_t,
+                       uintptr_t) {
+    return kCustomAnswer;
+}
+
+}  // namespace
+
+ZOR_EXPORT uint32_t IRQ_GetSet(uint32_t code, uintptr_t arg) {
+    Add(code, arg);
+    switch (code) {
+    case ZOR_FN_SET_ISR_HANDLE:
+        g_number = static_cast<std::uint32_t>(arg);
+        return 0;
+    case ZOR_FN_SET_SERVICE_PROC:
+        g_service = reinterpret_cast<ZorServiceProc>(arg);
+        return 0;
+    case ZOR_FN_INITIALIZE:
+        if (g_service) {
+            g_service(SERV_InstallService, g_number, kCustomCode,
+                      reinterpret_cast<uintptr_t>(&CustomService), 0, 0, 0);
+        }
+        return g_initAnswer;
+    case ZOR_GS_SET_INTERRUPT:
+        if (arg == 0 && g_service) g_probeAtWithdrawal = g_service(kCustomCode, 0, 0, 0, 0, 0, 0);
+        return 0;
+    case ZOR_GS_GET_THREAD:
+        return g_threadAnswer;
+    case ZOR_GS_IRQ_QUERY:
+        return 0x77;
+    case ZOR_GS_IRQ_CONTROL:
+        return static_cast<std::uint32_t>(arg) + 1;
+    default:
+        return 0;
+    }
+}
+
+// Answers for Initialize and GS_GET_THREAD; also forgets the record.
+ZOR_EXPORT void Test_Configure(uint32_t initAnswer, uint32_t threadAnswer) {
+    g_initAnswer = initAnswer;
+    g_threadAnswer = threadAnswer;
+    g_record.count = 0;
+    g_probeAtWithdrawal = -1;
+}
+
+// A marker from the test (e.g. "the library was freed") in the same record.
+ZOR_EXPORT void Test_Mark(uint32_t marker) { Add(marker, 0); }
+
+// Copies the record; returns the number of entries.
+ZOR_EXPORT uint32_t Test_Record(uint32_t* codes, uint64_t* args, uint32_t cap) {
+    for (std::uint32_t i = 0; i < g_record.count && i < cap; ++i) {
+        codes[i] = g_record.codes[i];
+        args[i] = g_record.args[i];
+    }
+    return g_record.count;
+}
+
+// What the custom service answered when the interrupt entry was withdrawn
+// (-1 when never probed).
+ZOR_EXPORT int64_t Test_ProbeAtWithdrawal() { return g_probeAtWithdrawal; }
