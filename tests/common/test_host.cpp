@@ -1,0 +1,145 @@
+#include "common/test_host.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace zor::test {
+
+TestHost::TestHost(bool prepareTables) : host_(log_.log()) {
+    SetRunningHost(&host_);
+    if (prepareTables) host_.registry.PrepareTables();
+}
+
+TestHost::~TestHost() {
+    host_.registry.UnloadAll();
+    SetRunningHost(nullptr);
+}
+
+IrqThread::IrqThread() {
+    thread_ = std::thread([this] { Loop(); });
+    Run([this] { threadId_ = os::current_thread_id(); });
+}
+
+IrqThread::~IrqThread() {
+    {
+        std::lock_guard<std::mutex> lk(m_);
+        stop_ = true;
+    }
+    cv_.notify_all();
+    thread_.join();
+}
+
+void IrqThread::Loop() {
+    std::unique_lock<std::mutex> lk(m_);
+    for (;;) {
+        cv_.wait(lk, [this] { return stop_ || !queue_.empty(); });
+        if (queue_.empty()) return;
+        auto work = std::move(queue_.front());
+        queue_.erase(queue_.begin());
+        lk.unlock();
+        work();
+        lk.lock();
+        --pending_;
+        cv_.notify_all();
+    }
+}
+
+void IrqThread::Post(std::function<void()> work) {
+    {
+        std::lock_guard<std::mutex> lk(m_);
+        queue_.push_back(std::move(work));
+        ++pending_;
+    }
+    cv_.notify_all();
+}
+
+void IrqThread::Run(std::function<void()> work) {
+    Post(std::move(work));
+    Wait();
+}
+
+std::uint32_t IrqThread::Fire(std::uint32_t sequence) {
+    FireAsync(sequence);
+    return Wait();
+}
+
+void IrqThread::FireAsync(std::uint32_t sequence) {
+    Post([this, sequence] {
+        const std::uint32_t r = ZorOnInterrupt(sequence);
+        std::lock_guard<std::mutex> lk(m_);
+        result_ = r;
+    });
+}
+
+std::uint32_t IrqThread::Wait() {
+    std::unique_lock<std::mutex> lk(m_);
+    cv_.wait(lk, [this] { return pending_ == 0; });
+    return result_;
+}
+
+TestModule::TestModule(const char* name) : fileName_(ModuleFileName(name)) {
+    module_ = os::module_load(TestModulePath(name).c_str());
+}
+
+TestModule::~TestModule() {
+    if (module_) os::module_free(module_);
+}
+
+CountingIsr::CountingIsr(const char* name) : module_(name) {
+    count_ = module_.Fn<decltype(count_)>("TestIsr_Count");
+    get_ = module_.Fn<decltype(get_)>("TestIsr_Get");
+    countOf_ = module_.Fn<decltype(countOf_)>("TestIsr_CountOf");
+    reset_ = module_.Fn<decltype(reset_)>("TestIsr_Reset");
+    setAnswer_ = module_.Fn<decltype(setAnswer_)>("TestIsr_SetAnswer");
+    setSleep_ = module_.Fn<decltype(setSleep_)>("TestIsr_SetInterruptSleepMs");
+    setClock_ = module_.Fn<decltype(setClock_)>("TestIsr_SetClock");
+    callServiceOn_ = module_.Fn<decltype(callServiceOn_)>("TestIsr_CallServiceOn");
+    serviceResult_ = module_.Fn<decltype(serviceResult_)>("TestIsr_ServiceResult");
+    handle_ = module_.Fn<decltype(handle_)>("TestIsr_Handle");
+    if (!count_ || !get_ || !countOf_ || !reset_ || !setAnswer_ || !setSleep_ || !setClock_ ||
+        !callServiceOn_ || !serviceResult_ || !handle_) {
+        ADD_FAILURE() << "test module not found or incomplete: " << name;
+        std::abort();
+    }
+    reset_();
+}
+
+std::vector<CountingIsr::Call> CountingIsr::Calls() const {
+    std::vector<Call> out;
+    const std::uint32_t n = count_();
+    for (std::uint32_t i = 0; i < n; ++i) {
+        Call c{};
+        if (get_(i, &c.code, &c.arg, &c.first, &c.stamp, &c.thread)) out.push_back(c);
+    }
+    return out;
+}
+
+std::vector<std::uint32_t> CountingIsr::Codes() const {
+    std::vector<std::uint32_t> out;
+    for (const Call& c : Calls()) out.push_back(c.code);
+    return out;
+}
+
+std::u16string ModuleFileName(const char* name) {
+    std::u16string s;
+    for (const char* p = name; *p; ++p) s += static_cast<char16_t>(*p);
+    return s + ZOR_MODULE_SUFFIX;
+}
+
+std::vector<unsigned char> RegisterPayload(std::uint32_t pid, std::uint32_t sharedSize,
+                                           const std::u16string& name) {
+    std::vector<unsigned char> p(16 + 2 * (name.size() + 1), 0);
+    std::memcpy(p.data(), &pid, 4);
+    std::memcpy(p.data() + 4, &sharedSize, 4);
+    std::memcpy(p.data() + 16, name.c_str(), 2 * (name.size() + 1));
+    return p;
+}
+
+std::uint32_t RegisterIsr(Host& h, const char* name, std::uint32_t sharedSize) {
+    const std::u16string file = ModuleFileName(name);
+    const auto payload = RegisterPayload(os::current_process_id(), sharedSize, file);
+    h.registry.RegisterISRProc(payload.data(), static_cast<std::uint32_t>(payload.size()));
+    return h.registry.FindModule(file.c_str());
+}
+
+}  // namespace zor::test

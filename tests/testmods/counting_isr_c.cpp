@@ -1,0 +1,2 @@
+// counting_isr under another file name.
+#include "counting_isr.cpp"
