@@ -2,6 +2,8 @@
 // thread contexts that tells a called module on whose behalf it runs.
 #include "dispatch/caller.h"
 
+#include <cstring>
+
 #include "host/host.h"
 #include "os/os.h"
 #include "support/stopwatch.h"
@@ -45,26 +47,38 @@ void GuardedCall(void* p) {
 
 
 // The timing line of a slow call, built from pieces into one entry. Kept out
-// of line so that its large buffer costs nothing on the fast path.
+// of line so that its buffer costs nothing on the fast path. Argument words
+// stop where the line would no longer fit one log entry, so the line always
+// keeps its end.
 [[gnu::noinline]] void LogSlowCall(Logger& log, const char16_t* name, double elapsed,
                                    std::uint32_t code, std::uint64_t arg,
                                    const char16_t* suffix) {
-    char16_t line[80 + 11 * Caller::kMaxLoggedWords];
-    const std::size_t cap = sizeof(line) / sizeof(line[0]);
+    char16_t tail[64];
+    const std::size_t tailLen = wformat(tail, 64, u") used %3.2f ms%s\n\r", elapsed, suffix);
+    char16_t line[Logger::kMaxLineUnits];
+    const std::size_t cap = Logger::kMaxLineUnits;
     std::size_t n = wformat(line, cap, u"ZOR: %s: %s(", name, Caller::FunctionCodeName(code));
     if (code == 1 || code == 3 || code == 7 || code == 8 || code == 9 || code == 20) {
         n += wformat(line + n, cap - n, u"%p", reinterpret_cast<void*>(arg));
     } else if ((code == 5 || code == 6) && arg != 0) {
-        // The block's word count is the module's or client's word: bounded.
-        const auto* block = reinterpret_cast<const std::uint32_t*>(arg);
-        n += wformat(line + n, cap - n, u"Func=0x%x", static_cast<unsigned>(block[0]));
-        std::uint32_t words = block[1] >> 2;
+        // The word count is the module's or client's: read at most what the
+        // largest packet holds.
+        // Deferred entries follow each other unaligned: read words bytewise.
+        const auto* block = reinterpret_cast<const unsigned char*>(arg);
+        auto word = [block](std::uint32_t i) {
+            std::uint32_t w;
+            std::memcpy(&w, block + 4 * i, 4);
+            return static_cast<unsigned>(w);
+        };
+        n += wformat(line + n, cap - n, u"Func=0x%x", word(0));
+        std::uint32_t words = word(1) >> 2;
         if (words > Caller::kMaxLoggedWords) words = Caller::kMaxLoggedWords;
-        for (std::uint32_t i = 0; i < words; ++i) {
-            n += wformat(line + n, cap - n, u",0x%x", static_cast<unsigned>(block[2 + i]));
+        constexpr std::size_t kWordUnits = 11;  // ",0xffffffff"
+        for (std::uint32_t i = 0; i < words && n + kWordUnits + tailLen < cap; ++i) {
+            n += wformat(line + n, cap - n, u",0x%x", word(2 + i));
         }
     }
-    wformat(line + n, cap - n, u") used %3.2f ms%s\n\r", elapsed, suffix);
+    wcopy(line + n, cap - n, tail);
     log.wPrintf(0, 1, u"%s", line);
 }
 

@@ -18,9 +18,10 @@ class Caller {
 public:
     static constexpr std::uint32_t kThreadContexts = 10;
     static constexpr std::uint32_t kFlagTdl = 1;
-    // The timing line of an ExecISRFunc / ExecRemoteFunc call shows at most
+    // The timing line of an ExecISRFunc / ExecRemoteFunc call reads at most
     // the argument words of the largest packet built on the dispatch thread,
-    // however many bytes the block announces.
+    // however many bytes the block announces, and shows as many of them as
+    // fit in one log entry.
     static constexpr std::uint32_t kMaxLoggedWords = (1200 - 8) / 4;
 
     explicit Caller(Host& host) : h_(host) {}

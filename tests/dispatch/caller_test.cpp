@@ -1,0 +1,223 @@
+// The guarded timed call: slow-call lines, statistics, faults of modules,
+// a missing entry, and thread contexts.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/test_host.h"
+#include "support/wformat.h"
+#include "support/wstr.h"
+
+namespace zor {
+namespace {
+
+using test::CountingIsr;
+using test::HostTest;
+using test::IrqThread;
+using test::ModuleFileName;
+using test::RegisterIsr;
+using test::TestModule;
+
+std::string Utf8(const std::u16string& s) { return std::string(s.begin(), s.end()); }
+std::string Pointer(std::uint64_t v) {
+    char16_t buf[40];
+    wformat(buf, 40, u"%p", reinterpret_cast<void*>(v));
+    return Utf8(buf);
+}
+
+// A slot named "isr_a" whose calls are only reported, never made.
+class ReportTest : public HostTest {
+protected:
+    ReportTest() {
+        slot = h.slots.Alloc();
+        wcopy(h.slots[slot].name, 20, u"isr_a");
+        h.slots[slot].inUse.store(1);
+        h.slots[slot].kind.store(kKindIsr);
+        // The test thread becomes the dispatch thread.
+        h.dispatcher.OnInterrupt(1);
+        log.Clear();
+    }
+    ~ReportTest() override { h.slots.Free(slot); }
+    std::uint32_t slot = 0;
+};
+
+TEST_F(ReportTest, OnlyCallsAbove2MsOnTheDispatchThreadAreLogged) {
+    h.caller.ReportCall(slot, 2.0, ZOR_FN_INTERRUPT, 0x14, 0);
+    EXPECT_TRUE(log.Lines().empty());
+    h.caller.ReportCall(slot, 2.01, ZOR_FN_INTERRUPT, 0x14, 0);
+    EXPECT_EQ(std::vector<std::string>{"ZOR: isr_a: Interrupt(" + Pointer(0x14) + ") used 2.01 ms\n\r"},
+              log.LinesOf(0, 1));
+
+    log.Clear();
+    std::thread other([&] { h.caller.ReportCall(slot, 50.0, ZOR_FN_INTERRUPT, 0x14, 0); });
+    other.join();
+    EXPECT_TRUE(log.Lines().empty());
+    // Counted wherever they were made.
+    EXPECT_EQ(3u, h.slots[slot].interruptStat.Count());
+    EXPECT_DOUBLE_EQ(50.0, h.slots[slot].interruptStat.Max());
+}
+
+TEST_F(ReportTest, TheLineShowsTheArgumentAsEachCodeDefinesIt) {
+    std::uint32_t block[] = {0x33, 8, 0xa, 0xb, 0xc};  // func, 8 bytes = two words, a spare word
+    h.caller.ReportCall(slot, 3.0, ZOR_FN_EXEC_ISR_FUNC, reinterpret_cast<std::uintptr_t>(block),
+                        Caller::kFlagTdl);
+    block[1] = 3;  // less than a word: no argument words
+    h.caller.ReportCall(slot, 3.0, ZOR_FN_EXEC_REMOTE_FUNC, reinterpret_cast<std::uintptr_t>(block), 0);
+    h.caller.ReportCall(slot, 3.0, ZOR_FN_EXEC_ISR_FUNC, 0, 0);
+    h.caller.ReportCall(slot, 3.0, ZOR_FN_SHUTDOWN, 0, 0);
+    h.caller.ReportCall(slot, 3.0, 21, 0x99, 0);
+    h.caller.ReportCall(slot, 3.0, 22, 0x99, Caller::kFlagTdl);
+    h.caller.ReportCall(slot, 3.0, 10, 0x99, 0);
+    EXPECT_EQ((std::vector<std::string>{
+                  "ZOR: isr_a: ExecISRFunc(Func=0x33,0xa,0xb) used 3.00 ms (TDL)\n\r",
+                  "ZOR: isr_a: ExecRemoteFunc(Func=0x33) used 3.00 ms\n\r",
+                  "ZOR: isr_a: ExecISRFunc() used 3.00 ms\n\r",
+                  "ZOR: isr_a: Shutdown() used 3.00 ms\n\r",
+                  "ZOR: isr_a: () used 3.00 ms\n\r",
+                  "ZOR: isr_a used 3.00 ms (unknown func=22) (TDL)\n\r",
+                  "ZOR: isr_a: ?? (10)() used 3.00 ms\n\r",
+              }),
+              log.LinesOf(0, 1));
+    // Only Interrupt and ExecISRFunc are counted.
+    EXPECT_EQ(2u, h.slots[slot].execStat.Count());
+    EXPECT_EQ(0u, h.slots[slot].interruptStat.Count());
+}
+
+TEST_F(ReportTest, AnAnnouncedArgumentCountIsNotTrustedAndTheLineKeepsItsEnd) {
+    // Exactly the words of the largest packet are there; the block claims more.
+    std::vector<std::uint32_t> block(2 + Caller::kMaxLoggedWords, 0xFFFFFFFF);
+    block[0] = 1;
+    block[1] = 0xFFFFFFF0;
+    h.caller.ReportCall(slot, 3.0, ZOR_FN_EXEC_ISR_FUNC, reinterpret_cast<std::uintptr_t>(block.data()), 0);
+    const auto lines = log.LinesOf(0, 1);
+    ASSERT_EQ(1u, lines.size());
+    const std::string& line = lines[0];
+    EXPECT_EQ(0u, line.find("ZOR: isr_a: ExecISRFunc(Func=0x1,0xffffffff,"));
+    const std::string end = ",0xffffffff) used 3.00 ms\n\r";
+    ASSERT_GE(line.size(), end.size());
+    EXPECT_EQ(end, line.substr(line.size() - end.size()));
+    EXPECT_LT(line.size(), Logger::kMaxLineUnits);
+}
+
+TEST(FunctionCodeNames, NamedUnnamedAndDriverCodes) {
+    EXPECT_EQ(std::u16string(u"?? (0)"), Caller::FunctionCodeName(0));
+    EXPECT_EQ(std::u16string(u"Detach"), Caller::FunctionCodeName(9));
+    EXPECT_EQ(std::u16string(u"?? (19)"), Caller::FunctionCodeName(19));
+    EXPECT_EQ(std::u16string(u"Interrupt"), Caller::FunctionCodeName(20));
+    EXPECT_EQ(std::u16string(u""), Caller::FunctionCodeName(21));
+}
+
+// ------------------------------------------------------------ real calls
+
+TEST_F(HostTest, ASlowCallIsLoggedOnlyOnTheDispatchThreadAndCountedEverywhere) {
+    TestModule slow("slow_isr");
+    auto set = slow.Fn<void (*)(std::uint32_t, std::uint32_t)>("SlowIsr_Set");
+    set(ZOR_FN_INTERRUPT, 0);
+    const std::uint32_t slot = RegisterIsr(h, "slow_isr");
+    ASSERT_NE(0u, slot);
+    IrqThread irq;
+    irq.Fire(1);  // the IRQ thread becomes the dispatch thread
+    h.slots[slot].interruptStat.Reset();
+    log.Clear();
+    set(ZOR_FN_INTERRUPT, 3000);
+
+    h.caller.CallModule(slot, ZOR_FN_INTERRUPT, 5);
+    EXPECT_TRUE(log.LinesOf(0, 1).empty());
+    irq.Run([&] { h.caller.CallModule(slot, ZOR_FN_INTERRUPT, 5); });
+    const auto lines = log.LinesOf(0, 1);
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_EQ(0u, lines[0].find("ZOR: " + Utf8(ModuleFileName("slow_isr")) + ": Interrupt(" +
+                                Pointer(5) + ") used "));
+    EXPECT_EQ(2u, h.slots[slot].interruptStat.Count());
+    EXPECT_GE(h.slots[slot].interruptStat.Min(), 3.0);
+    set(ZOR_FN_INTERRUPT, 0);
+}
+
+TEST_F(HostTest, AFaultInsideAModuleIsReportedWithItsFileAndTheCallerGoesOn) {
+    TestModule faulting("faulting_isr");
+    auto faultIn = faulting.Fn<void (*)(std::uint32_t)>("FaultingIsr_FaultIn");
+    auto calls = faulting.Fn<std::uint32_t (*)()>("FaultingIsr_Calls");
+    faultIn(0);
+    const std::uint32_t slot = RegisterIsr(h, "faulting_isr");
+    ASSERT_NE(0u, slot);
+    faultIn(ZOR_FN_EXEC_ISR_FUNC);
+    const std::uint32_t before = calls();
+    const std::string file = Utf8(ModuleFileName("faulting_isr"));
+
+    std::uint32_t block[2] = {1, 0};
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(0u, h.caller.CallModule(slot, ZOR_FN_EXEC_ISR_FUNC,
+                                          reinterpret_cast<std::uintptr_t>(block), 0, 42));
+    }
+    EXPECT_EQ(before + 3, calls());
+    EXPECT_EQ(3u, log.Count("ZOR: ISR '" + file + "' caused exception in '" + file + "'!\n\r"));
+    EXPECT_EQ(std::u16string(ModuleFileName("faulting_isr")), h.caller.FaultModuleName());
+    EXPECT_EQ(0u, h.slots[slot].execStat.Count());
+    // The context of the faulting call is gone too.
+    log.Clear();
+    EXPECT_EQ(0u, h.caller.GetThreadContext(os::current_thread_id()));
+    EXPECT_EQ(1u, log.LinesOf(2, 0).size());
+    faultIn(0);
+}
+
+TEST_F(HostTest, ASlotWithoutEntryIsReportedLikeACallThroughNull) {
+    const std::uint32_t slot = h.slots.Alloc();
+    wcopy(h.slots[slot].name, 20, u"broken.irq");
+    EXPECT_EQ(0u, h.caller.CallModule(slot, ZOR_FN_SHUTDOWN, 0));
+    // The fault returns into the host, so the host's own file is named.
+    char16_t self[260];
+    ModuleNameOfAddress(reinterpret_cast<const void*>(&ZorOnInterrupt), self, 260);
+    EXPECT_NE(u"unknown", std::u16string(self));
+    EXPECT_TRUE(log.Contains("ZOR: ISR 'broken.irq' caused exception in '" + Utf8(self) + "'!\n\r"));
+    EXPECT_EQ(0u, h.slots[slot].interruptStat.Count() + h.slots[slot].execStat.Count());
+}
+
+TEST(ModuleNames, AnAddressOutsideEveryModuleIsUnknown) {
+    char16_t name[260];
+    ModuleNameOfAddress(nullptr, name, 260);
+    EXPECT_EQ(std::u16string(u"unknown"), name);
+}
+
+// ------------------------------------------------------------ thread contexts
+
+TEST_F(HostTest, TheCalledModuleSeesTheContextOfItsCallOnlyDuringTheCall) {
+    CountingIsr isr;
+    const std::uint32_t slot = RegisterIsr(h, "counting_isr");
+    isr.CallServiceOn(ZOR_FN_EXEC_REMOTE_FUNC, SERV_GetCallContext, 0);
+    std::uint32_t body[3] = {0, 0, 0};
+    h.caller.CallModule(slot, ZOR_FN_EXEC_REMOTE_FUNC, reinterpret_cast<std::uintptr_t>(body), 0, 4711);
+    EXPECT_EQ(4711, isr.ServiceResult());
+    log.Clear();
+    EXPECT_EQ(0u, h.caller.GetThreadContext(os::current_thread_id()));
+    char expected[80];
+    std::snprintf(expected, sizeof expected, "ZOR: context for thread %x not found!\n",
+                  os::current_thread_id());
+    EXPECT_TRUE(log.Contains(expected));
+}
+
+TEST_F(HostTest, NestedContextsOnOneThreadAnswerTheLowestEntry) {
+    const std::uint32_t me = os::current_thread_id();
+    h.caller.AddThreadContext(me, 1);
+    h.caller.AddThreadContext(me, 2);
+    EXPECT_EQ(1u, h.caller.GetThreadContext(me));
+    h.caller.RemoveThreadContext(me);
+    EXPECT_EQ(2u, h.caller.GetThreadContext(me));
+    h.caller.RemoveThreadContext(me);
+
+    // Ten entries; the eleventh call goes ahead without one.
+    for (std::uint32_t i = 0; i < Caller::kThreadContexts; ++i) h.caller.AddThreadContext(1000 + i, i + 1);
+    log.Clear();
+    CountingIsr isr;
+    const std::uint32_t slot = RegisterIsr(h, "counting_isr");
+    isr.Reset();
+    h.caller.CallModule(slot, ZOR_FN_EXEC_REMOTE_FUNC, 0, 0, 99);
+    EXPECT_EQ(1u, isr.CountOf(ZOR_FN_EXEC_REMOTE_FUNC));
+    EXPECT_TRUE(log.Contains("ZOR: Out of thread contexts!\n"));
+    EXPECT_EQ(10u, h.caller.GetThreadContext(1009));
+    for (std::uint32_t i = 0; i < Caller::kThreadContexts; ++i) h.caller.RemoveThreadContext(1000 + i);
+}
+
+}  // namespace
+}  // namespace zor

@@ -1,0 +1,210 @@
+// The page locker: range bookkeeping, module walk, name table, forgotten
+// memory and the locked-modules report.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "common/test_host.h"
+#include "common/test_log.h"
+#include "lock/page_locker.h"
+#include "support/wformat.h"
+
+namespace zor {
+namespace {
+
+using test::TestLog;
+using test::TestModule;
+
+std::string Hex(std::uint64_t v) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%x", static_cast<unsigned>(v));
+    return buf;
+}
+
+std::string Utf8(const char16_t* s) {
+    char buf[1024];
+    utf16_to_utf8(s, buf, sizeof buf);
+    return buf;
+}
+
+class PageLockerTest : public ::testing::Test {
+protected:
+    TestLog log;
+    LockedNames names;
+};
+
+TEST_F(PageLockerTest, RangesAreKeptByBaseInOrderAndRemovedFirstMatchFirst) {
+    PageLocker locker(log.log(), names);
+    EXPECT_EQ(0u, locker.UnlockRange(0x1000));
+    EXPECT_TRUE(log.Contains("PageLocker: no entries\n\r"));
+
+    EXPECT_EQ(1u, locker.LockRange(0x1000, 16));
+    EXPECT_EQ(1u, locker.LockRange(0x2000, 16));
+    EXPECT_EQ(1u, locker.LockRange(0x1000, 99));  // the same base again: a second entry
+    ASSERT_EQ(3u, locker.Count());
+
+    EXPECT_EQ(0u, locker.UnlockRange(0x3000));
+    EXPECT_TRUE(log.Contains("PageLocker: unlocking failed! (list seek error)\n\r"));
+    EXPECT_EQ(3u, locker.Count());
+
+    EXPECT_EQ(1u, locker.UnlockRange(0x1000));  // removes only the first
+    ASSERT_EQ(2u, locker.Count());
+    EXPECT_EQ(0x2000u, locker.Base(0));
+    EXPECT_EQ(0x1000u, locker.Base(1));
+
+    // Full 64-bit bases are kept for ranges.
+    EXPECT_EQ(1u, locker.LockRange(0x7f0012345000ull, 1));
+    EXPECT_EQ(0x7f0012345000ull, locker.Base(2));
+    EXPECT_EQ(1u, locker.UnlockRange(0x7f0012345000ull));
+    locker.UnlockRange(0x1000);
+    locker.UnlockRange(0x2000);
+}
+
+TEST_F(PageLockerTest, The501stLockOverflowsAndLeavesTheFirst500Alone) {
+    PageLocker locker(log.log(), names);
+    for (std::uint64_t i = 0; i < 500; ++i) ASSERT_EQ(1u, locker.LockRange(0x10000 + i * 16, 16));
+    log.Clear();
+    EXPECT_EQ(0u, locker.LockRange(0xdead0000, 16));
+    EXPECT_EQ(std::vector<std::string>{"PageLocker: locking failed! (list overflow)\n\r"},
+              log.LinesOf(2, 6));
+    ASSERT_EQ(500u, locker.Count());
+    for (std::uint32_t i = 0; i < 500; ++i) ASSERT_EQ(0x10000 + i * 16ull, locker.Base(i));
+    for (std::uint64_t i = 0; i < 500; ++i) locker.UnlockRange(0x10000 + i * 16);
+}
+
+TEST_F(PageLockerTest, DestructionReleasesForgottenEntriesTwoPerPassNamingFirstAndThird) {
+    {
+        PageLocker locker(log.log(), names);
+        locker.LockRange(0xa000, 1);
+        locker.LockRange(0xb000, 1);
+        locker.LockRange(0xc000, 1);
+        log.Clear();
+    }
+    EXPECT_EQ((std::vector<std::string>{"PageLocker: unlock forgotten memory! Base=a000\n\r",
+                                        "PageLocker: unlock forgotten memory! Base=c000\n\r"}),
+              log.Lines());
+}
+
+TEST_F(PageLockerTest, NameTableMatchesFilePartsIgnoringCaseAndRefusesNamesThatDoNotFit) {
+    const char16_t* name29 = u"abcdefghijklmnopqrstuvwxy.dll";  // 29 units
+    const char16_t* name30 = u"abcdefghijklmnopqrstuvwxyz.dll";
+    EXPECT_TRUE(names.Add(log.log(), (std::u16string(u"C:\\mods\\") + name29).c_str()));
+    EXPECT_EQ(1u, names.Find(u"/other/dir/ABCDEFGHIJKLMNOPQRSTUVWXY.DLL"));
+    EXPECT_EQ(std::u16string(name29), names.Slot(1));
+
+    EXPECT_FALSE(names.Add(log.log(), (std::u16string(u"C:\\mods\\") + name30).c_str()));
+    EXPECT_TRUE(log.ContainsSubstr("PageLocker: module name too long"));
+    EXPECT_EQ(0u, names.Find(name30));
+    EXPECT_EQ(0, names.Slot(2)[0]);
+
+    // Only a separator after position 0 starts the file part.
+    EXPECT_TRUE(names.Add(log.log(), u"\\lead.dll"));
+    EXPECT_EQ(2u, names.Find(u"\\lead.dll"));
+    EXPECT_EQ(0u, names.Find(u"lead.dll"));
+
+    // Removing an unknown name disturbs nothing; removing frees the slot for reuse.
+    names.Remove(u"unknown.dll");
+    EXPECT_EQ(1u, names.Find(name29));
+    names.Remove(name29);
+    EXPECT_EQ(0u, names.Find(name29));
+    EXPECT_TRUE(names.Add(log.log(), u"next.dll"));
+    EXPECT_EQ(1u, names.Find(u"next.dll"));
+}
+
+TEST_F(PageLockerTest, AFullNameTableDropsFurtherNamesSilently) {
+    for (int i = 1; i <= 99; ++i) {
+        char16_t name[16];
+        wformat(name, 16, u"m%d.dll", i);
+        ASSERT_TRUE(names.Add(log.log(), name));
+    }
+    log.Clear();
+    EXPECT_TRUE(names.Add(log.log(), u"m100.dll"));
+    EXPECT_EQ(0u, names.Find(u"m100.dll"));
+    EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST_F(PageLockerTest, ModuleLockRecordsTheImageRangeAndNameUntilUnlocked) {
+    TestModule mod("counting_isr");
+    ASSERT_TRUE(mod.Loaded());
+    const void* fn = reinterpret_cast<const void*>(mod.Fn<void (*)()>("ISR_GetSet"));
+    ASSERT_NE(nullptr, fn);
+
+    std::uint32_t base = 0, length = 0;
+    ASSERT_TRUE(PageLocker::GetModuleRange(fn, &base, &length));
+    // The range holds the address, in 32-bit arithmetic.
+    EXPECT_LT(static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(fn)) - base, length);
+
+    PageLocker locker(log.log(), names);
+    EXPECT_EQ(1u, locker.LockModule(fn));
+    ASSERT_EQ(1u, locker.Count());
+    EXPECT_EQ(std::uint64_t{base}, locker.Base(0));
+    EXPECT_NE(0u, names.Find(mod.FileName()));
+    const auto lines = log.LinesOf(2, 6);
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_EQ(0u, lines[0].find("PageLocker: lock '"));
+    EXPECT_NE(std::string::npos, lines[0].find(Utf8(mod.FileName()) + "': Base=" + Hex(base) +
+                                               ", Len=" + std::to_string(length) + "\n\r"));
+
+    EXPECT_EQ(1u, locker.UnlockModule(fn));
+    EXPECT_EQ(0u, locker.Count());
+    EXPECT_EQ(0u, names.Find(mod.FileName()));
+    EXPECT_TRUE(log.ContainsSubstr("PageLocker: unlock '"));
+}
+
+TEST_F(PageLockerTest, TheNameStaysWhenTheListIsFull) {
+    TestModule mod("counting_isr");
+    const void* fn = reinterpret_cast<const void*>(mod.Fn<void (*)()>("ISR_GetSet"));
+    PageLocker locker(log.log(), names);
+    for (std::uint64_t i = 0; i < 500; ++i) locker.LockRange(i + 1, 1);
+    EXPECT_EQ(0u, locker.LockModule(fn));
+    EXPECT_TRUE(log.Contains("PageLocker: locking failed! (list overflow)\n\r"));
+    EXPECT_NE(0u, names.Find(mod.FileName()));
+    for (std::uint64_t i = 0; i < 500; ++i) locker.UnlockRange(i + 1);
+}
+
+TEST_F(PageLockerTest, AnAddressOutsideAnyModuleFailsTheWalk) {
+    PageLocker locker(log.log(), names);
+    EXPECT_EQ(0u, locker.LockModule(nullptr));
+    EXPECT_EQ(0u, locker.UnlockModule(nullptr));
+    EXPECT_EQ(2u, log.Count("PageLocker: failed to get module memory range!\n\r"));
+    EXPECT_EQ(0u, locker.Count());
+}
+
+TEST_F(PageLockerTest, ReportListsLockedNamesAndEveryOtherLoadedModule) {
+    TestModule locked("counting_isr");
+    TestModule unlocked("counting_isr_b");
+    PageLocker locker(log.log(), names);
+    ASSERT_EQ(1u, locker.LockModule(reinterpret_cast<const void*>(locked.Fn<void (*)()>("ISR_GetSet"))));
+    log.Clear();
+
+    ReportLockedModules(log.log(), names);
+    const auto lines = log.Lines();
+    const std::string head = "ZOR: ############### LOCKED DLLs #####################################################\n";
+    const std::string mid = "ZOR: ########### NON LOCKED DLLs (DLLs used in ISR should be locked!) ################\n";
+    const std::string tail = "ZOR: #################################################################################\n";
+    ASSERT_GE(lines.size(), 4u);
+    EXPECT_EQ(head, lines[0]);
+    EXPECT_EQ(Utf8(locked.FileName()) + "\n", lines[1]);
+    EXPECT_EQ(mid, lines[2]);
+    EXPECT_EQ(tail, lines.back());
+
+    // The NON LOCKED part names full paths: the unlocked test module is among
+    // them, the locked one is not.
+    const std::string lockedName = "\\" + Utf8(locked.FileName()) + "\n";
+    const std::string unlockedName = "\\" + Utf8(unlocked.FileName()) + "\n";
+    auto endsWith = [](const std::string& s, const std::string& e) {
+        std::string t = s;
+        for (char& c : t) if (c == '/') c = '\\';
+        return t.size() >= e.size() && t.compare(t.size() - e.size(), e.size(), e) == 0;
+    };
+    bool sawUnlocked = false;
+    for (std::size_t i = 3; i + 1 < lines.size(); ++i) {
+        EXPECT_FALSE(endsWith(lines[i], lockedName)) << lines[i];
+        sawUnlocked |= endsWith(lines[i], unlockedName);
+    }
+    EXPECT_TRUE(sawUnlocked);
+    locker.UnlockModule(reinterpret_cast<const void*>(locked.Fn<void (*)()>("ISR_GetSet")));
+}
+
+}  // namespace
+}  // namespace zor
