@@ -53,7 +53,9 @@ std::uint32_t last_error();
 std::uint32_t ini_read_string(const char16_t* section, const char16_t* key,
                               const char16_t* def, char16_t* out,
                               std::uint32_t outSize, const char16_t* file);
-// GetPrivateProfileIntW: the key's leading decimal number, else `def`.
+// GetPrivateProfileIntW: the key's leading number (decimal, or after a
+// 0x/0o/0b prefix), 0 when the value is no number, `def` when the key is
+// absent or empty.
 std::uint32_t ini_read_int(const char16_t* section, const char16_t* key,
                            std::int32_t def, const char16_t* file);
 // Directory of the running executable, without a trailing separator.

@@ -183,10 +183,10 @@ TEST(OsIni, Utf16AndUtf8WithByteOrderMarks) {
     EXPECT_EQ(IniString(dir(u"u8.ini"), u"INIT", u"LASTIRQ"), u"plain.irq");
 }
 
-TEST(OsIni, IntegersReadTheLeadingDecimal) {
+TEST(OsIni, IntegersReadTheLeadingNumber) {
     TempDir dir;
     dir.Write(u"n.ini",
-              "[INIT]\nA=12\nB= -3 \nC=7abc\nD=abc\nE=\nF=0x10\nG=\"42\"\n");
+              "[INIT]\nA=12\nB= -3 \nC=7abc\nD=abc\nE=\nF=0x1fz\nG=\"42\"\nH=-0x10\n");
     std::u16string f = dir(u"n.ini");
     auto get = [&](const char16_t* key) { return os::ini_read_int(u"INIT", key, 99, f.c_str()); };
     EXPECT_EQ(get(u"A"), 12u);
@@ -194,7 +194,8 @@ TEST(OsIni, IntegersReadTheLeadingDecimal) {
     EXPECT_EQ(get(u"C"), 7u);
     EXPECT_EQ(get(u"D"), 0u);   // present but not a number
     EXPECT_EQ(get(u"E"), 99u);  // present but empty
-    EXPECT_EQ(get(u"F"), 0u);   // decimal only
+    EXPECT_EQ(get(u"F"), 31u);  // prefixes as the system's number parser reads them
+    EXPECT_EQ(get(u"H"), static_cast<std::uint32_t>(-16));
     EXPECT_EQ(get(u"G"), 42u);
     EXPECT_EQ(get(u"MISSING"), 99u);
     EXPECT_EQ(os::ini_read_int(u"INIT", u"A", -1, dir(u"none.ini").c_str()),

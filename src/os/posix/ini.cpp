@@ -142,8 +142,10 @@ std::uint32_t ini_read_string(const char16_t* section, const char16_t* key, cons
 }
 
 // A present key whose value is not a number reads as 0; an absent or
-// empty one gives the default. Decimal only, leading digits, wraps at 32
-// bits.
+// empty one gives the default. The number is read like
+// RtlUnicodeStringToInteger with base 0: optional sign, then "0x", "0o" or
+// "0b" for hex, octal, binary, else decimal; leading digits only; wraps at
+// 32 bits.
 std::uint32_t ini_read_int(const char16_t* section, const char16_t* key, std::int32_t def,
                            const char16_t* file) {
     char16_t buf[30];
@@ -153,8 +155,21 @@ std::uint32_t ini_read_int(const char16_t* section, const char16_t* key, std::in
     while (*p && *p <= u' ') ++p;
     bool neg = false;
     if (*p == u'+' || *p == u'-') neg = *p++ == u'-';
+    std::uint32_t base = 10;
+    if (p[0] == u'0' && (p[1] == u'x' || p[1] == u'X')) base = 16;
+    if (p[0] == u'0' && (p[1] == u'o' || p[1] == u'O')) base = 8;
+    if (p[0] == u'0' && (p[1] == u'b' || p[1] == u'B')) base = 2;
+    if (base != 10) p += 2;
     std::uint32_t v = 0;
-    for (; *p >= u'0' && *p <= u'9'; ++p) v = v * 10u + static_cast<std::uint32_t>(*p - u'0');
+    for (;; ++p) {
+        char16_t c = *p;
+        std::uint32_t d = c >= u'0' && c <= u'9'   ? c - u'0'
+                          : c >= u'a' && c <= u'f' ? c - u'a' + 10u
+                          : c >= u'A' && c <= u'F' ? c - u'A' + 10u
+                                                   : 99u;
+        if (d >= base) break;
+        v = v * base + d;
+    }
     return neg ? 0u - v : v;
 }
 
