@@ -2,6 +2,51 @@
 // run, and never a blocked caller. Lines go through a bounded lock-free queue
 // to a writer thread; when the queue is full a line is dropped and counted,
 // and the count is written once the queue has room again.
+//
+// The caller's side (wPrintf): checks the pair, formats into a stack buffer
+// of kMaxLineUnits UTF-16 units (a longer entry is cut to kMaxLineUnits-1
+// units), reserves space in a byte ring allocated once at Start (a CAS on
+// the head), copies the text and publishes it. No allocation, no lock, no
+// system call beyond os::now_ms() and os::current_thread_id(). When the ring
+// is full the entry is dropped and counted (Dropped()).
+//
+// The writer thread wakes every 1 ms while entries keep coming and backs off
+// to 16 ms after about 100 ms without any; so an entry reaches the outputs
+// within ~1 ms during activity and within ~20 ms after a quiet spell. Flush()
+// and End() write everything at once. Each entry goes, in the order queued,
+//   - to the file (UTF-8) as "[<seconds since Start, 6 decimals> tid=<thread
+//     id> <level>/<mask>] " followed by the text exactly as formatted (the
+//     facility adds no line end; "\n\r" endings stay as they are),
+//   - to os::debug_output as the UTF-16 text,
+//   - to the sink, if one is set, as the UTF-8 text.
+// After a pass in which entries had been dropped the writer adds the entry
+// "ZOR: log dropped <N> lines\n" (level and mask kSelfLevel, stamp "log").
+// The file starts with one line "# ZOR log: process <pid>, started
+// <YYYY-MM-DD HH:MM:SS> local time, clock <name>\n".
+//
+// The file: Start(file) with a non-empty path; else ZOR_LOG_FILE when set
+// (empty: no file); else <per-user application-data folder>/ZOR/logs/
+// zor-<YYYYMMDD-HHMMSS>-<pid>.log (local time). Missing folders are created.
+//
+// Active pairs: ZOR_LOG_ACTIVE (read at Start) and SetActive take a comma
+// list, applied left to right:
+//   "all" or "*"          every pair active (also the default, and "" )
+//   "none"                nothing active
+//   "LEVEL:MASK"          activate the pair; LEVEL 0-15 or '*', MASK 0-63
+//                         or '*' ('*' also covers levels above 15 and masks
+//                         above 63); "LEVEL" alone means "LEVEL:*"
+//   "-LEVEL:MASK"         deactivate it
+// A list that starts with an activation starts from nothing active; one
+// that starts with a deactivation starts from everything active. Examples:
+// "0:*,2:6" only those; "-2:6" everything but 2/6; "all,-2:*,2:1" level 2
+// only with mask 1 besides every other level. Spaces around items are
+// ignored. A malformed list is refused (false) and changes nothing; at Start
+// the logger then keeps everything active and logs
+// "ZOR: log: ZOR_LOG_ACTIVE '<text>' not understood, all pairs active\n".
+//
+// Start, End, Flush, SetActive, SetSink and the tuning calls are for one
+// controlling thread; wPrintf may be called from any thread at any time
+// between Start and End (entries made outside are ignored).
 #pragma once
 
 #include <atomic>
@@ -24,9 +69,12 @@ public:
     Logger& operator=(const Logger&) = delete;
 
     // Logger_Start: opens the log of this run. The file is ZOR_LOG_FILE when
-    // set, else the default (see the README); the active pairs come from
+    // set, else the default (above); the active pairs come from
     // ZOR_LOG_ACTIVE (default: all). `file` overrides both the variable and
-    // the default; an empty string means no file at all.
+    // the default; an empty string means no file at all. True when the
+    // writer runs, even if the file could not be opened (FilePath() is then
+    // empty and an entry says so); false when already started or when the
+    // writer thread cannot be created.
     bool Start(const char16_t* file = nullptr);
     // Logger_End: writes everything queued, then closes.
     void End();
@@ -38,12 +86,29 @@ public:
 
     // Same syntax as ZOR_LOG_ACTIVE; replaces the active set.
     bool SetActive(const char* spec);
+    // Takes effect for the next entry written; when it returns the old sink
+    // is no longer being called. A sink must not call Flush, End or SetSink.
     void SetSink(Sink sink, void* ctx);
     // Blocks until every entry queued before the call has been written.
     void Flush();
     std::uint64_t Dropped() const;
     // Path of the open log file (UTF-8), empty when none.
     const char* FilePath() const;
+
+    // Longest entry in UTF-16 units, terminator included.
+    static constexpr std::size_t kMaxLineUnits = 1024;
+    // Level and mask the sink sees for the logger's own entries.
+    static constexpr std::uint32_t kSelfLevel = 0xFFFFFFFFu;
+    static constexpr std::size_t kDefaultQueueBytes = std::size_t{1} << 20;
+
+    // Ring size for the next Start, rounded up to a power of two
+    // (at least 8 KiB). An entry takes 32 bytes + 2 per unit, rounded to 8.
+    void SetQueueBytes(std::size_t bytes);
+    // Entries to os::debug_output (default on).
+    void SetDebugOutput(bool on);
+    // Test hook: while held the writer writes nothing, so the queue fills
+    // up; Flush returns at once while held.
+    void HoldWriter(bool hold);
 
     struct Impl;
 
