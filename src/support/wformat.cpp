@@ -25,29 +25,38 @@ namespace {
 constexpr int kMaxWidth = 1 << 20;
 constexpr int kMaxFloatPrecision = 120;
 
-// Writer over the caller's buffer: keeps room for the terminator and
-// silently drops what does not fit.
+// Writer over the caller's buffer: keeps room for the terminator. Once
+// something does not fit, everything after it is dropped too, so that a cut
+// output is always a prefix of the full one.
 struct Out {
     char16_t* p;
     std::size_t cap;  // > 0
     std::size_t n = 0;
+    bool full = false;
 
-    std::size_t room() const { return cap - 1 - n; }
+    std::size_t room() const { return full ? 0 : cap - 1 - n; }
+    std::size_t clip(std::size_t k) {
+        if (k > room()) {
+            k = room();
+            full = true;
+        }
+        return k;
+    }
     void put(char16_t c) {
-        if (n + 1 < cap) p[n++] = c;
+        if (clip(1)) p[n++] = c;
     }
     void fill(char16_t c, std::size_t k) {
-        if (k > room()) k = room();
+        k = clip(k);
         for (std::size_t i = 0; i < k; ++i) p[n + i] = c;
         n += k;
     }
     void write(const char16_t* s, std::size_t k) {
-        if (k > room()) k = room();
+        k = clip(k);
         std::memcpy(p + n, s, k * sizeof(char16_t));
         n += k;
     }
     void write_ascii(const char* s, std::size_t k) {
-        if (k > room()) k = room();
+        k = clip(k);
         for (std::size_t i = 0; i < k; ++i) p[n + i] = static_cast<unsigned char>(s[i]);
         n += k;
     }
@@ -122,7 +131,10 @@ void put_utf8(Out& o, const char* s, std::size_t units) {
     while (done < units && *u && o.room()) {
         char32_t cp = decode_utf8(u);
         if (cp >= 0x10000) {
-            if (o.room() < 2) return;  // a pair is never split
+            if (o.room() < 2) {  // a pair is never split
+                o.full = true;
+                return;
+            }
             cp -= 0x10000;
             o.put(static_cast<char16_t>(0xD800 + (cp >> 10)));
             o.put(static_cast<char16_t>(0xDC00 + (cp & 0x3FF)));
@@ -279,7 +291,7 @@ std::size_t vwformat(char16_t* out, std::size_t cap, const char16_t* fmt, std::v
     std::va_list ap;
     va_copy(ap, ap_in);
     const char16_t* f = fmt;
-    while (*f) {
+    while (*f && !o.full) {
         if (*f != u'%') {
             const char16_t* run = f;
             while (*f && *f != u'%') ++f;
