@@ -1,11 +1,14 @@
 // Reading configuration files with the rules of GetPrivateProfileStringW /
 // GetPrivateProfileIntW, so that a file behaves the same under both builds:
-// - sections and keys match without regard to case; keys before the first
-//   section are never found; only the first section of a name is searched;
-// - whitespace around keys and values is dropped, lines starting with ';'
-//   are comments, CRLF and LF both end lines;
-// - a value enclosed in matching double or single quotes loses them;
+// - sections and keys match without regard to case and surrounding blanks
+//   (in the file and in the request); keys before the first section form a
+//   section with an empty name; only the first section of a name is
+//   searched; ';' is no comment mark, it is simply part of the key;
+// - whitespace around keys and values is dropped, CRLF and LF end lines;
+// - a value enclosed in matching double or single quotes loses them (with
+//   the system's quirk when the value is cut, see copy_value);
 // - UTF-8 with or without a byte-order mark, UTF-16LE/BE with one.
+// Checked case by case against the Windows profile reader under Wine.
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -41,11 +44,17 @@ Span trim(Span s) {
     return s;
 }
 
-bool same(Span a, const char16_t* b) {
-    std::size_t i = 0;
-    for (; i < a.n; ++i)
-        if (!b[i] || fold(a.p[i]) != fold(b[i])) return false;
-    return b[i] == 0;
+bool same(Span a, Span b) {
+    if (a.n != b.n) return false;
+    for (std::size_t i = 0; i < a.n; ++i)
+        if (fold(a.p[i]) != fold(b.p[i])) return false;
+    return true;
+}
+
+Span span(const char16_t* s) {
+    Span r{s, 0};
+    while (s[r.n]) ++r.n;
+    return r;
 }
 
 // The whole file as UTF-16; false when it cannot be read.
@@ -83,10 +92,10 @@ bool load(const char16_t* file, std::vector<char16_t>* text) {
     return true;
 }
 
-// Finds the value of section/key in text; false when absent.
-bool find(const std::vector<char16_t>& text, const char16_t* section, const char16_t* key,
-          Span* value) {
-    bool inside = false, found_section = false;
+// Finds the value of section/key in text (the value still with its
+// quotes); false when absent.
+bool find(const std::vector<char16_t>& text, Span section, Span key, Span* value) {
+    bool inside = section.n == 0, found_section = inside;
     const char16_t* p = text.data();
     const char16_t* end = p + text.size();
     while (p < end) {
@@ -94,13 +103,13 @@ bool find(const std::vector<char16_t>& text, const char16_t* section, const char
         while (eol < end && *eol != u'\n' && *eol != 0) ++eol;
         Span line = trim({p, static_cast<std::size_t>(eol - p)});
         p = eol + 1;
-        if (line.n == 0 || line.p[0] == u';') continue;
+        if (line.n == 0) continue;
         if (line.p[0] == u'[') {
             std::size_t close = line.n;
             while (close > 1 && line.p[close - 1] != u']') --close;
             if (close > 1) {
                 if (found_section) return false;  // the first such section ended
-                inside = same({line.p + 1, close - 2}, section);
+                inside = same(trim({line.p + 1, close - 2}), section);
                 found_section = inside;
                 continue;
             }
@@ -109,13 +118,25 @@ bool find(const std::vector<char16_t>& text, const char16_t* section, const char
         std::size_t eq = 0;
         while (eq < line.n && line.p[eq] != u'=') ++eq;
         if (eq == line.n || !same(trim({line.p, eq}), key)) continue;
-        Span v = trim({line.p + eq + 1, line.n - eq - 1});
-        if (v.n >= 2 && (v.p[0] == u'"' || v.p[0] == u'\'') && v.p[v.n - 1] == v.p[0])
-            v = {v.p + 1, v.n - 2};
-        *value = v;
+        *value = trim({line.p + eq + 1, line.n - eq - 1});
         return true;
     }
     return false;
+}
+
+std::uint32_t copy_out(Span v, char16_t* out, std::uint32_t outSize);
+
+// Quotes around a value are dropped the way the system does it: the
+// opening one is skipped, the value with its closing quote is cut to the
+// buffer, and the last unit is dropped only when the buffer held the
+// whole of it. So "abc" read into 4 units gives ab, not abc.
+std::uint32_t copy_value(Span v, char16_t* out, std::uint32_t outSize) {
+    bool quoted = v.n >= 2 && (v.p[0] == u'"' || v.p[0] == u'\'') && v.p[v.n - 1] == v.p[0];
+    if (!quoted) return copy_out(v, out, outSize);
+    Span inner{v.p + 1, v.n - 1};
+    std::uint32_t n = copy_out(inner, out, outSize);
+    if (outSize >= inner.n && n > 0) out[--n] = 0;
+    return n;
 }
 
 std::uint32_t copy_out(Span v, char16_t* out, std::uint32_t outSize) {
@@ -132,8 +153,8 @@ std::uint32_t ini_read_string(const char16_t* section, const char16_t* key, cons
                               char16_t* out, std::uint32_t outSize, const char16_t* file) {
     std::vector<char16_t> text;
     Span v;
-    if (section && key && load(file, &text) && find(text, section, key, &v))
-        return copy_out(v, out, outSize);
+    if (section && key && load(file, &text) && find(text, trim(span(section)), trim(span(key)), &v))
+        return copy_value(v, out, outSize);
     // The default loses its trailing blanks, as on Windows.
     Span d{def ? def : u"", 0};
     while (d.p[d.n]) ++d.n;
