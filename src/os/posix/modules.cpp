@@ -10,31 +10,45 @@
 
 namespace zor::os::posix {
 
-// A bare file name is looked for next to the executable first, as
-// Windows searches the application directory, then the loader's own way.
+namespace {
+void* open_if_there(const char* path, bool* there) {
+    *there = access(path, F_OK) == 0;
+    return *there ? dlopen(path, RTLD_NOW | RTLD_LOCAL) : nullptr;
+}
+}  // namespace
+
+// A bare file name is searched like Windows does it: the program's folder,
+// then the system's places (the loader's own search), then the current
+// directory. A path with a directory is opened as it is.
 Module module_load(const char16_t* path) {
     char file[PATH_MAX];
     if (!path || !to_utf8(path, file, sizeof file, true) || !file[0]) {
         errno = ENOENT;
         return nullptr;
     }
-    if (!std::strchr(file, '/')) {
-        char local[PATH_MAX];
-        if (exe_path(local, sizeof local)) {
-            char* slash = std::strrchr(local, '/');
-            std::size_t dir = static_cast<std::size_t>(slash - local) + 1;
-            if (dir + std::strlen(file) < sizeof local) {
-                std::strcpy(local + dir, file);
-                if (access(local, F_OK) == 0) {
-                    if (void* m = dlopen(local, RTLD_NOW | RTLD_LOCAL)) return m;
-                    errno = ENOEXEC;
-                    return nullptr;
-                }
+    bool there = false;
+    if (std::strchr(file, '/')) {
+        void* m = open_if_there(file, &there);
+        if (!m) errno = there ? ENOEXEC : ENOENT;
+        return m;
+    }
+    char local[PATH_MAX];
+    if (exe_path(local, sizeof local)) {
+        std::size_t dir = static_cast<std::size_t>(std::strrchr(local, '/') - local) + 1;
+        if (dir + std::strlen(file) < sizeof local) {
+            std::strcpy(local + dir, file);
+            if (void* m = open_if_there(local, &there)) return m;
+            if (there) {
+                errno = ENOEXEC;  // found but not loadable: no further search
+                return nullptr;
             }
         }
     }
-    void* m = dlopen(file, RTLD_NOW | RTLD_LOCAL);
-    if (!m) errno = access(file, F_OK) == 0 || !std::strchr(file, '/') ? ENOEXEC : ENOENT;
+    if (void* m = dlopen(file, RTLD_NOW | RTLD_LOCAL)) return m;
+    char here[PATH_MAX + 2] = "./";
+    std::strcpy(here + 2, file);
+    void* m = open_if_there(here, &there);
+    if (!m) errno = there ? ENOEXEC : ENOENT;
     return m;
 }
 
