@@ -149,15 +149,16 @@ bool image_base(std::uint32_t dev, std::uint64_t inode, std::uint64_t* base) {
 
 bool region_query(const void* addr, Region* out) {
     std::uint64_t a = reinterpret_cast<std::uint64_t>(addr);
+    if (a > kAppHi) {  // the kernel's pages (vsyscall) are no application memory
+        errno = EINVAL;
+        return false;
+    }
     MapsReader maps;
     if (!maps.ok()) return false;
     MapLine m;
-    std::uint64_t hole_lo = kAppLo, hole_hi = kAppHi + 1;
+    std::uint64_t hole_hi = kAppHi + 1;
     while (maps.next(&m)) {
-        if (a >= m.end) {
-            if (m.end > hole_lo) hole_lo = m.end;
-            continue;
-        }
+        if (a >= m.end) continue;
         if (a < m.start) {
             hole_hi = m.start;
             break;
@@ -178,7 +179,7 @@ bool region_query(const void* addr, Region* out) {
         }
         return true;
     }
-    if (a < kAppLo || a > kAppHi) {
+    if (a < kAppLo) {
         errno = EINVAL;
         return false;
     }
@@ -215,6 +216,10 @@ std::uint32_t module_file_name(std::uint64_t alloc_base, char16_t* buf, std::uin
                 inode = m.inode;
                 std::strncpy(path, m.path, sizeof path - 1);
                 path[sizeof path - 1] = 0;
+                // A file replaced on disk while loaded keeps its name.
+                static const char kDeleted[] = " (deleted)";
+                std::size_t n = std::strlen(path), k = sizeof kDeleted - 1;
+                if (n > k && std::strcmp(path + n - k, kDeleted) == 0) path[n - k] = 0;
                 break;
             }
         }
