@@ -6,12 +6,23 @@ namespace zor::os {
 
 namespace {
 constexpr Calls kNative = {
-    posix::module_load,     posix::module_symbol,     posix::module_free,
-    posix::mapping_create,  posix::mapping_map,       posix::mapping_unmap,
-    posix::process_open,    posix::handle_dup_to,     posix::handle_dup_from,
-    posix::handle_close,    posix::pipe_read,         posix::pipe_write,
-    posix::thread_create,   posix::thread_wait,       posix::thread_cancel_io,
-    posix::priority_class_set, posix::thread_priority_set,
+    .module_load = posix::module_load,
+    .module_symbol = posix::module_symbol,
+    .module_free = posix::module_free,
+    .mapping_create = posix::mapping_create,
+    .mapping_map = posix::mapping_map,
+    .mapping_unmap = posix::mapping_unmap,
+    .process_open = posix::process_open,
+    .handle_dup_to = posix::handle_dup_to,
+    .handle_dup_from = posix::handle_dup_from,
+    .handle_close = posix::handle_close,
+    .pipe_read = posix::pipe_read,
+    .pipe_write = posix::pipe_write,
+    .thread_create = posix::thread_create,
+    .thread_wait = posix::thread_wait,
+    .thread_cancel_io = posix::thread_cancel_io,
+    .priority_class_set = posix::priority_class_set,
+    .thread_priority_set = posix::thread_priority_set,
 };
 }  // namespace
 
