@@ -113,7 +113,9 @@ TEST_F(ClientLibrary, ExecIsrFuncRunsOnTheDispatchThreadAndAnswers) {
     Sleep(1000);
     std::uint32_t intervals = 0;
     ASSERT_EQ(zor_exec_isr_func(c_, mod, LATENCY_FN_EVENTS, nullptr, 0, 3000, &intervals), ZOR_OK);
-    EXPECT_GT(intervals, 600u);
+    // A loaded machine dispatches fewer events than the timer's 1000 periods
+    // (the driver then skips sequence numbers), never more.
+    EXPECT_GT(intervals, 100u);
     EXPECT_LT(intervals, 1500u);
 
     // Without waiting: queued, answered 1; many callers at once each get

@@ -91,12 +91,16 @@ TEST_F(ClientTools, SampleClientFillsTheHistogramAtTheTimersRate) {
     ASSERT_EQ(r.code, 0u) << r.out;
     EXPECT_NE(r.out.find("reset #1"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("[  2 s] events"), std::string::npos) << r.out;
-    // About 3000 intervals of about 1 ms each (Wine's timer catches up with
-    // late ticks, so the mean stays close to the period).
-    EXPECT_GT(Field(r.out, "intervals"), 2000) << r.out;
-    EXPECT_LT(Field(r.out, "intervals"), 4000) << r.out;
-    EXPECT_GT(Field(r.out, "mean_us"), 800) << r.out;
-    EXPECT_LT(Field(r.out, "mean_us"), 1250) << r.out;
+    // The histogram covers the whole run: its intervals add up to about the
+    // three seconds watched, at most one per 1 ms timer period. (A loaded
+    // machine dispatches fewer events; the timer then skips sequence
+    // numbers, which the module counts as gaps.)
+    const double n = Field(r.out, "intervals"), mean = Field(r.out, "mean_us");
+    EXPECT_GT(n, 300) << r.out;
+    EXPECT_LT(n, 3600) << r.out;
+    EXPECT_GT(n * mean, 2.0e6) << r.out;
+    EXPECT_LT(n * mean, 4.0e6) << r.out;
+    EXPECT_GE(mean, 800) << r.out;
     EXPECT_GE(Field(r.out, "p99_us"), Field(r.out, "p50_us")) << r.out;
     // It unregistered its module on the way out.
     std::uint32_t mod = 0;

@@ -38,8 +38,8 @@ const char kHelp[] =
     "  exec N FUNC [HEXBYTES] [--wait [MS]]\n"
     "                              run function FUNC of module N on the dispatch thread;\n"
     "                              --wait prints its result (default wait 2000 ms)\n"
-    "  watch [--seconds N]         live sequence number, event rate and events not\n"
-    "                              dispatched, until Ctrl-C or N seconds\n"
+    "  watch [--seconds N]         live sequence number, event rate and missed events,\n"
+    "                              until Ctrl-C or N seconds\n"
     "  quit                        end the host\n"
     "\n"
     "Options: --pid P talks to the host window of process P; --timeout MS bounds each\n"
@@ -140,12 +140,13 @@ int Watch(ZorConnection* c, const Args& a) {
             return kNoHost;
         }
         zor_read_counters(c, &seq, &run);
-        // Each dispatched event runs the deferred list once; events the
-        // driver signalled beyond those were not dispatched (paused host).
+        // Each dispatched event runs the deferred list once; sequence numbers
+        // that advanced beyond those are missed events: periods the driver
+        // skipped, or events a paused host did not dispatch.
         const std::uint32_t dSeq = seq - lastSeq, dRun = run - lastRun;
         if (dSeq > dRun) missed += dSeq - dRun;
         const double rate = (now > last) ? dSeq * 1000.0 / static_cast<double>(now - last) : 0;
-        std::printf("%ssequence %10lu   rate %9.1f /s   not dispatched %llu   %s", console ? "\r" : "",
+        std::printf("%ssequence %10lu   rate %9.1f /s   missed %llu   %s", console ? "\r" : "",
                     static_cast<unsigned long>(seq), rate, static_cast<unsigned long long>(missed),
                     console ? "  " : "\n");
         std::fflush(stdout);
