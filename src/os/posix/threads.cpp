@@ -78,7 +78,7 @@ bool valid_thread_priority(int p) {
 
 int cancel_signal() {
     static const int sig = [] {
-        int s = SIGRTMIN + 2;
+        int s = SIGRTMAX - 3;  // away from the SIGRTMIN+n that programs usually pick
         struct sigaction sa{};
         sa.sa_handler = cancel_handler;  // no SA_RESTART: the wait must end
         sigemptyset(&sa.sa_mask);
