@@ -1,0 +1,90 @@
+// Round trips a client pays, measured against a running host:
+//   client_bench [--pid HOSTPID] [--rounds N]
+// Registers latency_isr.dll for the duration. Prints min / avg / p99 / max
+// in microseconds per operation.
+#include <windows.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "zor/zor_client.h"
+
+namespace {
+
+double NowUs() {
+    static LARGE_INTEGER f = [] { LARGE_INTEGER x; QueryPerformanceFrequency(&x); return x; }();
+    LARGE_INTEGER t;
+    QueryPerformanceCounter(&t);
+    return double(t.QuadPart) * 1e6 / double(f.QuadPart);
+}
+
+template <typename F>
+void Measure(const char* name, int rounds, F&& op) {
+    std::vector<double> us;
+    us.reserve(rounds);
+    int failures = 0;
+    for (int i = 0; i < rounds; ++i) {
+        const double t0 = NowUs();
+        if (op() != ZOR_OK) ++failures;
+        us.push_back(NowUs() - t0);
+    }
+    std::sort(us.begin(), us.end());
+    double sum = 0;
+    for (double v : us) sum += v;
+    std::printf("%-34s %7d  %9.1f %9.1f %9.1f %9.1f  %s\n", name, rounds, us.front(), sum / rounds,
+                us[std::min<std::size_t>(us.size() - 1, us.size() * 99 / 100)], us.back(),
+                failures ? "FAILURES" : "");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    unsigned long pid = 0;
+    int rounds = 2000;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        if (!std::strcmp(argv[i], "--pid")) pid = std::strtoul(argv[i + 1], nullptr, 0);
+        if (!std::strcmp(argv[i], "--rounds")) rounds = std::atoi(argv[i + 1]);
+    }
+    ZorConnection* c = nullptr;
+    int st = pid ? zor_connect_pid(&c, pid, 5000) : zor_connect(&c, 5000);
+    if (st != ZOR_OK) {
+        std::fprintf(stderr, "client_bench: %s\n", zor_strerror(st));
+        return 3;
+    }
+    std::uint32_t mod = 0, r = 0;
+    ZorView shm{};
+    if ((st = zor_register_module(c, "latency_isr.dll", 8192, &mod, &shm)) != ZOR_OK ||
+        (st = zor_pipe_open(c)) != ZOR_OK || (st = zor_system_area(c, 0, nullptr)) != ZOR_OK) {
+        std::fprintf(stderr, "client_bench: set-up: %s\n", zor_strerror(st));
+        zor_disconnect(c);
+        return 1;
+    }
+    unsigned char body[64] = {};
+    std::vector<unsigned char> big(65536);
+    std::printf("%-34s %7s  %9s %9s %9s %9s   (microseconds)\n", "operation", "rounds", "min", "avg", "p99", "max");
+    Measure("window command (irq-query)", rounds, [&] { return zor_irq_query(c, &r); });
+    Measure("module call, command 5, 64 B", rounds, [&] { return zor_module_call(c, mod, 0, body, 64, &r); });
+    Measure("module call, command 5, 64 KiB", rounds / 4, [&] {
+        return zor_module_call(c, mod, 0, big.data(), static_cast<std::uint32_t>(big.size()), &r);
+    });
+    Measure("pipe request, 64 B", rounds, [&] { return zor_pipe_call(c, mod, 0, body, 64, &r); });
+    Measure("pipe request, 64 KiB", rounds / 4, [&] {
+        return zor_pipe_call(c, mod, 0, big.data(), static_cast<std::uint32_t>(big.size()), &r);
+    });
+    Measure("ExecISRFunc queued, no wait", rounds, [&] {
+        int s = zor_exec_isr_func(c, mod, 2, body, 16, 0, &r);
+        if (s == ZOR_E_QUEUE_FULL) Sleep(1);
+        return s;
+    });
+    Sleep(50);
+    Measure("ExecISRFunc waited (next event)", rounds / 4, [&] { return zor_exec_isr_func(c, mod, 2, nullptr, 0, 2000, &r); });
+    zor_pipe_close(c);
+    zor_unregister_module(c, mod);
+    zor_unmap(&shm);
+    zor_disconnect(c);
+    return 0;
+}
