@@ -8,8 +8,9 @@ namespace {
 std::uint32_t g_faultCode = 0;  // 0: never fault
 std::uint32_t g_calls = 0;
 
+// The never-mapped first page, but not null (sanitizers check null stores).
 void Fault() {
-    volatile int* volatile p = nullptr;
+    volatile int* volatile p = reinterpret_cast<volatile int*>(std::uintptr_t{64});
     *p = 1;
 }
 }  // namespace

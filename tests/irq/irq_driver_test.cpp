@@ -1,0 +1,320 @@
+// Registering, withdrawing and prioritising the IRQ driver, seen from the
+// driver's side (the commands it receives) and from the host's tables.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "common/test_host.h"
+#include "irq/irq_files.h"
+
+namespace zor::test {
+namespace {
+
+constexpr std::uint32_t kFreedMark = 0xF4EE;  // "the library was freed"
+
+struct Command {
+    std::uint32_t code;
+    std::uint64_t arg;
+    bool operator==(const Command&) const = default;
+};
+
+std::uint64_t Addr(const void* p) { return reinterpret_cast<std::uintptr_t>(p); }
+const std::uint64_t kService = Addr(reinterpret_cast<const void*>(&ZorServiceProc));
+const std::uint64_t kInterrupt = Addr(reinterpret_cast<const void*>(&ZorOnInterrupt));
+
+// initret_irq.irq opened by the test: its answers and its record.
+class InitRet {
+public:
+    InitRet() : file_(TestDir(), u"initret_irq.irq") {
+        configure_ = file_.Fn<void (*)(std::uint32_t, std::uint32_t)>("Test_Configure");
+        mark_ = file_.Fn<void (*)(std::uint32_t)>("Test_Mark");
+        record_ = file_.Fn<std::uint32_t (*)(std::uint32_t*, std::uint64_t*, std::uint32_t)>(
+            "Test_Record");
+        probe_ = file_.Fn<std::int64_t (*)()>("Test_ProbeAtWithdrawal");
+        EXPECT_TRUE(configure_ && mark_ && record_ && probe_) << "initret_irq not found";
+        s_self = this;
+    }
+    ~InitRet() {
+        s_self = nullptr;
+        os::calls.module_free = os::native_calls().module_free;
+    }
+
+    void Configure(std::uint32_t initAnswer, std::uint32_t threadAnswer = 0) {
+        configure_(initAnswer, threadAnswer);
+    }
+    std::vector<Command> Commands() const {
+        std::uint32_t codes[64];
+        std::uint64_t args[64];
+        std::uint32_t n = record_(codes, args, 64);
+        std::vector<Command> out;
+        for (std::uint32_t i = 0; i < n && i < 64; ++i) out.push_back({codes[i], args[i]});
+        return out;
+    }
+    std::int64_t ProbeAtWithdrawal() const { return probe_(); }
+    // From now on every module_free of this driver also lands in its record.
+    void MarkFrees() {
+        os::calls.module_free = [](os::Module m) {
+            if (s_self && m == s_self->file_.Module()) s_self->mark_(kFreedMark);
+            return os::native_calls().module_free(m);
+        };
+    }
+    const std::u16string& Path() const { return file_.Path(); }
+
+private:
+    static inline InitRet* s_self = nullptr;
+    DriverFile file_;
+    void (*configure_)(std::uint32_t, std::uint32_t) = nullptr;
+    void (*mark_)(std::uint32_t) = nullptr;
+    std::uint32_t (*record_)(std::uint32_t*, std::uint64_t*, std::uint32_t) = nullptr;
+    std::int64_t (*probe_)() = nullptr;
+};
+
+class IrqDriverTest : public HostTest {
+protected:
+    PriorityRecorder priorities;
+    std::string Line(const char* fmt, const std::u16string& arg) {
+        char16_t f[128], out[600];
+        utf8_to_utf16(fmt, f, 128);
+        wformat(out, 600, f, arg.c_str());
+        return Narrow(out);
+    }
+};
+
+std::vector<Command> Registration(std::uint32_t slot) {
+    return {{ZOR_FN_SET_ISR_HANDLE, slot},
+            {ZOR_FN_SET_SERVICE_PROC, kService},
+            {ZOR_GS_SET_INTERRUPT, kInterrupt},
+            {ZOR_FN_INITIALIZE, 0}};
+}
+
+TEST(IrqDriverRegistration, InitializeAnswersStrictAndNot) {
+    for (std::uint32_t answer : {0u, 2u, 5u}) {
+        for (bool strict : {false, true}) {
+            SCOPED_TRACE(testing::Message() << "answer " << answer << " strict " << strict);
+            PriorityRecorder priorities;
+            InitRet drv;
+            TestHost th;
+            Host& h = th.host();
+            drv.Configure(answer);
+            drv.MarkFrees();
+            const bool refused = answer == 5 && strict;
+
+            EXPECT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"initret_irq.irq", strict),
+                      refused ? 0u : 1u);
+
+            std::vector<Command> expected = Registration(1);
+            if (refused) {
+                expected.push_back({ZOR_FN_SHUTDOWN, 0});
+                expected.push_back({kFreedMark, 0});
+            } else {
+                expected.push_back({ZOR_GS_GET_THREAD, kService});
+            }
+            EXPECT_EQ(drv.Commands(), expected);
+            EXPECT_EQ(h.irq.Loaded(), !refused);
+            EXPECT_EQ(h.irq.CurrentIrqSlot(), refused ? 0u : 1u);
+            EXPECT_EQ(h.slots[1].inUse.load(), refused ? 0u : 1u);
+            EXPECT_EQ(h.slots[1].startPending.load(), answer == 2 ? 1u : 0u);
+            const std::string error = "ZOR: '" + Narrow(drv.Path()) + "' returned error 00000005\n\r";
+            EXPECT_EQ(th.log().Contains(error), answer == 5);
+            if (!refused) {
+                EXPECT_EQ(std::u16string(h.slots[1].name), u"initret_irq.irq");
+                EXPECT_EQ(h.slots[1].kind.load(), 1u);
+                EXPECT_EQ(h.dispatcher.DispatchThreadId(), 0u);
+            }
+        }
+    }
+}
+
+TEST_F(IrqDriverTest, WithdrawalRunsInItsFixedOrderAndReloadReplaces) {
+    InitRet drv;
+    drv.Configure(0);
+    ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"initret_irq.irq", false), 1u);
+    // The driver installed a custom service while it started.
+    EXPECT_EQ(ZorServiceProc(0x4000, 0, 0, 0, 0, 0, 0), 0x5A);
+    const std::uint32_t lockedWhileLoaded = h.sysLocker.Count();
+    drv.Configure(0);
+    drv.MarkFrees();
+
+    h.irq.UnregisterIRQ();
+
+    EXPECT_EQ(drv.Commands(), (std::vector<Command>{
+                                  {ZOR_GS_SET_INTERRUPT, 0}, {ZOR_FN_SHUTDOWN, 0}, {kFreedMark, 0}}));
+    // Its services were gone before its interrupt entry was withdrawn.
+    EXPECT_EQ(drv.ProbeAtWithdrawal(), 0);
+    EXPECT_EQ(h.sysLocker.Count(), lockedWhileLoaded - 1);
+    EXPECT_FALSE(h.irq.Loaded());
+    EXPECT_EQ(h.irq.CurrentIrqSlot(), 0u);
+    EXPECT_EQ(h.slots.HighWater(), 0u);
+    EXPECT_TRUE(log.Contains("Unregister IRQ\n\r"));
+
+    // Loading twice: the first instance leaves before the second comes.
+    ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"initret_irq.irq", false), 1u);
+    drv.Configure(0);
+    ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"initret_irq.irq", false), 1u);
+    std::vector<Command> expected = {{ZOR_GS_SET_INTERRUPT, 0}, {ZOR_FN_SHUTDOWN, 0}, {kFreedMark, 0}};
+    for (const Command& c : Registration(1)) expected.push_back(c);
+    expected.push_back({ZOR_GS_GET_THREAD, kService});
+    EXPECT_EQ(drv.Commands(), expected);
+    EXPECT_EQ(h.irq.CurrentIrqSlot(), 1u);
+}
+
+TEST_F(IrqDriverTest, FailedLoadsLeaveNoDriverAndNothingLoaded) {
+    static int loads;
+    static int frees;
+    loads = frees = 0;
+    os::calls.module_load = [](const char16_t* p) {
+        os::Module m = os::native_calls().module_load(p);
+        if (m) ++loads;
+        return m;
+    };
+    os::calls.module_free = [](os::Module m) {
+        ++frees;
+        return os::native_calls().module_free(m);
+    };
+    const std::u16string dir = TestDir();
+
+    EXPECT_EQ(h.irq.LoadIRQ(dir.c_str(), u"absent_irq.irq", true), 0u);
+    EXPECT_TRUE(log.Contains(Line("ZOR: Failed to load IRQ: '%s'\n\r", dir + u"absent_irq.irq")));
+
+    EXPECT_EQ(h.irq.LoadIRQ(dir.c_str(), u"noexport_irq.irq", true), 0u);
+    EXPECT_TRUE(log.Contains(
+        Line("ZOR: Failed to locate IRQ_GetSet in module '%s'\n\r", dir + u"noexport_irq.irq")));
+    EXPECT_EQ(loads, 1);
+    EXPECT_EQ(frees, 1);
+
+    // 20 units of name: refused before anything is loaded.
+    EXPECT_EQ(h.irq.LoadIRQ(dir.c_str(), u"abcdefghijklmnop.irq", false), 0u);
+    EXPECT_TRUE(log.ContainsSubstr("ZOR: IRQ driver name too long"));
+    EXPECT_EQ(loads, 1);
+
+    for (const std::uint32_t i : {1u, 2u, 3u}) EXPECT_EQ(h.slots[i].inUse.load(), 0u);
+    EXPECT_FALSE(h.irq.Loaded());
+    EXPECT_EQ(h.irq.CurrentIrqSlot(), 0u);
+    os::calls = os::native_calls();
+
+    // No free slot.
+    for (std::uint32_t i = 1; i < SlotTable::kSlots; ++i) {
+        ASSERT_EQ(h.slots.Alloc(), i);
+        h.slots[i].inUse.store(1);
+    }
+    EXPECT_EQ(h.irq.RegisterIRQ((dir + u"initret_irq.irq").c_str(), false), 0u);
+    EXPECT_TRUE(log.Contains(
+        Line("ZOR: Failed to add '%s' to internal list\n\r", dir + u"initret_irq.irq")));
+    for (std::uint32_t i = 1; i < SlotTable::kSlots; ++i) h.slots.Free(i);
+}
+
+TEST_F(IrqDriverTest, FaultsInsideTheDriverAreSurvived) {
+    DriverFile file(TestDir(), u"fault_irq.irq");
+    auto faultIn = file.Fn<void (*)(std::uint32_t)>("Test_FaultIn");
+    auto calls = file.Fn<std::uint32_t (*)()>("Test_Calls");
+    ASSERT_TRUE(faultIn && calls);
+
+    // A faulting Initialize answers 0 through the guarded call: started.
+    faultIn(ZOR_FN_INITIALIZE);
+    ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"fault_irq.irq", true), 1u);
+    EXPECT_TRUE(log.ContainsSubstr("ZOR: ISR 'fault_irq.irq' caused exception in"));
+
+    faultIn(ZOR_GS_IRQ_QUERY);
+    EXPECT_EQ(h.irq.Query(), 0u);
+    faultIn(0);
+    EXPECT_EQ(h.irq.Query(), 42u);
+
+    // A fault while stopping does not stop the withdrawal.
+    faultIn(ZOR_FN_SHUTDOWN);
+    const std::uint32_t before = calls();
+    h.irq.UnregisterIRQ();
+    EXPECT_EQ(calls(), before + 2);  // GS_SET_INTERRUPT 0, Shutdown
+    EXPECT_EQ(h.slots.HighWater(), 0u);
+    EXPECT_FALSE(h.irq.Loaded());
+}
+
+TEST_F(IrqDriverTest, EventsBeforeRegistrationEndAndAfterWithdrawal) {
+    DriverFile file(TestDir(), u"early_irq.irq");
+    auto events = file.Fn<std::uint32_t (*)()>("Early_Events");
+    auto after = file.Fn<std::uint32_t (*)()>("Early_AfterWithdrawal");
+    auto threadId = file.Fn<std::uint32_t (*)()>("Early_ThreadId");
+    ASSERT_TRUE(events && after && threadId);
+
+    // The driver delivered on this thread and on its own before Initialize
+    // answered; the dispatch thread is chosen only by events after that.
+    ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"early_irq.irq", false), 1u);
+    EXPECT_GE(events(), 4u);
+    const std::uint32_t seen = events();
+    for (int i = 0; i < 2000 && events() < seen + 3; ++i) os::sleep_ms(1);
+    ASSERT_GE(events(), seen + 3);
+    EXPECT_EQ(h.dispatcher.DispatchThreadId(), threadId());
+    EXPECT_NE(h.dispatcher.DispatchThreadId(), os::current_thread_id());
+
+    h.irq.UnregisterIRQ();
+    EXPECT_GE(after(), 1u);
+    EXPECT_EQ(h.slots.HighWater(), 0u);
+    EXPECT_GT(h.dispatcher.EventCounter(), 0u);
+}
+
+TEST_F(IrqDriverTest, PriorityStagesEscalateAndStopOnReadBack) {
+    InitRet drv;
+    drv.Configure(0, 0x1234);
+    const os::Thread self = os::current_thread();
+    auto cls = [](std::uint32_t c) { return PriorityCall{true, 0, c}; };
+    auto thr = [](os::Thread t, int p) { return PriorityCall{false, t, p}; };
+    const std::vector<PriorityCall> stage0 = {cls(0x20), thr(self, 0), thr(0x1234, 1)};
+    const std::vector<PriorityCall> stage1 = {cls(0x20), thr(self, 0), thr(0x1234, 15)};
+    const std::vector<PriorityCall> stage2 = {cls(0x100), thr(self, 0), thr(0x1234, 15)};
+    auto join = [](std::initializer_list<std::vector<PriorityCall>> parts) {
+        std::vector<PriorityCall> all;
+        for (const auto& p : parts) all.insert(all.end(), p.begin(), p.end());
+        return all;
+    };
+
+    h.irq.SetIrqPriority(1);  // no driver: nothing
+    EXPECT_TRUE(priorities.Take().empty());
+
+    // Loading resets: the whole ramp from the first stage.
+    ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"initret_irq.irq", false), 1u);
+    EXPECT_EQ(priorities.Take(), join({stage0, stage1, stage2}));
+    EXPECT_EQ(h.irq.PriorityLevel(), 0u);
+
+    h.irq.SetIrqPriority(1);
+    EXPECT_EQ(priorities.Take(), join({stage1, stage2}));
+    h.irq.SetIrqPriority(1);  // same level
+    h.irq.SetIrqPriority(3);  // out of range
+    EXPECT_TRUE(priorities.Take().empty());
+    EXPECT_EQ(h.irq.PriorityLevel(), 1u);
+    h.irq.SetIrqPriority(2);
+    EXPECT_EQ(priorities.Take(), stage2);
+    h.irq.ResetIrqPriority();
+    EXPECT_EQ(priorities.Take(), join({stage0, stage1, stage2}));
+    EXPECT_EQ(h.irq.PriorityLevel(), 0u);
+
+    // A class other than normal read back ends the ramp where it is.
+    os::native_calls().priority_class_set(0x4000);  // below normal: harmless
+    h.irq.SetIrqPriority(1);
+    os::native_calls().priority_class_set(os::kNormalPriorityClass);
+    EXPECT_EQ(priorities.Take(), stage1);
+    EXPECT_EQ(h.irq.PriorityLevel(), 1u);
+
+    // Without a thread handle only the class and the calling thread change.
+    drv.Configure(0, 0);
+    ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"initret_irq.irq", false), 1u);
+    EXPECT_EQ(priorities.Take(),
+              (std::vector<PriorityCall>{cls(0x20), thr(self, 0), cls(0x20), thr(self, 0),
+                                         cls(0x100), thr(self, 0)}));
+}
+
+TEST_F(IrqDriverTest, QueryAndControlGoToTheDriverOnlyWhenLoaded) {
+    EXPECT_EQ(h.irq.Query(), 1000u);
+    EXPECT_EQ(h.irq.Control(7), 0u);
+    InitRet drv;
+    drv.Configure(0);
+    ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"initret_irq.irq", false), 1u);
+    EXPECT_EQ(h.irq.Query(), 0x77u);
+    EXPECT_EQ(h.irq.Control(7), 8u);
+    h.irq.UnregisterIRQ();
+    EXPECT_EQ(h.irq.Query(), 1000u);
+    EXPECT_EQ(h.irq.Control(7), 0u);
+}
+
+}  // namespace
+}  // namespace zor::test
