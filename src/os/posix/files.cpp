@@ -35,8 +35,8 @@ bool startup_dir(char16_t* buf, std::uint32_t size) {
 }
 
 // Directories come back with '\\' separators like every path the layer
-// hands out. $APPDATA first (tests and users can point it anywhere), then the XDG
-// configuration folder.
+// hands out. $APPDATA first (tests and users can point it anywhere), then
+// the XDG configuration folder.
 bool user_appdata_dir(char16_t* buf, std::uint32_t size) {
     std::string dir;
     if (const char* v = std::getenv("APPDATA"); v && *v) {
