@@ -18,7 +18,7 @@ enum Action : std::uint32_t {
     kActBlockSelf = 1,     // SERV_BlockISR(own number, 1)
     kActSetPrio = 2,       // SERV_SetISRPrio(a1, a2)
     kActInstall = 3,       // SERV_InstallService(own number, a1, custom)
-    kActExec = 4,          // SERV_ExecISRFunc(a1, a2, buffer, a3, 0)
+    kActExec = 4,          // SERV_ExecISRFunc(a1, a2, buffer, a3, wait 1)
     kActIsIsrThread = 5,   // SERV_IsISRThread
     kActBlockOther = 6,    // SERV_BlockISR(a1, a2)
 };
@@ -48,9 +48,10 @@ std::atomic<std::uint32_t> g_lastExecStamp{0};
 
 unsigned char g_execBuffer[2048];
 
-uint32_t Custom(uint32_t code, uintptr_t a1, uintptr_t, uintptr_t, uintptr_t, uintptr_t,
-                uintptr_t) {
-    return 0xC0000000u + code + static_cast<std::uint32_t>(a1);
+// Answers with the installing module's number, so that tests can tell
+// which of two installations of the same code was called.
+uint32_t Custom(uint32_t, uintptr_t a1, uintptr_t, uintptr_t, uintptr_t, uintptr_t, uintptr_t) {
+    return 0xC0000000u | (g_number.load() << 16) | (static_cast<std::uint32_t>(a1) & 0xFFFF);
 }
 
 std::atomic<std::uint32_t> g_serviceCalls{0};
@@ -78,8 +79,9 @@ void RunAction() {
         r = Call(SERV_InstallService, self, g_a1, reinterpret_cast<std::uintptr_t>(&Custom));
         break;
     case kActExec:
+        // Asks to wait: on the dispatch thread that must not wait.
         r = Call(SERV_ExecISRFunc, g_a1, g_a2, reinterpret_cast<std::uintptr_t>(g_execBuffer),
-                 g_a3, 0);
+                 g_a3, 1);
         break;
     case kActIsIsrThread: r = Call(SERV_IsISRThread); break;
     case kActBlockOther: r = Call(SERV_BlockISR, g_a1, g_a2); break;
