@@ -26,7 +26,10 @@ namespace {
 
 ZorServiceProc g_service = nullptr;  // the host's service entry (unused here, kept as a pattern)
 std::uint32_t g_handle = 0;          // our module number
-LatencyShared* g_shm = nullptr;      // our shared memory, null when too small or absent
+// Our shared memory, null when too small or absent. Atomic because the host
+// marks a module in use before it sends Initialize: Interrupt may already be
+// running on the dispatch thread while Initialize publishes the block.
+std::atomic<LatencyShared*> g_shm{nullptr};
 LARGE_INTEGER g_freq;                // performance-counter ticks per second
 std::int64_t g_lastTick = 0;         // time of the previous Interrupt, 0 = none yet
 std::int64_t g_loadTick = 0;         // start of the current load window
@@ -75,14 +78,14 @@ std::uint32_t OnInitialize(uintptr_t view) {
         s->version = LATENCY_VERSION;
         Reset(s);
         s->resets = 0;
-        g_shm = s;
+        g_shm.store(s, std::memory_order_release);  // after the block is ready
     }
     return ZOR_INIT_OK;
 }
 
 std::uint32_t OnInterrupt(std::uint32_t sequence) {
-    LatencyShared* s = g_shm;
-    if (s == nullptr) return 0;
+    LatencyShared* s = g_shm.load(std::memory_order_acquire);
+    if (s == nullptr) return 0;  // not started yet, or no shared memory
     LARGE_INTEGER now;
     QueryPerformanceCounter(&now);
     BeginUpdate(s);
@@ -119,14 +122,14 @@ std::uint32_t OnInterrupt(std::uint32_t sequence) {
 
 // ExecISRFunc: `packet` lives only for the call; copy what you keep.
 std::uint32_t OnExec(const ZorExecIsrPacket* packet) {
-    if (packet == nullptr) return 0;
+    LatencyShared* s = g_shm.load(std::memory_order_acquire);
+    if (packet == nullptr || s == nullptr) return 0;
     switch (packet->func) {
     case LATENCY_FN_RESET:
-        if (g_shm == nullptr) return 0;
-        Reset(g_shm);
-        return g_shm->resets;
+        Reset(s);
+        return s->resets;
     case LATENCY_FN_EVENTS:
-        return g_shm ? g_shm->intervals : 0;
+        return s->intervals;
     default:
         return 0;
     }
@@ -138,14 +141,17 @@ ZOR_EXPORT uint32_t ISR_GetSet(uint32_t code, uintptr_t arg) {
     switch (code) {
     case ZOR_FN_INITIALIZE: return OnInitialize(arg);
     case ZOR_FN_SHUTDOWN:
-        g_shm = nullptr;  // the host unmaps the block after this call
+        g_shm.store(nullptr, std::memory_order_release);  // the host unmaps the block after this call
         return 0;
     case ZOR_FN_SET_SERVICE_PROC: g_service = reinterpret_cast<ZorServiceProc>(arg); return 0;
     case ZOR_FN_SET_ISR_HANDLE: g_handle = static_cast<std::uint32_t>(arg); return 0;
     case ZOR_FN_EXEC_ISR_FUNC: return OnExec(reinterpret_cast<const ZorExecIsrPacket*>(arg));
     // A client request (pipe or command 5): the body layout is ours to
     // choose; this module ignores it and answers the interval count.
-    case ZOR_FN_EXEC_REMOTE_FUNC: return g_shm ? g_shm->intervals : 0;
+    case ZOR_FN_EXEC_REMOTE_FUNC: {
+        LatencyShared* s = g_shm.load(std::memory_order_acquire);
+        return s ? s->intervals : 0;
+    }
     case ZOR_FN_INTERRUPT: return OnInterrupt(static_cast<std::uint32_t>(arg));
     default: return 0;  // Attach/Detach of other modules: nothing to do
     }
