@@ -174,6 +174,7 @@ TEST_F(ClientLibrary, AHostThatDiesDuringAWaitEndsTheWait) {
     ASSERT_GE(mod, 1u);
     const ZorSystemSharedArea* area = nullptr;
     ASSERT_EQ(zor_system_area(c_, 0, &area), ZOR_OK);
+    ASSERT_EQ(zor_pipe_open(c_), ZOR_OK);
     // Hold the queue's lock as a stuck writer would: nothing can be queued.
     auto* sync = reinterpret_cast<volatile LONG*>(const_cast<std::uint32_t*>(&area->sync_tdl));
     ASSERT_EQ(InterlockedExchange(sync, 1), 0);
@@ -192,6 +193,7 @@ TEST_F(ClientLibrary, AHostThatDiesDuringAWaitEndsTheWait) {
     // Every later call says so at once.
     EXPECT_EQ(zor_irq_query(c_, &r), ZOR_E_HOST_GONE);
     EXPECT_EQ(zor_module_call(c_, mod, 0, nullptr, 0, &r), ZOR_E_HOST_GONE);
+    EXPECT_EQ(zor_pipe_call(c_, mod, 0, "x", 1, &r), ZOR_E_HOST_GONE);
     EXPECT_EQ(zor_host_alive(c_), 0);
     zor_unmap(&shm);
 }
