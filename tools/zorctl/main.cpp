@@ -127,7 +127,10 @@ int Watch(ZorConnection* c, const Args& a) {
     if (st != ZOR_OK) return Fail("system area", st);
     SetConsoleCtrlHandler(OnCtrl, TRUE);
     DWORD mode;
-    const bool console = GetConsoleMode(GetStdHandle(STD_OUTPUT_HANDLE), &mode) != 0;
+    // Refresh in place on a console or terminal; one line a second into
+    // files and pipes, where carriage returns would only pile up.
+    const HANDLE out = GetStdHandle(STD_OUTPUT_HANDLE);
+    const bool console = GetConsoleMode(out, &mode) != 0 || GetFileType(out) == FILE_TYPE_CHAR;
     const ULONGLONG t0 = GetTickCount64();
     ULONGLONG last = t0;
     std::uint32_t lastSeq = seq, lastRun = run;
