@@ -4,6 +4,7 @@
 // argument handling and printing. Exit codes: 0 ok, 1 the host refused or a
 // call failed, 2 usage, 3 no host running (or it ended during the call).
 #include <windows.h>
+#include <shellapi.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -267,7 +268,41 @@ int Run(ZorConnection* c, const std::string& cmd, const Args& a) {
 
 }  // namespace
 
+// The command line as UTF-8 (main's argv is in the ANSI code page, which
+// would garble module names outside it).
+std::vector<std::string> Utf8Args(int argc, char** argv) {
+    std::vector<std::string> out;
+    int n = 0;
+    LPWSTR* w = CommandLineToArgvW(GetCommandLineW(), &n);
+    if (w == nullptr || n != argc) {
+        for (int i = 0; i < argc; ++i) out.emplace_back(argv[i]);
+    } else {
+        for (int i = 0; i < n; ++i) {
+            int len = WideCharToMultiByte(CP_UTF8, 0, w[i], -1, nullptr, 0, nullptr, nullptr);
+            std::string u(len > 0 ? len - 1 : 0, '\0');
+            if (len > 1) WideCharToMultiByte(CP_UTF8, 0, w[i], -1, u.data(), len, nullptr, nullptr);
+            out.push_back(std::move(u));
+        }
+    }
+    if (w) LocalFree(w);
+    return out;
+}
+
+namespace {
+int Main(int argc, char** argv);
+}  // namespace
+
 int main(int argc, char** argv) {
+    std::vector<std::string> args = Utf8Args(argc, argv);
+    std::vector<char*> ptrs;
+    for (auto& a : args) ptrs.push_back(a.data());
+    ptrs.push_back(nullptr);
+    return Main(argc, ptrs.data());
+}
+
+namespace {
+
+int Main(int argc, char** argv) {
     std::uint32_t pid = 0, timeout = 0;
     int i = 1;
     for (; i < argc && argv[i][0] == '-'; ++i) {
@@ -311,3 +346,5 @@ int main(int argc, char** argv) {
     zor_disconnect(c);
     return rc;
 }
+
+}  // namespace
