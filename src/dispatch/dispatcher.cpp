@@ -16,9 +16,10 @@ long AsLong(std::uint32_t v) { return static_cast<long>(static_cast<std::int32_t
 }  // namespace
 
 std::uint32_t Dispatcher::OnInterrupt(std::uint32_t sequence) {
-    const std::uint32_t self = os::current_thread_id();
+    // The thread id is asked for only while none is recorded: on some
+    // platforms it costs a system call.
     if (dispatchThreadId_.load(std::memory_order_relaxed) == 0) {
-        dispatchThreadId_.store(self, std::memory_order_relaxed);
+        dispatchThreadId_.store(os::current_thread_id(), std::memory_order_relaxed);
     }
 
     const double now = ClockMs();
