@@ -29,12 +29,12 @@ void SetRunningHost(Host* host) { g_running.store(host, std::memory_order_releas
 
 }  // namespace zor
 
-extern "C" std::uint32_t ZorOnInterrupt(std::uint32_t sequence) {
+extern "C" std::uint32_t OnInterrupt(std::uint32_t sequence) {
     zor::Host* h = zor::RunningHost();
     return h ? h->dispatcher.OnInterrupt(sequence) : 1;
 }
 
-extern "C" std::int64_t ZorServiceProc(std::uint32_t code, std::uintptr_t a1,
+extern "C" std::int64_t ServiceProc(std::uint32_t code, std::uintptr_t a1,
                                        std::uintptr_t a2, std::uintptr_t a3,
                                        std::uintptr_t a4, std::uintptr_t a5,
                                        std::uintptr_t a6) {

@@ -14,8 +14,8 @@ namespace {
 constexpr std::uint32_t kPathUnits = 260;
 
 std::uint64_t Address(const void* p) { return reinterpret_cast<std::uintptr_t>(p); }
-std::uint64_t ServiceEntry() { return reinterpret_cast<std::uintptr_t>(&ZorServiceProc); }
-std::uint64_t InterruptEntry() { return reinterpret_cast<std::uintptr_t>(&ZorOnInterrupt); }
+std::uint64_t ServiceEntry() { return reinterpret_cast<std::uintptr_t>(&ServiceProc); }
+std::uint64_t InterruptEntry() { return reinterpret_cast<std::uintptr_t>(&OnInterrupt); }
 
 // The file name starts after the last separator at index 1 or above; a
 // separator at index 0 does not count. Posix paths use '/', so both do.

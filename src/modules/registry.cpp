@@ -18,7 +18,7 @@ constexpr std::uint32_t kNameUnits = 20;
 long AsLong(std::uint64_t v) { return static_cast<long>(static_cast<std::int32_t>(v)); }
 
 // An address inside the host's own image.
-const void* OwnImageAddress() { return reinterpret_cast<const void*>(&ZorOnInterrupt); }
+const void* OwnImageAddress() { return reinterpret_cast<const void*>(&OnInterrupt); }
 
 }  // namespace
 
@@ -112,7 +112,7 @@ std::uint64_t Registry::Register(std::uint32_t pid, std::uint32_t sharedSize,
     h_.dispatcher.PauseISR(false);
 
     h_.caller.CallModule(slot, ZOR_FN_SET_ISR_HANDLE, slot);
-    h_.caller.CallModule(slot, ZOR_FN_SET_SERVICE_PROC, reinterpret_cast<std::uintptr_t>(&ZorServiceProc));
+    h_.caller.CallModule(slot, ZOR_FN_SET_SERVICE_PROC, reinterpret_cast<std::uintptr_t>(&ServiceProc));
     if (h_.caller.CallModule(slot, ZOR_FN_INITIALIZE, reinterpret_cast<std::uintptr_t>(s.view)) ==
         ZOR_INIT_PENDING) {
         s.startPending.store(1, std::memory_order_relaxed);

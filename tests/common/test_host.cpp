@@ -65,7 +65,7 @@ std::uint32_t IrqThread::Fire(std::uint32_t sequence) {
 
 void IrqThread::FireAsync(std::uint32_t sequence) {
     Post([this, sequence] {
-        const std::uint32_t r = ZorOnInterrupt(sequence);
+        const std::uint32_t r = OnInterrupt(sequence);
         std::lock_guard<std::mutex> lk(m_);
         result_ = r;
     });

@@ -54,7 +54,7 @@ public:
     IrqThread(const IrqThread&) = delete;
     IrqThread& operator=(const IrqThread&) = delete;
 
-    // One event through ZorOnInterrupt on the thread; waits for its result.
+    // One event through OnInterrupt on the thread; waits for its result.
     std::uint32_t Fire(std::uint32_t sequence);
     // Starts one event and returns at once; Wait() gives its result.
     void FireAsync(std::uint32_t sequence);

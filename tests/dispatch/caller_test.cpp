@@ -168,7 +168,7 @@ TEST_F(HostTest, ASlotWithoutEntryIsReportedLikeACallThroughNull) {
     EXPECT_EQ(0u, h.caller.CallModule(slot, ZOR_FN_SHUTDOWN, 0));
     // The fault returns into the host, so the host's own file is named.
     char16_t self[260];
-    ModuleNameOfAddress(reinterpret_cast<const void*>(&ZorOnInterrupt), self, 260);
+    ModuleNameOfAddress(reinterpret_cast<const void*>(&OnInterrupt), self, 260);
     EXPECT_NE(u"unknown", std::u16string(self));
     EXPECT_TRUE(log.Contains("ZOR: ISR 'broken.irq' caused exception in '" + Utf8(self) + "'!\n\r"));
     EXPECT_EQ(0u, h.slots[slot].interruptStat.Count() + h.slots[slot].execStat.Count());

@@ -127,7 +127,7 @@ public:
         thread_ = std::thread([this] {
             std::uint32_t seq = 1;
             while (!stop_.load()) {
-                ZorOnInterrupt(seq++);
+                OnInterrupt(seq++);
                 if (period_) os::sleep_ms(period_);
                 else std::this_thread::yield();
             }

@@ -124,7 +124,7 @@ TEST_F(HostTest, RegistrationHandsTheModuleItsNumberServiceEntryAndStartsIt) {
     EXPECT_EQ(ZOR_FN_SET_ISR_HANDLE, calls[0].code);
     EXPECT_EQ(slot, calls[0].arg);
     EXPECT_EQ(ZOR_FN_SET_SERVICE_PROC, calls[1].code);
-    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(&ZorServiceProc), calls[1].arg);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(&ServiceProc), calls[1].arg);
     EXPECT_EQ(ZOR_FN_INITIALIZE, calls[2].code);
     EXPECT_EQ(0u, calls[2].arg);  // no shared memory
 
