@@ -6,7 +6,8 @@
 // header.
 //
 // Calls that can fail and that own a resource go through the table `calls`
-// so that tests can make any one of them fail (see os_inject.h) and check
+// so that tests can make any one of them fail (assign an entry, restore it
+// from native_calls()) and check
 // the release order of every failure path. Cheap, infallible queries
 // (time, ids) are plain functions.
 //
