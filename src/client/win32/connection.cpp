@@ -158,4 +158,22 @@ void Close(ZorConnection* c) {
 
 std::uint32_t SelfPid() { return GetCurrentProcessId(); }
 
+double NowMs() {
+    static const double per_ms = [] {
+        LARGE_INTEGER f;
+        QueryPerformanceFrequency(&f);
+        return static_cast<double>(f.QuadPart) / 1000.0;
+    }();
+    LARGE_INTEGER t;
+    QueryPerformanceCounter(&t);
+    return static_cast<double>(t.QuadPart) / per_ms;
+}
+
+void Pace(double since) {
+    if (NowMs() - since < 2.0)
+        SwitchToThread();
+    else
+        Sleep(1);
+}
+
 }  // namespace zor::client

@@ -40,5 +40,10 @@ int Send(ZorConnection* c, std::uint32_t command, const void* payload, std::uint
 int MapWhole(std::uint64_t handle, std::uint32_t want, ZorView* out);
 void Unmap(ZorView* v);
 std::uint32_t SelfPid();
+// Milliseconds from the performance counter, for spin-then-sleep waits.
+double NowMs();
+// Spin-then-sleep pacing: yields while `since` is younger than 2 ms (a
+// quick answer costs no sleep granularity), then sleeps 1 ms per round.
+void Pace(double since);
 
 }  // namespace zor::client

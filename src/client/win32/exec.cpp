@@ -36,21 +36,17 @@ int Queue(ZorConnection* c, unsigned char* area, std::uint32_t module, std::uint
 
 int Await(ZorConnection* c, unsigned char* area, const zor::TdlTicket& ticket,
           std::uint32_t wait_ms, std::uint32_t* result) {
-    const ULONGLONG t0 = GetTickCount64();
-    for (unsigned round = 0;; ++round) {
+    const double t0 = zor::client::NowMs();
+    for (unsigned round = 1;; ++round) {
         if (zor::TdlResultReady(area, c->area_bytes, ticket)) {
             *result = zor::TdlTakeResult(area, c->area_bytes, ticket);
             return ZOR_OK;
         }
-        if (Expired(t0, wait_ms)) break;
+        if (zor::client::NowMs() - t0 >= wait_ms) break;
         // A 1 kHz source answers within a millisecond: yield at first, then
         // sleep, and now and then ask whether the host is still there.
-        if (round < 200) {
-            SwitchToThread();
-        } else {
-            Sleep(1);
-            if ((round & 15) == 0 && !zor::client::HostAlive(c)) break;
-        }
+        zor::client::Pace(t0);
+        if ((round & 63) == 0 && !zor::client::HostAlive(c)) break;
     }
     // Give up: the writer clears the entry's slot under SyncTDL so that a
     // late run cannot write into a slot handed to someone else.

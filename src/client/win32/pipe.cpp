@@ -26,23 +26,17 @@ void ClosePipeHandles(ZorConnection* c) {
 
 // Waits for the 4-byte answer until the deadline; ZOR_OK when it is there.
 int AwaitAnswer(ZorConnection* c, DWORD timeout_ms) {
-    const ULONGLONG t0 = GetTickCount64();
-    unsigned rounds = 0;
-    for (;;) {
+    const double t0 = NowMs();
+    for (unsigned rounds = 1;; ++rounds) {
         DWORD avail = 0;
         if (!PeekNamedPipe(c->reply_read, nullptr, 0, nullptr, &avail, nullptr))
             return HostAlive(c) ? ZOR_E_PIPE : ZOR_E_HOST_GONE;
         if (avail >= 4) return ZOR_OK;
-        const ULONGLONG elapsed = GetTickCount64() - t0;
-        if (elapsed >= timeout_ms) return HostAlive(c) ? ZOR_E_TIMEOUT : ZOR_E_HOST_GONE;
+        if (NowMs() - t0 >= timeout_ms) return HostAlive(c) ? ZOR_E_TIMEOUT : ZOR_E_HOST_GONE;
         // A quick module answers within a fraction of a millisecond: yield
         // at first, then sleep so that a slow one costs no CPU.
-        if (++rounds < 200) {
-            SwitchToThread();
-        } else {
-            Sleep(1);
-            if ((rounds & 31) == 0 && !HostAlive(c)) return ZOR_E_HOST_GONE;
-        }
+        Pace(t0);
+        if ((rounds & 63) == 0 && !HostAlive(c)) return ZOR_E_HOST_GONE;
     }
 }
 
