@@ -56,6 +56,42 @@ static_assert(kHeaderBytes == 32);
 
 std::size_t RecordBytes(std::size_t units) { return (kHeaderBytes + units * 2 + 7) & ~std::size_t{7}; }
 
+char* PutUnsigned(char* p, std::uint64_t v, int minDigits = 1) {
+    char d[20];
+    int n = 0;
+    do {
+        d[n++] = static_cast<char>('0' + v % 10);
+        v /= 10;
+    } while (v || n < minDigits);
+    while (n) *p++ = d[--n];
+    return p;
+}
+
+// "[<s>.<us> tid=<tid> <level>/<mask>] " by hand: the writer's per-entry
+// cost bounds how long a burst the ring absorbs.
+std::size_t FormatStamp(char* out, double ms, std::uint32_t tid, std::uint32_t level, std::uint32_t mask) {
+    std::uint64_t us = ms > 0 ? static_cast<std::uint64_t>(ms * 1000.0 + 0.5) : 0;
+    char* p = out;
+    *p++ = '[';
+    p = PutUnsigned(p, us / 1000000);
+    *p++ = '.';
+    p = PutUnsigned(p, us % 1000000, 6);
+    std::memcpy(p, " tid=", 5);
+    p = PutUnsigned(p + 5, tid);
+    *p++ = ' ';
+    if (level == Logger::kSelfLevel) {
+        std::memcpy(p, "log", 3);
+        p += 3;
+    } else {
+        p = PutUnsigned(p, level);
+        *p++ = '/';
+        p = PutUnsigned(p, mask);
+    }
+    *p++ = ']';
+    *p++ = ' ';
+    return static_cast<std::size_t>(p - out);
+}
+
 struct ActiveSet {
     std::uint64_t low[kRows];  // masks 0-63
     bool high[kRows];          // masks above 63
@@ -171,6 +207,11 @@ struct Logger::Impl {
     char16_t wline[kMaxLineUnits];
     char line[kMaxLineUnits * 3 + 1];
     char fileBuf[1 << 16];
+    // Entries for os::debug_output, joined per pass: one call can cost
+    // hundreds of microseconds (it raises an exception for a debugger).
+    static constexpr std::size_t kDebugBatchUnits = 8192;
+    char16_t debugBatch[kDebugBatchUnits];
+    std::size_t debugLen = 0;
 
     Impl() { StoreActive(ActiveSet{}, true); }
 
@@ -196,6 +237,7 @@ struct Logger::Impl {
     void Emit(std::uint32_t level, std::uint32_t mask, std::uint32_t tid, double ms,
               const char16_t* text, std::size_t units);
     void ReportDrops();
+    void FlushDebug();
     void Run();
     void OpenFile(const char16_t* file);
     void PushSelf(const char16_t* fmt, ...);
@@ -207,9 +249,14 @@ void Logger::Impl::Push(std::uint32_t level, std::uint32_t mask, std::uint32_t t
     std::uint64_t h = head.load(std::memory_order_relaxed);
     std::uint64_t pad;
     for (;;) {
+        std::uint64_t t = tail.load(std::memory_order_acquire);
+        if (h < t) {  // our head is stale: others reserved and it was written since
+            h = head.load(std::memory_order_relaxed);
+            continue;
+        }
         std::size_t off = h & (cap - 1);
         pad = off + size > cap ? cap - off : 0;
-        if (h + pad + size - tail.load(std::memory_order_acquire) > cap) {
+        if (h + pad + size - t > cap) {
             dropped.fetch_add(1, std::memory_order_relaxed);
             return;
         }
@@ -260,18 +307,26 @@ void Logger::Impl::Emit(std::uint32_t level, std::uint32_t mask, std::uint32_t t
                         const char16_t* text, std::size_t units) {
     std::memcpy(wline, text, units * 2);
     wline[units] = 0;
-    if (debugOut.load(std::memory_order_relaxed)) os::debug_output(wline);
+    if (debugOut.load(std::memory_order_relaxed)) {
+        if (debugLen + units + 1 > kDebugBatchUnits) FlushDebug();
+        std::memcpy(debugBatch + debugLen, text, units * 2);
+        debugLen += units;
+    }
     std::size_t n = utf16_to_utf8(wline, line, sizeof line);
     if (file.is_open()) {
         char stamp[96];
-        double s = (ms - startMs) / 1000.0;
-        int k = level == kSelfLevel
-                    ? std::snprintf(stamp, sizeof stamp, "[%.6f tid=%u log] ", s, tid)
-                    : std::snprintf(stamp, sizeof stamp, "[%.6f tid=%u %u/%u] ", s, tid, level, mask);
-        if (k > 0) file.write(stamp, k < static_cast<int>(sizeof stamp) ? k : sizeof stamp - 1);
+        std::size_t k = FormatStamp(stamp, ms - startMs, tid, level, mask);
+        file.write(stamp, static_cast<std::streamsize>(k));
         file.write(line, static_cast<std::streamsize>(n));
     }
     if (sink) sink(sinkCtx, level, mask, line, n);
+}
+
+void Logger::Impl::FlushDebug() {
+    if (!debugLen) return;
+    debugBatch[debugLen] = 0;
+    os::debug_output(debugBatch);
+    debugLen = 0;
 }
 
 void Logger::Impl::ReportDrops() {
@@ -311,6 +366,7 @@ void Logger::Impl::Run() {
                 }
             }
             ReportDrops();
+            FlushDebug();
         }
         if (file.is_open()) file.flush();
         lk.lock();

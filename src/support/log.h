@@ -17,7 +17,9 @@
 //   - to the file (UTF-8) as "[<seconds since Start, 6 decimals> tid=<thread
 //     id> <level>/<mask>] " followed by the text exactly as formatted (the
 //     facility adds no line end; "\n\r" endings stay as they are),
-//   - to os::debug_output as the UTF-16 text,
+//   - to os::debug_output as the UTF-16 text; the entries of one pass are
+//     joined into one call of up to 8191 units, as a call can cost
+//     hundreds of microseconds under Wine,
 //   - to the sink, if one is set, as the UTF-8 text.
 // After a pass in which entries had been dropped the writer adds the entry
 // "ZOR: log dropped <N> lines\n" (level and mask kSelfLevel, stamp "log").

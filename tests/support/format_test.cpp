@@ -1,0 +1,192 @@
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cmath>
+#include <cstring>
+#include <cstdarg>
+#include <cstdint>
+#include <string>
+
+#include "support/wformat.h"
+#include "support/wstr.h"
+
+namespace zor {
+namespace {
+
+std::string Utf8(const char16_t* s) {
+    char b[4096];
+    utf16_to_utf8(s, b, sizeof b);
+    return b;
+}
+
+std::string F(const char16_t* fmt, ...) {
+    char16_t out[1024];
+    std::va_list ap;
+    va_start(ap, fmt);
+    vwformat(out, 1024, fmt, ap);
+    va_end(ap);
+    return Utf8(out);
+}
+
+TEST(Format, TheHostsOwnConversions) {
+    EXPECT_EQ(F(u"ZOR: ISR '%s' caused exception in '%s'!\n\r", u"mod", u"Interrupt"),
+              "ZOR: ISR 'mod' caused exception in 'Interrupt'!\n\r");
+    EXPECT_EQ(F(u"[%20s]", u"name"), "[                name]");
+    EXPECT_EQ(F(u"%d %ld %2ld %2ld", -5, std::int32_t{-7}, std::uint32_t{3}, std::int32_t{123}),
+              "-5 -7  3 123");
+    EXPECT_EQ(F(u"%x %08x %08x", 0xBEEFu, 0x1234u, 0xFFFFFFFFu), "beef 00001234 ffffffff");
+    EXPECT_EQ(F(u"%3.2f|%3.2f|%7.3lf|%7.3lf", 2.0, 1234.567, 3.14159, -1.5),
+              "2.00|1234.57|  3.142| -1.500");
+    EXPECT_EQ(F(u"100%%"), "100%");
+    // Pointers as on Windows x64: 16 upper-case digits.
+    EXPECT_EQ(F(u"%p|%p", reinterpret_cast<void*>(std::uintptr_t{0xAB12}), nullptr),
+              "000000000000AB12|0000000000000000");
+    EXPECT_EQ(F(u"[%20p]", reinterpret_cast<void*>(std::uintptr_t{1})), "[    0000000000000001]");
+}
+
+TEST(Format, IntegerFlagsWidthAndPrecision) {
+    EXPECT_EQ(F(u"[%5d][%-5d][%05d][%+d][% d][%+d]", 42, 42, -42, 7, 7, -7),
+              "[   42][42   ][-0042][+7][ 7][-7]");
+    EXPECT_EQ(F(u"[%.3d][%6.3d][%-6.3d][%06.3d]", 5, -5, 5, 5), "[005][  -005][005   ][   005]");
+    EXPECT_EQ(F(u"[%.0d][%.0x][%5.0d]", 0, 0u, 0), "[][][     ]");
+    EXPECT_EQ(F(u"%#x %#X %#x %#o %o %X", 255u, 255u, 0u, 8u, 8u, 0xABCDEFu), "0xff 0XFF 0 010 10 ABCDEF");
+    EXPECT_EQ(F(u"[%#08x][%-#8x]", 255u, 255u), "[0x0000ff][0xff    ]");
+    EXPECT_EQ(F(u"%i %u %d", INT_MIN, UINT_MAX, INT_MAX), "-2147483648 4294967295 2147483647");
+}
+
+TEST(Format, LengthModifiersReadWindowsSizes) {
+    // 'l' is 32 bits as on Windows x64, whatever the native long is.
+    EXPECT_EQ(F(u"%ld %lu %lx", std::uint32_t{0xFFFFFFFF}, std::uint32_t{0xFFFFFFFF}, std::uint32_t{0xABCDEF01}),
+              "-1 4294967295 abcdef01");
+    EXPECT_EQ(F(u"%lld %llu %I64d %I64x", LLONG_MIN, ULLONG_MAX, std::int64_t{-3}, std::uint64_t{0x123456789A}),
+              "-9223372036854775808 18446744073709551615 -3 123456789a");
+    EXPECT_EQ(F(u"%zu %Iu %zd", std::size_t{5000000000}, std::size_t{7}, std::ptrdiff_t{-9}), "5000000000 7 -9");
+    EXPECT_EQ(F(u"%hd %hu %hhd %hhu %I32d", 70000, 70000, 300, 300, -1), "4464 4464 44 44 -1");
+    // Arguments after a 64-bit one stay aligned.
+    EXPECT_EQ(F(u"%I64u %d", std::uint64_t{1} << 40, 9), "1099511627776 9");
+}
+
+TEST(Format, StringsWideAndNarrow) {
+    EXPECT_EQ(F(u"[%s][%-6s][%.2s][%6.2s]", u"abc", u"ab", u"abcdef", u"abcdef"), "[abc][ab    ][ab][    ab]");
+    EXPECT_EQ(F(u"[%S][%hs][%ls][%ws]", "narrow", "hs", u"ls", u"ws"), "[narrow][hs][ls][ws]");
+    EXPECT_EQ(F(u"[%s][%S]", static_cast<const char16_t*>(nullptr), static_cast<const char*>(nullptr)),
+              "[(null)][(null)]");
+    // Width counts UTF-16 units of the text, not bytes.
+    EXPECT_EQ(F(u"[%5S][%5s]", "\xC3\xA9t\xC3\xA9", u"\u00E9t\u00E9"), "[  \xC3\xA9t\xC3\xA9][  \xC3\xA9t\xC3\xA9]");
+    EXPECT_EQ(F(u"[%S]", "\xF0\x9F\x98\x80"), "[\xF0\x9F\x98\x80]");
+    EXPECT_EQ(F(u"[%c%c][%3c][%-3c][%C]", u'A', 0x00E9, u'x', u'y', 'n'), "[A\xC3\xA9][  x][y  ][n]");
+}
+
+TEST(Format, FloatingPoint) {
+    EXPECT_EQ(F(u"%f %.0f %#.0f %.1f", 1.5, 2.5, 3.0, 0.05), "1.500000 2 3. 0.1");
+    EXPECT_EQ(F(u"%e|%E|%.2e|%+.1e", 12345.678, 0.000123, -1.0, 0.0),
+              "1.234568e+04|1.230000E-04|-1.00e+00|+0.0e+00");
+    EXPECT_EQ(F(u"%g|%G|%g|%g|%#g", 0.0001, 1e-5, 100000.0, 1e6, 1.0), "0.0001|1E-05|100000|1e+06|1.00000");
+    EXPECT_EQ(F(u"[%010.3f][%-10.2f][%+08.2f][% .1f]", -3.5, 1.25, 2.0, 4.0),
+              "[-00003.500][1.25      ][+0002.00][ 4.0]");
+    EXPECT_EQ(F(u"[%f][%5.1f][%05.1f][%F]", HUGE_VAL, -HUGE_VAL, HUGE_VAL, HUGE_VAL),
+              "[inf][ -inf][  inf][INF]");
+    EXPECT_EQ(F(u"%.3e", 1e300), "1.000e+300");
+    // A huge value keeps every digit; precision is capped, never overflows.
+    EXPECT_EQ(F(u"%.0f", 1e30), "1000000000000000019884624838656");
+    EXPECT_EQ(F(u"%.200f", 1.0).size(), 2u + 120u);
+}
+
+TEST(Format, StarWidthAndPrecision) {
+    EXPECT_EQ(F(u"[%*d][%-*d][%*d]", 4, 1, 4, 2, -4, 3), "[   1][2   ][3   ]");
+    EXPECT_EQ(F(u"[%.*f][%*.*f][%.*s]", 2, 3.14159, 8, 3, 2.0, 3, u"abcdef"), "[3.14][   2.000][abc]");
+    EXPECT_EQ(F(u"[%.*d]", -1, 7), "[7]");  // a negative precision is none
+}
+
+TEST(Format, MalformedFormatsAreCopiedNotInterpreted) {
+    EXPECT_EQ(F(u"a%yb %k"), "a%yb %k");
+    EXPECT_EQ(F(u"end%"), "end%");
+    EXPECT_EQ(F(u"%-"), "%-");
+    int n = 0;
+    EXPECT_EQ(F(u"x%ny%d", &n, 5), "xy5");  // %n writes nothing
+    EXPECT_EQ(n, 0);
+}
+
+// Whatever the capacity, the output is the full text cut to cap-1 units,
+// terminated, and nothing past the buffer is touched.
+TEST(Format, NeverWritesPastTheBuffer) {
+    const char16_t* fmt = u"%s|%08x|%-12S|%7.3f|%p|%c%c";
+    const char16_t* s = u"wide\u00E9";
+    const char* n = "\xF0\x9F\x98\x80x";  // a pair then 'x'
+    char16_t full[256];
+    std::size_t fullLen = wformat(full, 256, fmt, s, 0xABu, n, 2.5, full, 0xD83D, 0xDE00);
+    ASSERT_GT(fullLen, 40u);
+    for (std::size_t cap = 1; cap <= fullLen + 2; ++cap) {
+        char16_t buf[300];
+        for (auto& c : buf) c = u'#';
+        std::size_t got = wformat(buf, cap, fmt, s, 0xABu, n, 2.5, full, 0xD83D, 0xDE00);
+        ASSERT_LT(got, cap);
+        ASSERT_EQ(buf[got], 0) << cap;
+        for (std::size_t i = cap; i < 300; ++i) ASSERT_EQ(buf[i], u'#') << "cap " << cap;
+        // Only a surrogate pair may end a unit early.
+        ASSERT_GE(got + 2, std::min(cap - 1, fullLen)) << cap;
+        ASSERT_EQ(std::u16string(buf, got), std::u16string(full, got)) << cap;
+    }
+    char16_t one[1] = {u'#'};
+    EXPECT_EQ(wformat(one, 1, u"%d", 12345), 0u);
+    EXPECT_EQ(one[0], 0);
+    char16_t wide[8];
+    EXPECT_EQ(wformat(wide, 8, u"%100000d", 1), 7u);
+    EXPECT_EQ(std::u16string(wide), u"       ");
+}
+
+TEST(Utf, ConversionsRoundTripAndStayBounded) {
+    const char* text = "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z";  // a é € 😀 z
+    char16_t w[16];
+    ASSERT_EQ(utf8_to_utf16(text, w, 16), 6u);
+    EXPECT_EQ(std::u16string(w), u"a\u00E9\u20AC\U0001F600z");
+    char back[32];
+    EXPECT_EQ(utf16_to_utf8(w, back, sizeof back), std::strlen(text));
+    EXPECT_STREQ(back, text);
+
+    // Cut at a sequence boundary, never inside one.
+    char small[6];
+    EXPECT_EQ(utf16_to_utf8(w, small, sizeof small), 3u);  // "a" + "é", € does not fit
+    EXPECT_STREQ(small, "a\xC3\xA9");
+    char16_t three[4];
+    EXPECT_EQ(utf8_to_utf16("ab\xF0\x9F\x98\x80", three, 4), 2u);  // the pair would need 2 more
+    EXPECT_EQ(std::u16string(three), u"ab");
+
+    // Broken input turns into U+FFFD, one per bad byte, and never hides text.
+    char out[32];
+    const char16_t lone[] = {u'x', 0xD800, u'y', 0xDC00, 0};
+    utf16_to_utf8(lone, out, sizeof out);
+    EXPECT_STREQ(out, "x\xEF\xBF\xBDy\xEF\xBF\xBD");
+    char16_t r[16];
+    utf8_to_utf16("\xC0\xAFq\xED\xA0\x80\xE2\x82", r, 16);  // overlong, surrogate, cut sequence
+    EXPECT_EQ(std::u16string(r).find(u'q'), 2u);
+    for (char16_t c : std::u16string(r)) EXPECT_TRUE(c == u'q' || c == 0xFFFD);
+}
+
+TEST(Wstr, BoundedCopyCompareAndFilePart) {
+    char16_t b[6];
+    wcopy(b, 6, u"abcdefgh");
+    EXPECT_EQ(std::u16string(b), u"abcde");
+    wcopy(b, 6, u"ab");
+    wappend(b, 6, u"cdefg");
+    EXPECT_EQ(std::u16string(b), u"abcde");
+    EXPECT_EQ(wnlen(b, 3), 3u);
+    EXPECT_EQ(wlen(b), 5u);
+
+    EXPECT_EQ(wicmp(u"Timer.IRQ", u"timer.irq"), 0);
+    EXPECT_EQ(wicmp(u"\u00C9T\u00C9", u"\u00E9t\u00E9"), 0);  // Latin-1 letters fold
+    EXPECT_NE(wicmp(u"\u00D7", u"\u00F7"), 0);                 // the signs do not
+    EXPECT_LT(wicmp(u"abc", u"ABD"), 0);
+    EXPECT_GT(wicmp(u"abcd", u"ABC"), 0);
+    EXPECT_GT(wicmp(u"A", u"["), 0);  // folded to lower case, as _wcsicmp does
+    EXPECT_TRUE(wequal(u"x", u"x"));
+    EXPECT_FALSE(wequal(u"x", u"X"));
+
+    EXPECT_EQ(std::u16string(wfile_part(u"C:\\dir\\mod.dll")), u"mod.dll");
+    EXPECT_EQ(std::u16string(wfile_part(u"/a/b\\c/d.so")), u"c/d.so");
+    EXPECT_EQ(std::u16string(wfile_part(u"/a/b\\c/d.so", true)), u"d.so");
+    EXPECT_EQ(std::u16string(wfile_part(u"plain")), u"plain");
+}
+
+}  // namespace
+}  // namespace zor

@@ -1,0 +1,104 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "os/os.h"
+#include "support/paths.h"
+#include "support/wstr.h"
+
+namespace zor {
+namespace {
+
+class AppDataEnv {
+public:
+    explicit AppDataEnv(const char16_t* value) {
+        char16_t old[1024];
+        had_ = os::env_get("APPDATA", old, 1024);
+        if (had_) old_ = old;
+        os::env_set("APPDATA", value);
+    }
+    ~AppDataEnv() { os::env_set("APPDATA", had_ ? old_.c_str() : nullptr); }
+
+private:
+    bool had_;
+    std::u16string old_;
+};
+
+std::u16string AppData() {
+    char16_t dir[260];
+    EXPECT_TRUE(os::user_appdata_dir(dir, 260));
+    return dir;
+}
+
+TEST(Paths, StartupDirIsTheTestProgramsFolder) {
+    char16_t dir[260];
+    ASSERT_TRUE(FU_GetProcessStartupDir(dir));
+    EXPECT_EQ(std::u16string(wfile_part(dir, true)), u"bin");
+    FU_FormatPath(dir, u'\\');
+    EXPECT_EQ(dir[wlen(dir) - 1], u'\\');
+}
+
+TEST(Paths, FormatPathAddsTheSeparatorOnlyWhereMissingAndRoomy) {
+    char16_t p[260] = u"C:\\dir";
+    EXPECT_EQ(FU_FormatPath(p, u'\\'), p);
+    EXPECT_EQ(std::u16string(p), u"C:\\dir\\");
+    FU_FormatPath(p, u'\\');
+    EXPECT_EQ(std::u16string(p), u"C:\\dir\\");
+    char16_t empty[260] = u"";
+    EXPECT_EQ(std::u16string(FU_FormatPath(empty, u'/')), u"/");
+
+    char16_t full[260];
+    for (int i = 0; i < 258; ++i) full[i] = u'a';
+    full[258] = 0;
+    FU_FormatPath(full, u'\\');  // 259 units + terminator: just fits
+    EXPECT_EQ(wlen(full), 259u);
+    EXPECT_EQ(full[258], u'\\');
+    full[258] = u'a';
+    full[259] = 0;
+    FU_FormatPath(full, u'\\');  // no room left
+    EXPECT_EQ(wlen(full), 259u);
+    EXPECT_EQ(full[258], u'a');
+}
+
+TEST(Paths, ReplacePathExpandsTheUsersCompanyFolder) {
+    AppDataEnv env(u"/zor-appdata-test/Roaming");
+    std::u16string base = AppData();
+    ASSERT_NE(base.find(u"zor-appdata-test"), std::u16string::npos);
+
+    char16_t p[260] = u"?{UserCompanyAppData}ZOR.ini";
+    ASSERT_TRUE(FU_ReplacePath(p, 260));
+    EXPECT_EQ(std::u16string(p), base + u"\\ZOR\\ZOR.ini");
+
+    // The expansion exactly filling the buffer is fine; one unit less is not.
+    std::u16string want = base + u"\\ZOR\\ZOR.ini";
+    char16_t exact[260] = u"?{UserCompanyAppData}ZOR.ini";
+    EXPECT_TRUE(FU_ReplacePath(exact, static_cast<std::uint32_t>(want.size() + 1)));
+    EXPECT_EQ(std::u16string(exact), want);
+    char16_t tight[260] = u"?{UserCompanyAppData}ZOR.ini";
+    EXPECT_FALSE(FU_ReplacePath(tight, static_cast<std::uint32_t>(want.size())));
+    EXPECT_EQ(std::u16string(tight), u"?{UserCompanyAppData}ZOR.ini");
+}
+
+TEST(Paths, ReplacePathWithAShortFolderMovesTheRestLeft) {
+    AppDataEnv env(u"/a");
+    std::u16string base = AppData();
+    ASSERT_LT(base.size() + 5, std::u16string(u"?{UserCompanyAppData}").size());
+    char16_t p[260] = u"?{UserCompanyAppData}sub\\file.ini";
+    ASSERT_TRUE(FU_ReplacePath(p, 260));
+    EXPECT_EQ(std::u16string(p), base + u"\\ZOR\\sub\\file.ini");
+}
+
+TEST(Paths, ReplacePathLeavesOtherPathsAlone) {
+    char16_t plain[260] = u"C:\\ZOR\\ZOR.INI";
+    EXPECT_TRUE(FU_ReplacePath(plain, 260));
+    EXPECT_EQ(std::u16string(plain), u"C:\\ZOR\\ZOR.INI");
+    char16_t unknown[260] = u"?{CommonAppData}x.ini";
+    EXPECT_FALSE(FU_ReplacePath(unknown, 260));
+    EXPECT_EQ(std::u16string(unknown), u"?{CommonAppData}x.ini");
+    char16_t cut[260] = u"?{UserCompanyApp";
+    EXPECT_FALSE(FU_ReplacePath(cut, 260));
+    EXPECT_EQ(std::u16string(cut), u"?{UserCompanyApp");
+}
+
+}  // namespace
+}  // namespace zor
