@@ -18,7 +18,7 @@
 //
 // GS_IRQ_QUERY    answers the period in microseconds (0 while paused).
 // GS_IRQ_CONTROL  sets the period in microseconds and answers the previous
-//                 one; 0 pauses events. A period below the floor (100 us,
+//                 one; 0 pauses events. A period below the floor (250 us,
 //                 1000 us without a high-resolution timer) or above 10 s is
 //                 refused with 0xFFFFFFFF and the period is kept. The next
 //                 event comes one new period after the change; the sequence

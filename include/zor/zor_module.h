@@ -112,7 +112,7 @@ enum ZorFunctionCode {
  *   (1 when nothing is queued, delivered or free-running), Trigger_ThreadId().
  */
 #define ZOR_TIMER_DEFAULT_US 1000u
-#define ZOR_TIMER_FLOOR_US 100u
+#define ZOR_TIMER_FLOOR_US 250u
 #define ZOR_TIMER_CEILING_US 10000000u
 #define ZOR_TIMER_REFUSED 0xFFFFFFFFu
 #define ZOR_TRIGGER_STOP 0u
