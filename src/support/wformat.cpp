@@ -150,10 +150,19 @@ void pad(Out& o, int width, std::size_t len, char16_t c) {
     if (width > 0 && static_cast<std::size_t>(width) > len) o.fill(c, width - len);
 }
 
+// How far a string needs measuring: past the room it is cut anyway, and
+// below the width the exact length decides the padding.
+std::size_t scan_limit(const Out& o, const Spec& sp) {
+    std::size_t need = o.room() + 1;
+    if (static_cast<std::size_t>(sp.width) > need) need = static_cast<std::size_t>(sp.width);
+    if (sp.prec >= 0 && static_cast<std::size_t>(sp.prec) < need) need = static_cast<std::size_t>(sp.prec);
+    return need;
+}
+
 void put_wide_str(Out& o, const Spec& sp, const char16_t* s) {
     if (!s) s = u"(null)";
     std::size_t len = 0;
-    std::size_t max = sp.prec >= 0 ? static_cast<std::size_t>(sp.prec) : SIZE_MAX;
+    std::size_t max = scan_limit(o, sp);
     while (len < max && s[len]) ++len;
     if (!sp.left) pad(o, sp.width, len, u' ');
     o.write(s, len);
@@ -162,8 +171,7 @@ void put_wide_str(Out& o, const Spec& sp, const char16_t* s) {
 
 void put_narrow_str(Out& o, const Spec& sp, const char* s) {
     if (!s) s = "(null)";
-    std::size_t max = sp.prec >= 0 ? static_cast<std::size_t>(sp.prec) : SIZE_MAX;
-    std::size_t len = utf8_units(s, max);
+    std::size_t len = utf8_units(s, scan_limit(o, sp));
     if (!sp.left) pad(o, sp.width, len, u' ');
     put_utf8(o, s, len);
     if (sp.left) pad(o, sp.width, len, u' ');
