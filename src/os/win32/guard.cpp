@@ -5,32 +5,36 @@
 //
 // 1. zor_guard_call (assembly below) calls the body from a frame that has a
 //    structured exception handler in its unwind information. Whatever the
-//    normal frame-by-frame dispatch brings up to that frame (a fault that no
-//    handler of the module claimed, an exception raised in a system library
-//    on the module's behalf, a noncontinuable software exception) is caught
-//    there.
+//    normal frame-by-frame dispatch brings up to that frame is caught there:
+//    a fault that no handler below claimed, a fault raised inside a system
+//    library on the module's behalf, a software exception (RaiseException,
+//    a C++ exception leaving the module), noncontinuable ones included.
 //
-// 2. A vectored handler, which runs before any frame is looked at, takes
-//    machine faults that frame dispatch could not bring to our frame: code
-//    without unwind information (the walk cannot get through it) and stack
-//    overflows (too little stack is left to walk). It leaves two kinds of
-//    faults to frame dispatch, because taking them would steal them from
-//    someone who handles them: faults raised inside system libraries (they
-//    probe pointers under their own handlers, IsBadReadPtr for one), and
-//    faults below a frame of the module that has an exception handler (the
-//    module's own __try). Under Wine, system code also guards itself with
-//    handler records chained from the thread block; a record between the
-//    fault and the guard counts as such a frame too.
+// 2. A vectored handler, which runs before any frame is looked at, takes the
+//    machine faults that frame dispatch could not bring to our frame: in
+//    code without unwind information, on a stack of the module's own, and
+//    stack overflows (too little stack is left to walk). It leaves a fault
+//    to frame dispatch only when its own walk of the frames, done the way
+//    dispatch does it, arrives exactly at the guard and either passes a
+//    frame with an exception handler (the module's own __try, or any frame
+//    the language runtime would clean up) or starts inside a system library
+//    (they probe pointers under their own handlers: IsBadReadPtr). Under
+//    Wine, system code also guards itself with handler records chained from
+//    the thread block; a record between the fault and the guard means the
+//    same. Taking such a fault would steal it from whoever handles it.
 //
 // Either way the thread resumes at zor_guard_recover with the stack pointer
-// at the guard's own frame; the frames of the module in between are
-// abandoned, never unwound (no module code runs after its fault). The
-// recovery restores the callee-saved registers, the floating-point control
-// state and the thread block's handler chain as they were at entry, and
-// re-arms the stack guard page after an overflow.
+// at the guard's own frame; the module's frames in between are abandoned,
+// never unwound (no module code runs after its fault), except that a
+// noncontinuable exception has to be unwound to get there. The recovery
+// restores what the caller may rely on as it was at entry: callee-saved
+// registers, MXCSR, the x87 control word, the direction flag and the thread
+// block's handler chain, and re-arms the stack guard page after an overflow.
 //
 // The innermost guard of a thread is found through a TLS slot read straight
-// from the thread block; nothing is allocated per call.
+// from the thread block; nothing is allocated per call. The handler's own
+// look at the stack runs under an internal guard, so that a wild stack
+// cannot make it fault.
 #include <windows.h>
 
 #include <malloc.h>
@@ -60,6 +64,8 @@ extern "C" {
 int zor_guard_call(void (*body)(void*), void* ctx, void* frame);
 // Recovery point inside zor_guard_call; entered with rsp at the frame's body.
 extern char zor_guard_recover[];
+// The return address of the body's call.
+extern char zor_guard_return[];
 EXCEPTION_DISPOSITION zor_guard_seh(EXCEPTION_RECORD* rec, void* frame, CONTEXT* ctx,
                                     DISPATCHER_CONTEXT* dc);
 }
@@ -126,6 +132,8 @@ zor_guard_call:
     movq %rcx, %rax
     movq %rdx, %rcx
     callq *%rax
+    .globl zor_guard_return
+zor_guard_return:
     movl $1, %eax
 .Lzor_guard_leave:
     addq $216, %rsp
@@ -185,7 +193,10 @@ void install();
 inline GuardFrame* top_frame() {
     if (std::uint32_t off = g_slot_offset) return reinterpret_cast<GuardFrame*>(gs_read(off));
     if (g_slot == TLS_OUT_OF_INDEXES) return nullptr;
-    return static_cast<GuardFrame*>(TlsGetValue(g_slot));
+    DWORD error = GetLastError();  // the TLS calls clear it
+    void* f = TlsGetValue(g_slot);
+    SetLastError(error);
+    return static_cast<GuardFrame*>(f);
 }
 inline void set_top_frame(GuardFrame* f) {
     if (std::uint32_t off = g_slot_offset) {
@@ -193,7 +204,9 @@ inline void set_top_frame(GuardFrame* f) {
         return;
     }
     install();
+    DWORD error = GetLastError();  // the TLS calls clear it
     TlsSetValue(g_slot, f);
+    SetLastError(error);
 }
 
 // ------------------------------------------------------------ what to take
@@ -243,32 +256,46 @@ bool in_system_library(const void* addr) {
     return true;
 }
 
-// True when a frame between the fault and the guard has an exception
-// handler, which will then see the fault before our frame does.
-bool module_frame_handles(const CONTEXT* fault_ctx, std::uint64_t guard_rsp) {
-    // Wine's own handler records, chained from the thread block, live on the
-    // stack of the code that installed them.
-    std::uint64_t chain = gs_read(0);
-    if (chain > fault_ctx->Rsp && chain < guard_rsp) return true;
+// The thread's stack: from its reserved bottom to its base.
+inline bool on_thread_stack(std::uint64_t rsp) {
+    return rsp >= gs_read(0x1478) && rsp < gs_read(0x08);  // DeallocationStack, StackBase
+}
 
+// Walks the frames from the fault up to the guard as frame dispatch will.
+// `handled` tells whether a frame in between has an exception handler;
+// the result tells whether the walk arrived exactly at the guard's call of
+// the body, i.e. whether dispatch can bring the fault to the guard's frame.
+bool walk_to_guard(const CONTEXT* fault_ctx, std::uint64_t guard_rsp, bool* handled) {
+    *handled = false;
     CONTEXT c = *fault_ctx;
-    std::uint64_t last_rsp = 0;
+    const std::uint64_t top = gs_read(0x08);
     while (c.Rsp < guard_rsp) {
-        if (c.Rsp <= last_rsp && last_rsp) return false;  // the walk went astray
-        last_rsp = c.Rsp;
+        const std::uint64_t rsp = c.Rsp;
         DWORD64 image = 0;
         PRUNTIME_FUNCTION fn = RtlLookupFunctionEntry(c.Rip, &image, nullptr);
         if (!fn) {  // a leaf, or code without unwind information
             c.Rip = *reinterpret_cast<const DWORD64*>(c.Rsp);
             c.Rsp += 8;
-            continue;
+        } else {
+            void* data = nullptr;
+            DWORD64 establisher = 0;
+            if (RtlVirtualUnwind(UNW_FLAG_EHANDLER, image, c.Rip, fn, &c, &data, &establisher, nullptr))
+                *handled = true;
         }
-        void* data = nullptr;
-        DWORD64 establisher = 0;
-        if (RtlVirtualUnwind(UNW_FLAG_EHANDLER, image, c.Rip, fn, &c, &data, &establisher, nullptr))
-            return true;
+        if (c.Rsp <= rsp || c.Rsp >= top) return false;  // astray
     }
-    return false;
+    return c.Rsp == guard_rsp && c.Rip == reinterpret_cast<DWORD64>(zor_guard_return);
+}
+
+// Whether somebody below the guard will handle the fault.
+bool leave_to_frame_dispatch(const EXCEPTION_RECORD* rec, const CONTEXT* c, std::uint64_t guard_rsp) {
+    // Wine's own handler records, chained from the thread block, live on the
+    // stack of the code that installed them.
+    std::uint64_t chain = gs_read(0);
+    if (chain > c->Rsp && chain < guard_rsp) return true;
+    bool handled = false;
+    if (!walk_to_guard(c, guard_rsp, &handled)) return false;  // dispatch would not get through
+    return handled || in_system_library(rec->ExceptionAddress);
 }
 
 // Where a fault happened: the faulting instruction, or for a call or jump
@@ -300,8 +327,7 @@ bool guarded_internal(void (*body)(void*), void* ctx);
 void inspect(void* p) {
     auto* in = static_cast<Inspection*>(p);
     if (in->decide) {
-        in->leave = in_system_library(in->rec->ExceptionAddress) ||
-                    module_frame_handles(in->ctx, in->guard_rsp);
+        in->leave = leave_to_frame_dispatch(in->rec, in->ctx, in->guard_rsp);
         if (in->leave) return;
     }
     in->address = fault_address(in->rec, in->ctx);
@@ -323,18 +349,23 @@ LONG CALLBACK guard_veh(EXCEPTION_POINTERS* ep) {
     if (!g || !g->body_rsp) return EXCEPTION_CONTINUE_SEARCH;
     const EXCEPTION_RECORD* rec = ep->ExceptionRecord;
     CONTEXT* c = ep->ContextRecord;
-    if (!is_machine_fault(rec->ExceptionCode) || c->Rsp >= g->body_rsp)
-        return EXCEPTION_CONTINUE_SEARCH;
+    if (!is_machine_fault(rec->ExceptionCode)) return EXCEPTION_CONTINUE_SEARCH;
 
-    if (g->take_all || rec->ExceptionCode == EXCEPTION_STACK_OVERFLOW) {
-        // Too little stack is left after an overflow to look further.
-        record_fault(g, rec, rec->ExceptionAddress);
-    } else {
-        Inspection in{rec, c, g->body_rsp, true, false, rec->ExceptionAddress};
-        if (!guarded_internal(inspect, &in)) in.leave = false;  // unreadable: ours
-        if (in.leave) return EXCEPTION_CONTINUE_SEARCH;
-        record_fault(g, rec, in.address);
+    const void* address = rec->ExceptionAddress;
+    // After a stack overflow too little stack is left to look further.
+    if (!g->take_all && rec->ExceptionCode != EXCEPTION_STACK_OVERFLOW) {
+        // Off the thread's stack no frame can be dispatched to: take it.
+        Inspection in{rec, c, g->body_rsp, on_thread_stack(c->Rsp), false, address};
+        DWORD error = GetLastError();
+        if (guarded_internal(inspect, &in)) {
+            if (in.leave) {
+                SetLastError(error);  // whoever handles it sees the thread as it was
+                return EXCEPTION_CONTINUE_SEARCH;
+            }
+            address = in.address;
+        }
     }
+    record_fault(g, rec, address);
     resume_at_recovery(g, c);
     return EXCEPTION_CONTINUE_EXECUTION;
 }
