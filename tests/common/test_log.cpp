@@ -4,10 +4,11 @@
 
 namespace zor::test {
 
-TestLog::TestLog() {
+TestLog::TestLog(const char16_t* file, std::size_t queueBytes) {
     log_.SetSink(&TestLog::Capture, this);
     log_.SetDebugOutput(false);
-    log_.Start(u"");
+    log_.SetQueueBytes(queueBytes);
+    log_.Start(file);
     log_.SetActive("all");  // whatever ZOR_LOG_ACTIVE says
 }
 

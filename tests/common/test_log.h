@@ -12,7 +12,8 @@
 namespace zor::test {
 
 // A started Logger with no file, every pair active, no debug output, and a
-// sink that keeps every entry (text exactly as formatted, UTF-8).
+// sink that keeps every entry (text exactly as formatted, UTF-8). Logger
+// tests may give a file and a ring size.
 class TestLog {
 public:
     struct Entry {
@@ -21,7 +22,8 @@ public:
         std::string text;
     };
 
-    TestLog();
+    explicit TestLog(const char16_t* file = u"",
+                     std::size_t queueBytes = Logger::kDefaultQueueBytes);
     ~TestLog();
     TestLog(const TestLog&) = delete;
     TestLog& operator=(const TestLog&) = delete;
