@@ -6,6 +6,8 @@
 //   (os::thread_cancel_io, repeated while the thread waits for a request),
 //   so a stop is quick; it still waits at most 10,000 ms before closing the
 //   handles. A request already being served finishes and is answered first.
+//   A pass that fails once a stop was requested ends the thread without the
+//   "Pipe-Communication failed" line: a stop is not a communication fault.
 // - The pipe thread's 256 KiB request buffer is on its own stack (the
 //   platform's default thread stack, 1 MiB or more, holds it): nothing is
 //   allocated per request, and two threads that serve one record after a

@@ -21,6 +21,7 @@ int RunZorApp(const char16_t* commandLine, DialogShell& shell) {
     }
     SetRunningHost(host);
     LoadConfig(*host);
+    host->registry.PrepareTables();
 
     shell.RunDialog(*host, hide);
 

@@ -1,0 +1,112 @@
+// The pipe protocol over real pipes in this process: frames of every
+// accepted size, refused lengths, the failure count over the thread's life,
+// and stopping a thread that is waiting or serving.
+#include "client_test_util.h"
+
+#include <chrono>
+#include <thread>
+
+namespace zor::test {
+namespace {
+
+class Pipe : public ClientFixture {
+protected:
+    void SetUp() override {
+        ClientFixture::SetUp();
+        index_ = host_->clients.RegisterClient(os::current_process_id());
+        Connect(index_);
+    }
+    std::uint32_t index_ = 0;
+};
+
+TEST_F(Pipe, RequestsOfEverySizeAreServedInOrder) {
+    SendRequest(slot_, {});  // 12 bytes: the module gets an empty body
+    EXPECT_EQ(Answer(), Expected({}));
+
+    std::vector<unsigned char> big(ZOR_PIPE_BUFFER_SIZE - 12);
+    for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<unsigned char>(i * 7 + 1);
+    SendRequest(slot_, big);
+    EXPECT_EQ(Answer(), Expected(big));
+
+    SendRequest(slot_, {9});
+    EXPECT_EQ(Answer(), Expected({9}));
+    EXPECT_EQ(FakeModule::calls.load(), 3u);
+    EXPECT_EQ(Failures(), 0u);
+}
+
+TEST_F(Pipe, UnknownModulesAreAnsweredMinusOneAndTheThreadGoesOn) {
+    for (std::uint32_t module : {0u, 100u, 0xFFFFFFFFu, slot_ + 1}) {
+        SendRequest(module, {1, 2});
+        EXPECT_EQ(Answer(), 0xFFFFFFFFu) << module;
+    }
+    EXPECT_EQ(FakeModule::calls.load(), 0u);
+    SendRequest(slot_, {1, 2});
+    EXPECT_EQ(Answer(), Expected({1, 2}));
+    EXPECT_EQ(Failures(), 0u);
+}
+
+// A length the buffer cannot hold or too short for the header is a failed
+// pass; nothing of the request is read, and the next frame is served.
+TEST_F(Pipe, LengthsOutsideTheBufferAreRefused) {
+    for (std::uint32_t bad : {ZOR_PIPE_BUFFER_SIZE + 1, 0xFFFFFFFFu, 11u, 0u}) {
+        SendLength(bad);
+        SendRequest(slot_, {4});
+        EXPECT_EQ(Answer(), Expected({4})) << bad;
+    }
+    EXPECT_EQ(Failures(), 4u);
+    EXPECT_EQ(log_.LinesOf(0, 1).size(), 4u);
+    EXPECT_EQ(FakeModule::calls.load(), 4u);
+}
+
+TEST_F(Pipe, TenFailuresOverTheThreadsLifeEndIt) {
+    for (int i = 0; i < 5; ++i) SendLength(3);
+    SendRequest(slot_, {5});
+    EXPECT_EQ(Answer(), Expected({5}));
+    for (int i = 0; i < 4; ++i) SendLength(3);
+    EXPECT_FALSE(ThreadEnds(index_, 200));
+    SendLength(3);
+    EXPECT_TRUE(ThreadEnds(index_, 5000));
+    EXPECT_EQ(Failures(), 10u);
+    // The record keeps its handles until the client is stopped.
+    EXPECT_NE(host_->clients.Record(index_).requestPipe.load(), 0u);
+}
+
+TEST_F(Pipe, AClientThatClosesItsEndGivesExactlyTenFailures) {
+    SendRequest(slot_, {1});
+    EXPECT_EQ(Answer(), Expected({1}));
+    os::handle_close(reqWrite_);
+    reqWrite_ = 0;
+    EXPECT_TRUE(ThreadEnds(index_, 5000));
+    EXPECT_EQ(Failures(), 10u);
+}
+
+TEST_F(Pipe, StopEndsAThreadWaitingOnASilentClientAtOnce) {
+    os::sleep_ms(50);  // the thread is blocked in its read by now
+    auto t0 = std::chrono::steady_clock::now();
+    host_->clients.StopClientPipe(index_);
+    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+                  std::chrono::steady_clock::now() - t0).count();
+    EXPECT_LT(ms, 5000);  // not the full 10 s wait
+    const ClientRecord& r = host_->clients.Record(index_);
+    EXPECT_EQ(r.pipeThread.load(), 0u);
+    EXPECT_EQ(r.requestPipe.load(), 0u);
+    EXPECT_EQ(r.replyPipe.load(), 0u);
+    EXPECT_EQ(r.inUse.load(), 1u);  // still registered
+    EXPECT_EQ(Failures(), 0u);      // a stop is not a failure
+}
+
+TEST_F(Pipe, StopDuringARequestLetsItBeAnswered) {
+    FakeModule::block = true;
+    SendRequest(slot_, {3, 4});
+    while (!FakeModule::entered.load()) os::sleep_ms(1);
+    std::thread stopper([&] { host_->clients.StopClientPipe(index_); });
+    os::sleep_ms(100);
+    FakeModule::block = false;
+    EXPECT_EQ(Answer(), Expected({3, 4}));
+    stopper.join();
+    EXPECT_EQ(host_->clients.Record(index_).pipeThread.load(), 0u);
+    EXPECT_EQ(Failures(), 0u);
+}
+
+}  // namespace
+}  // namespace zor::test

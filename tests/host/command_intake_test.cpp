@@ -1,0 +1,190 @@
+// Command intake: the command range, the wiring of each command, and
+// payloads that are too short or malformed. Every payload is a heap block of
+// exactly cbData bytes, so a read beyond it is caught by the sanitizers.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/test_log.h"
+#include "host/command_intake.h"
+#include "host/config.h"
+#include "host/host.h"
+#include "os/os.h"
+
+namespace {
+
+// A payload of exactly the bytes given.
+struct Block {
+    explicit Block(std::size_t n) : bytes(new unsigned char[n ? n : 1]()), size(n) {}
+    template <class T>
+    void Put(std::size_t off, T v) { std::memcpy(bytes.get() + off, &v, sizeof v); }
+    void PutName(std::size_t off, const char16_t* name, bool terminate = true) {
+        std::size_t n = std::char_traits<char16_t>::length(name) + (terminate ? 1 : 0);
+        std::memcpy(bytes.get() + off, name, n * 2);
+    }
+    std::unique_ptr<unsigned char[]> bytes;
+    std::size_t size;
+};
+
+class Intake : public ::testing::Test {
+protected:
+    std::uint32_t Send(std::uint64_t cmd, const Block& b) {
+        return zor::OnCopyData(*host_, cmd, b.bytes.get(), static_cast<std::uint32_t>(b.size), ender_);
+    }
+    static void OnEnd(void* ctx, std::intptr_t result) {
+        auto* self = static_cast<Intake*>(ctx);
+        ++self->ends_;
+        self->endResult_ = result;
+    }
+
+    zor::test::TestLog log_;
+    std::unique_ptr<zor::Host> host_ = std::make_unique<zor::Host>(log_.log());
+    zor::DialogEnder ender_{this, &Intake::OnEnd};
+    int ends_ = 0;
+    std::intptr_t endResult_ = 0;
+};
+
+TEST_F(Intake, NumbersOutsideTheTableReturnZeroWithoutTouchingThePayload) {
+    // One byte really there, a large size claimed: any read would be caught.
+    Block one(1);
+    for (std::uint64_t cmd : {0ull, 10ull, 16ull, 17ull, 0x8000000000000001ull, ~0ull}) {
+        EXPECT_EQ(zor::OnCopyData(*host_, cmd, one.bytes.get(), 4096, ender_), 0u) << cmd;
+    }
+    EXPECT_EQ(ends_, 0);
+    EXPECT_TRUE(log_.Lines().empty());
+}
+
+TEST_F(Intake, QuitEndsTheDialogWithResultOne) {
+    Block none(0);
+    EXPECT_EQ(Send(ZOR_CMD_QUIT, none), 0u);
+    EXPECT_EQ(ends_, 1);
+    EXPECT_EQ(endResult_, 1);
+    // No way to end: nothing happens, still 0.
+    EXPECT_EQ(zor::OnCopyData(*host_, ZOR_CMD_QUIT, nullptr, 0, zor::DialogEnder{}), 0u);
+}
+
+TEST_F(Intake, IrqCommandsWithoutADriver) {
+    Block none(0);
+    EXPECT_EQ(Send(ZOR_CMD_IRQ_QUERY, none), 1000u);
+    Block value(4);
+    value.Put<std::uint32_t>(0, 7);
+    EXPECT_EQ(Send(ZOR_CMD_IRQ_CONTROL, value), 0u);
+}
+
+TEST_F(Intake, ClientCommandsReachTheRegistry) {
+    Block id(4);
+    id.Put<std::uint32_t>(0, 4242);
+    EXPECT_EQ(Send(ZOR_CMD_CLIENT_ADD, id), 1u);
+    EXPECT_EQ(host_->clients.FindClient(4242), 1u);
+    EXPECT_EQ(Send(ZOR_CMD_CLIENT_ADD, id), 1u);
+    EXPECT_EQ(Send(ZOR_CMD_PIPE_DISCONNECT, id), 0u);  // no pipe: nothing to stop
+    EXPECT_EQ(Send(ZOR_CMD_CLIENT_REMOVE, id), 1u);
+    EXPECT_EQ(Send(ZOR_CMD_CLIENT_REMOVE, id), 0u);
+}
+
+TEST_F(Intake, LookupsOfUnknownModules) {
+    Block find(16 + 2 * 12);
+    find.PutName(16, u"nothing.dll");
+    EXPECT_EQ(Send(ZOR_CMD_FIND_MODULE, find), 0u);
+    Block info(16);
+    info.Put<std::uint64_t>(8, 5);
+    EXPECT_EQ(Send(ZOR_CMD_MODULE_INFO, info), 0u);
+    EXPECT_EQ(Send(ZOR_CMD_ISR_UNREGISTER, info), 0u);
+    Block call(12);
+    call.Put<std::uint32_t>(4, 0);
+    EXPECT_EQ(Send(ZOR_CMD_MODULE_CALL, call), 0xFFFFFFFFu);
+    call.Put<std::uint32_t>(4, 100);
+    EXPECT_EQ(Send(ZOR_CMD_MODULE_CALL, call), 0xFFFFFFFFu);
+}
+
+TEST_F(Intake, SystemMemoryRecordsTheClient) {
+    Block mem(8);
+    mem.Put<std::uint32_t>(0, zor::os::current_process_id());
+    mem.Put<std::uint32_t>(4, 0x4000);
+    EXPECT_NE(Send(ZOR_CMD_SYSMEM, mem), 0u);
+    EXPECT_EQ(host_->config.clientCount.load(), 1u);
+    EXPECT_EQ(host_->config.clientPids[0].load(), zor::os::current_process_id());
+}
+
+struct MinSize {
+    std::uint64_t cmd;
+    std::uint32_t need;
+    std::uint32_t failure;
+};
+
+// Each command one byte short of what it reads: refused with its failure
+// value and the log line, and the handler never runs.
+TEST_F(Intake, PayloadsShorterThanTheirFieldsAreRefused) {
+    const MinSize table[] = {
+        {ZOR_CMD_ISR_REGISTER, 18, 0}, {ZOR_CMD_ISR_UNREGISTER, 16, 0},
+        {ZOR_CMD_SYSMEM, 8, 0},         {ZOR_CMD_MODULE_CALL, 12, 0xFFFFFFFFu},
+        {ZOR_CMD_IRQ_CONTROL, 4, 0},    {ZOR_CMD_PIPE_CONNECT, 20, 0},
+        {ZOR_CMD_PIPE_DISCONNECT, 4, 0}, {ZOR_CMD_CLIENT_ADD, 4, 0},
+        {ZOR_CMD_CLIENT_REMOVE, 4, 0},  {ZOR_CMD_FIND_MODULE, 18, 0},
+        {ZOR_CMD_MODULE_INFO, 16, 0},   {ZOR_CMD_GET_ISR_MEM, 16, 0},
+    };
+    for (const MinSize& m : table) {
+        for (std::uint32_t size : {0u, m.need - 1}) {
+            log_.Clear();
+            Block b(size);
+            std::uint32_t r = size ? Send(m.cmd, b)
+                                   : zor::OnCopyData(*host_, m.cmd, nullptr, 0, ender_);
+            EXPECT_EQ(r, m.failure) << "command " << m.cmd << " size " << size;
+            EXPECT_EQ(log_.Lines(),
+                      std::vector<std::string>{"ZOR: command " + std::to_string(m.cmd) +
+                                               ": payload of " + std::to_string(size) +
+                                               " bytes too short\n\r"});
+        }
+    }
+    EXPECT_EQ(host_->clients.FindClient(0), 0u);
+    EXPECT_EQ(host_->config.clientCount.load(), 0u);
+}
+
+TEST_F(Intake, NamesWithoutTerminatorInsideThePayloadAreRefused) {
+    for (std::uint64_t cmd : {ZOR_CMD_ISR_REGISTER, ZOR_CMD_FIND_MODULE}) {
+        log_.Clear();
+        // Eleven name units and an odd trailing byte: no whole 0 unit inside.
+        Block b(16 + 22 + 1);
+        b.PutName(16, u"counting_is", false);
+        EXPECT_EQ(Send(cmd, b), 0u);
+        EXPECT_EQ(log_.Lines(), std::vector<std::string>{"ZOR: command " + std::to_string(cmd) +
+                                                         ": name not terminated in 39 bytes\n\r"});
+    }
+}
+
+// The module of a command 5 may write into the body: it writes into the
+// host's own copy, bounded to the bytes sent, never into the sender's.
+std::atomic<unsigned char*> g_seenBody{nullptr};
+std::uint32_t WritingModule(std::uint32_t code, std::uintptr_t arg) {
+    if (code != ZOR_FN_EXEC_REMOTE_FUNC) return 0;
+    auto* body = reinterpret_cast<unsigned char*>(arg);
+    g_seenBody = body;
+    std::uint32_t sum = 0;
+    for (int i = 0; i < 8; ++i) sum += body[i];
+    std::memset(body, 0xEE, 8);
+    return sum;
+}
+
+TEST_F(Intake, ModuleCallGetsAPrivateCopyOfTheBody) {
+    std::uint32_t slot = host_->slots.Alloc();
+    ASSERT_NE(slot, 0u);
+    zor::ModuleSlot& s = host_->slots[slot];
+    s.kind = zor::kKindIsr;
+    s.number = slot;
+    s.entry = &WritingModule;
+    s.inUse = 1;
+
+    Block req(12 + 8);
+    req.Put<std::uint32_t>(0, 0);
+    req.Put<std::uint32_t>(4, slot);
+    for (int i = 0; i < 8; ++i) req.bytes[12 + i] = static_cast<unsigned char>(i + 1);
+    EXPECT_EQ(Send(ZOR_CMD_MODULE_CALL, req), 36u);
+    EXPECT_NE(g_seenBody.load(), req.bytes.get() + 12);
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(req.bytes[12 + i], i + 1);
+    host_->slots.Free(slot);
+}
+
+}  // namespace

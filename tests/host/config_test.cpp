@@ -1,0 +1,202 @@
+// Start-up: the hide switch, both configuration files and their precedence,
+// the three configuration log lines, and the client process-id list.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include "common/test_log.h"
+#include "host/config.h"
+#include "host/host.h"
+#include "os/os.h"
+#include "support/wformat.h"
+
+namespace fs = std::filesystem;
+using zor::FindSwitch;
+
+namespace {
+
+std::string Utf8(const char16_t* s) {
+    char buf[2048];
+    zor::utf16_to_utf8(s, buf, sizeof buf);
+    return buf;
+}
+
+// Offset just after the match, or -1.
+long SwitchAt(const char16_t* line) {
+    const char16_t* p = FindSwitch(line, u"HIDE");
+    return p ? static_cast<long>(p - line) : -1;
+}
+
+TEST(SwitchFinder, OnlyLowerCaseAfterSlashOrMinus) {
+    EXPECT_EQ(SwitchAt(u"-hide"), 5);
+    EXPECT_EQ(SwitchAt(u"/hide"), 5);
+    EXPECT_EQ(SwitchAt(u"  -hide  "), 7);
+    EXPECT_EQ(SwitchAt(u"/HIDE"), -1);
+    EXPECT_EQ(SwitchAt(u"-Hide"), -1);
+    EXPECT_EQ(SwitchAt(u"hide"), -1);
+    EXPECT_EQ(SwitchAt(u""), -1);
+    EXPECT_EQ(FindSwitch(nullptr, u"HIDE"), nullptr);
+}
+
+TEST(SwitchFinder, LongerWordsMatchAndScanResumesAfterTheSwitchCharacter) {
+    EXPECT_EQ(SwitchAt(u"x/hideout"), 6);
+    EXPECT_EQ(SwitchAt(u"--hide"), 6);     // the first '-' fails on '-', the second matches
+    EXPECT_EQ(SwitchAt(u"/h-hide"), 7);    // a partial match does not swallow the next switch
+    EXPECT_EQ(SwitchAt(u"-hid"), -1);      // ends inside the keyword
+    EXPECT_EQ(SwitchAt(u"-hid /x -hIde"), -1);
+    EXPECT_EQ(SwitchAt(u"/x -hide /hide"), 8);  // the first one wins
+}
+
+class ConfigFiles : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dir_ = fs::temp_directory_path() /
+               ("zor_config_" + std::to_string(zor::os::current_process_id()) + "_" +
+                ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        fs::create_directories(dir_);
+        host_ = std::make_unique<zor::Host>(log_.log());
+        Path(host_->config.szIni, dir_ / "install.ini");
+        Path(host_->config.szIniW, dir_ / "user.ini");
+        Copy(host_->config.szExe, u"C:\\zor\\");
+    }
+    void TearDown() override {
+        host_.reset();
+        std::error_code ec;
+        fs::remove_all(dir_, ec);
+    }
+    static void Path(char16_t* out, const fs::path& p) {
+        std::u16string s = p.u16string();
+        Copy(out, s.c_str());
+    }
+    static void Copy(char16_t* out, const char16_t* s) {
+        std::size_t i = 0;
+        for (; s[i] && i < 259; ++i) out[i] = s[i];
+        out[i] = 0;
+    }
+    void Write(const char* file, const std::string& text) {
+        std::ofstream(dir_ / file, std::ios::binary) << "[INIT]\r\n" << text;
+    }
+    zor::Config& config() { return host_->config; }
+
+    fs::path dir_;
+    zor::test::TestLog log_;
+    std::unique_ptr<zor::Host> host_;
+};
+
+TEST_F(ConfigFiles, MissingFilesGiveTheDefaults) {
+    zor::ReadConfigFiles(*host_);
+    EXPECT_EQ(Utf8(config().szExe), "C:\\zor\\");
+    EXPECT_EQ(Utf8(config().lastIrqName), "");
+    EXPECT_EQ(Utf8(config().fallbackIrqName), "");
+    EXPECT_EQ(config().allowLowIntegrity, 0u);
+}
+
+TEST_F(ConfigFiles, InstallationValuesAreUsedWhenTheUserFileHasNone) {
+    Write("install.ini",
+          "DLLDIR=D:\\drivers\r\nLASTIRQ=timer.irq\r\nFALLBACKIRQ=trigger.irq\r\n"
+          "ALLOWLOWINTEGRITY=1\r\n");
+    Write("user.ini", "OTHER=1\r\n");
+    zor::ReadConfigFiles(*host_);
+    // DLLDIR is taken as it stands: no backslash is added.
+    EXPECT_EQ(Utf8(config().szExe), "D:\\drivers");
+    EXPECT_EQ(Utf8(config().lastIrqName), "timer.irq");
+    EXPECT_EQ(Utf8(config().fallbackIrqName), "trigger.irq");
+    EXPECT_EQ(config().allowLowIntegrity, 1u);
+}
+
+TEST_F(ConfigFiles, UserFileWinsForLastIrqOnly) {
+    Write("install.ini", "LASTIRQ=timer.irq\r\n");
+    Write("user.ini",
+          "LASTIRQ=mine.irq\r\nFALLBACKIRQ=user.irq\r\nDLLDIR=E:\\elsewhere\\\r\n"
+          "ALLOWLOWINTEGRITY=1\r\n");
+    zor::ReadConfigFiles(*host_);
+    EXPECT_EQ(Utf8(config().lastIrqName), "mine.irq");
+    EXPECT_EQ(Utf8(config().fallbackIrqName), "");
+    EXPECT_EQ(Utf8(config().szExe), "C:\\zor\\");
+    EXPECT_EQ(config().allowLowIntegrity, 0u);
+}
+
+TEST_F(ConfigFiles, OverlongValuesAreCutToTheBuffer) {
+    std::string longName(400, 'a');
+    Write("install.ini", "LASTIRQ=" + longName + "\r\nDLLDIR=" + std::string(300, 'd') + "\r\n");
+    zor::ReadConfigFiles(*host_);
+    EXPECT_EQ(Utf8(config().lastIrqName), std::string(259, 'a'));
+    EXPECT_EQ(Utf8(config().szExe), std::string(259, 'd'));
+}
+
+// The whole load against the real start-up directory and a per-user folder
+// of the test's own (the per-user path follows APPDATA).
+TEST_F(ConfigFiles, LoadLogsThePathsAndReadsThePerUserFile) {
+    char16_t saved[1024];
+    bool hadAppData = zor::os::env_get("APPDATA", saved, 1024);
+    zor::os::env_set("APPDATA", dir_.u16string().c_str());
+    fs::create_directories(dir_ / "ZOR");
+    std::ofstream(dir_ / "ZOR" / "ZOR.ini", std::ios::binary) << "[INIT]\r\nLASTIRQ=peruser.irq\r\n";
+
+    zor::LoadConfig(*host_);
+    zor::os::env_set("APPDATA", hadAppData ? saved : nullptr);
+
+    const zor::Config& c = config();
+    std::string exe = Utf8(c.szExe);
+    ASSERT_FALSE(exe.empty());
+    EXPECT_EQ(exe.back(), '\\');
+    EXPECT_EQ(Utf8(c.szIni), exe + "ZOR.INI");  // no ZOR.INI beside the tests
+    std::string userIni = Utf8(c.szIniW);
+    EXPECT_EQ(userIni.substr(userIni.size() - 8), "\\ZOR.ini");
+    EXPECT_EQ(Utf8(c.lastIrqName), "peruser.irq");
+
+    auto lines = log_.LinesOf(2, 0);
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0], "SZINI: " + Utf8(c.szIni) + "\r\n");
+    EXPECT_EQ(lines[1], "SZINIW: " + userIni + "\r\n");
+    EXPECT_EQ(lines[2], "SZEXE: " + exe + "\r\n");
+}
+
+// A pid that no process has (above every platform's limit).
+constexpr std::uint32_t kDeadPid = 0x3FFFFFF0u;
+
+class ClientPids : public ::testing::Test {
+protected:
+    zor::test::TestLog log_;
+    std::unique_ptr<zor::Host> host_ = std::make_unique<zor::Host>(log_.log());
+    zor::Config& c = host_->config;
+};
+
+TEST_F(ClientPids, TheTenthClientAndLaterOverwriteTheLastEntry) {
+    for (std::uint32_t pid = 1; pid <= 10; ++pid) zor::AppendClientPid(*host_, pid);
+    EXPECT_EQ(c.clientCount.load(), 9u);
+    for (std::uint32_t i = 0; i < 9; ++i) EXPECT_EQ(c.clientPids[i].load(), i + 1);
+    EXPECT_EQ(c.clientPids[9].load(), 10u);
+    zor::AppendClientPid(*host_, 11);
+    EXPECT_EQ(c.clientCount.load(), 9u);
+    EXPECT_EQ(c.clientPids[8].load(), 9u);
+    EXPECT_EQ(c.clientPids[9].load(), 11u);
+}
+
+TEST_F(ClientPids, LivenessLooksAtRecordedEntriesOnly) {
+    EXPECT_TRUE(zor::IsNoClientAlive(*host_));  // nobody recorded
+
+    zor::AppendClientPid(*host_, kDeadPid);
+    EXPECT_TRUE(zor::IsNoClientAlive(*host_));
+    zor::AppendClientPid(*host_, zor::os::current_process_id());
+    EXPECT_FALSE(zor::IsNoClientAlive(*host_));
+
+    // A 0 entry is skipped, not taken for a live process.
+    c.clientPids[1].store(0);
+    EXPECT_TRUE(zor::IsNoClientAlive(*host_));
+
+    // Entry 9, where the tenth and later clients go, is never examined.
+    for (int i = 0; i < 8; ++i) zor::AppendClientPid(*host_, kDeadPid);
+    ASSERT_EQ(c.clientCount.load(), 9u);
+    c.clientPids[1].store(kDeadPid);
+    EXPECT_TRUE(zor::IsNoClientAlive(*host_));
+    zor::AppendClientPid(*host_, zor::os::current_process_id());
+    EXPECT_EQ(c.clientPids[9].load(), zor::os::current_process_id());
+    EXPECT_TRUE(zor::IsNoClientAlive(*host_));
+}
+
+}  // namespace

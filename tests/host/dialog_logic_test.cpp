@@ -1,0 +1,76 @@
+// What the control dialog shows and decides: the status texts, Stats
+// zeroing, the automatic shut-down and when Cancel asks first.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "common/test_log.h"
+#include "host/config.h"
+#include "host/dialog_logic.h"
+#include "host/host.h"
+#include "os/os.h"
+#include "support/wformat.h"
+#include "support/wstr.h"
+
+namespace {
+
+constexpr std::uint32_t kDeadPid = 0x3FFFFFF0u;
+
+std::string Utf8(const char16_t* s) {
+    char buf[512];
+    zor::utf16_to_utf8(s, buf, sizeof buf);
+    return buf;
+}
+
+class Dialog : public ::testing::Test {
+protected:
+    std::string Stats() {
+        char16_t text[100];
+        zor::TakeStats(*host_, text, 100);
+        return Utf8(text);
+    }
+    zor::test::TestLog log_;
+    std::unique_ptr<zor::Host> host_ = std::make_unique<zor::Host>(log_.log());
+};
+
+TEST_F(Dialog, StatsShowsRoundedFrequencyAndTruncatedLoadThenZeroes) {
+    EXPECT_EQ(Stats(), "IRQ freq. 50 Hz,  time  0%");  // before the first event
+    EXPECT_EQ(Stats(), "IRQ freq.  0 Hz,  time  0%");
+    EXPECT_EQ(host_->dispatcher.irqFrequencyHz.load(), 0.0);
+
+    host_->dispatcher.irqFrequencyHz = 999.5;
+    host_->dispatcher.irqLoadPercent = 7.99;
+    EXPECT_EQ(Stats(), "IRQ freq. 1000 Hz,  time  7%");
+    host_->dispatcher.irqFrequencyHz = 4.49;
+    host_->dispatcher.irqLoadPercent = 100.0;
+    EXPECT_EQ(Stats(), "IRQ freq.  4 Hz,  time 100%");
+    // Values no integer holds show as 0 instead of being undefined.
+    host_->dispatcher.irqFrequencyHz = 1e300;
+    EXPECT_EQ(Stats(), "IRQ freq.  0 Hz,  time  0%");
+}
+
+TEST_F(Dialog, IrqLineNamesTheConfiguredDriverAndLevel) {
+    zor::wcopy(host_->config.lastIrqName, 260, u"timer.irq");
+    char16_t line[300];
+    zor::FormatIrqLine(*host_, 3, line, 300);
+    EXPECT_EQ(Utf8(line), "IRQ:timer.irq PRIO:3");
+}
+
+TEST_F(Dialog, AutoKillOnlyWhenEveryRecordedClientHasGone) {
+    EXPECT_FALSE(zor::AutoKillDue(*host_, zor::kAutoKillTimerId));  // never had a client
+    EXPECT_FALSE(zor::CancelNeedsConfirmation(*host_));
+
+    zor::AppendClientPid(*host_, zor::os::current_process_id());
+    EXPECT_FALSE(zor::AutoKillDue(*host_, zor::kAutoKillTimerId));
+    EXPECT_TRUE(zor::CancelNeedsConfirmation(*host_));
+
+    host_->config.clientPids[0] = kDeadPid;
+    EXPECT_FALSE(zor::CancelNeedsConfirmation(*host_));
+    EXPECT_FALSE(zor::AutoKillDue(*host_, zor::kAutoKillTimerId + 1));
+    EXPECT_TRUE(log_.Lines().empty());
+    EXPECT_TRUE(zor::AutoKillDue(*host_, zor::kAutoKillTimerId));
+    EXPECT_EQ(log_.LinesOf(2, 6), std::vector<std::string>{"ZOR: AutoKill!\n\r"});
+}
+
+}  // namespace
