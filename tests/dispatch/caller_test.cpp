@@ -101,14 +101,6 @@ TEST_F(ReportTest, AnAnnouncedArgumentCountIsNotTrustedAndTheLineKeepsItsEnd) {
     EXPECT_LT(line.size(), Logger::kMaxLineUnits);
 }
 
-TEST(FunctionCodeNames, NamedUnnamedAndDriverCodes) {
-    EXPECT_EQ(std::u16string(u"?? (0)"), Caller::FunctionCodeName(0));
-    EXPECT_EQ(std::u16string(u"Detach"), Caller::FunctionCodeName(9));
-    EXPECT_EQ(std::u16string(u"?? (19)"), Caller::FunctionCodeName(19));
-    EXPECT_EQ(std::u16string(u"Interrupt"), Caller::FunctionCodeName(20));
-    EXPECT_EQ(std::u16string(u""), Caller::FunctionCodeName(21));
-}
-
 // ------------------------------------------------------------ real calls
 
 TEST_F(HostTest, ASlowCallIsLoggedOnlyOnTheDispatchThreadAndCountedEverywhere) {
@@ -172,12 +164,6 @@ TEST_F(HostTest, ASlotWithoutEntryIsReportedLikeACallThroughNull) {
     EXPECT_NE(u"unknown", std::u16string(self));
     EXPECT_TRUE(log.Contains("ZOR: ISR 'broken.irq' caused exception in '" + Utf8(self) + "'!\n\r"));
     EXPECT_EQ(0u, h.slots[slot].interruptStat.Count() + h.slots[slot].execStat.Count());
-}
-
-TEST(ModuleNames, AnAddressOutsideEveryModuleIsUnknown) {
-    char16_t name[260];
-    ModuleNameOfAddress(nullptr, name, 260);
-    EXPECT_EQ(std::u16string(u"unknown"), name);
 }
 
 // ------------------------------------------------------------ thread contexts

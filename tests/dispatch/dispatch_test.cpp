@@ -39,15 +39,6 @@ TEST_F(HostTest, AnEventWithoutISRsStillAccountsAndPublishesItsSequence) {
     EXPECT_EQ(irq.ThreadId(), h.dispatcher.DispatchThreadId());
 }
 
-TEST_F(HostTest, TheFrequencyFollowsTheIntervalBetweenEvents) {
-    IrqThread irq;
-    irq.Run([&] { h.dispatcher.SetWakeTimeForTest(ClockMs() - 20.0); });
-    irq.Fire(1);
-    const double hz = h.dispatcher.irqFrequencyHz.load();
-    EXPECT_GT(hz, 1.0);
-    EXPECT_LE(hz, 50.0);
-}
-
 TEST_F(HostTest, APausedEventIsOnlyCountedAsAWakeUpAndPublished) {
     ASSERT_NE(0u, h.shm.SysMem(os::current_process_id(), 8192));
     CountingIsr isr;
@@ -130,16 +121,6 @@ TEST_F(OrderTest, LowerPrioritiesRunFirstAndEqualOnesInSlotOrder) {
     EXPECT_EQ((std::vector<std::uint32_t>{sa, sb, sc}), LastEventOrder());
 }
 
-TEST_F(OrderTest, APriorityChangeWaitsForTheNextEventThatIsNotPaused) {
-    Fire();
-    h.dispatcher.PauseISR(true);
-    SetPriority(sb, 0);
-    Fire();
-    h.dispatcher.PauseISR(false);
-    Fire();
-    EXPECT_EQ((std::vector<std::uint32_t>{sb, sa, sc}), LastEventOrder());
-}
-
 TEST_F(OrderTest, TheDriverAndSlotsWithoutEntryAreNeverDispatched) {
     h.slots[sb].kind.store(kKindIrq);
     h.dispatcher.InvalidateDispatchOrder();
@@ -172,13 +153,6 @@ TEST_F(OrderTest, AnISRMayBlockALaterOneWithinTheSameEvent) {
     EXPECT_FALSE(log.ContainsSubstr("BlockISR timeout"));
 }
 
-TEST_F(OrderTest, UnregisteringAnISRTakesItOutOfTheOrder) {
-    Fire();
-    h.registry.UnregisterCommand(sb);
-    Fire();
-    EXPECT_EQ((std::vector<std::uint32_t>{sa, sc}), LastEventOrder());
-}
-
 TEST_F(HostTest, AFaultingISRIsReportedEveryEventAndTheOthersStillRun) {
     TestModule faulting("faulting_isr");
     auto faultIn = faulting.Fn<void (*)(std::uint32_t)>("FaultingIsr_FaultIn");
@@ -202,24 +176,6 @@ TEST_F(HostTest, AFaultingISRIsReportedEveryEventAndTheOthersStillRun) {
     EXPECT_EQ(1u, h.slots[sf].inUse.load());
     EXPECT_EQ(3u, h.dispatcher.EventCounter());
     faultIn(0);
-}
-
-TEST_F(HostTest, TheBusyFlagMarksTheISRWhileItsInterruptRuns) {
-    CountingIsr isr;
-    const std::uint32_t slot = RegisterIsr(h, "counting_isr");
-    isr.SetInterruptSleepMs(200);
-    IrqThread irq;
-    irq.FireAsync(1);
-    bool sawBusy = false;
-    for (int i = 0; i < 1000 && !sawBusy; ++i) {
-        sawBusy = h.slots[slot].busy.load() == 1 && h.dispatcher.inDispatch.load() == 1;
-        if (!sawBusy) os::sleep_ms(1);
-    }
-    EXPECT_EQ(0u, irq.Wait());
-    EXPECT_TRUE(sawBusy);
-    EXPECT_EQ(0u, h.slots[slot].busy.load());
-    EXPECT_EQ(0u, h.dispatcher.inDispatch.load());
-    isr.SetInterruptSleepMs(0);
 }
 
 }  // namespace
