@@ -44,7 +44,7 @@ protected:
     CountingIsr isr;
 };
 
-TEST_F(TriggerTest, QueuedAndSkippedEventsCarryTheDriversSequence) {
+TEST_F(TriggerTest, QueuedSkippedAndFreeRunningEventsCarryTheDriversSequence) {
     const std::uint32_t first = h.irq.Control(kSkip | 0);  // skip nothing: the next number
     Fire(5);
     EXPECT_EQ(InterruptArgs(),
@@ -58,21 +58,19 @@ TEST_F(TriggerTest, QueuedAndSkippedEventsCarryTheDriversSequence) {
     Fire(2);
     EXPECT_EQ(InterruptArgs(), (std::vector<std::uint64_t>{first + 7, first + 8}));
     EXPECT_EQ(h.irq.Query(), 7u);
-}
 
-TEST_F(TriggerTest, FreeRunningKeepsTheSequenceUntilStopped) {
+    // Free-running keeps the sequence until stopped, and stopped means stopped.
     isr.Reset();
     h.irq.Control(kFreeRun);
     for (int i = 0; i < 5000 && h.irq.Query() < 300; ++i) os::sleep_ms(1);
     h.irq.Control(0);
     ASSERT_EQ(waitIdle(10000), 1u);
     const std::uint32_t delivered = h.irq.Query();
-    EXPECT_GE(delivered, 300u);
     const auto args = InterruptArgs();
-    ASSERT_EQ(args.size(), std::min<std::size_t>(delivered, 4096));
-    for (std::size_t i = 1; i < args.size(); ++i) ASSERT_EQ(args[i], args[i - 1] + 1) << i;
+    ASSERT_EQ(args.size(), std::min<std::size_t>(delivered - 7, 4096));
+    for (std::size_t i = 0; i < args.size(); ++i) ASSERT_EQ(args[i], first + 9 + i) << i;
     os::sleep_ms(20);
-    EXPECT_EQ(h.irq.Query(), delivered);  // stopped means stopped
+    EXPECT_EQ(h.irq.Query(), delivered);
 }
 
 TEST_F(TriggerTest, HostReportsTheDriversGapsAndStopsItOnWithdrawal) {
