@@ -59,18 +59,8 @@ std::uint64_t SharedMemory::SysMem(std::uint32_t pid, std::uint32_t size) {
         size_.store(size, std::memory_order_relaxed);
         view_.store(view, std::memory_order_release);
     }
-    AppendClientPid(pid);
+    AppendClientPid(h_, pid);
     return remote;
-}
-
-// Ten entries; once full, the last one is overwritten by every new client.
-void SharedMemory::AppendClientPid(std::uint32_t pid) {
-    Config& c = h_.config;
-    std::uint32_t n = c.clientCount.load(std::memory_order_relaxed);
-    if (n > 9) n = 9;
-    c.clientPids[n].store(pid, std::memory_order_relaxed);
-    ++n;
-    c.clientCount.store(n == 10 ? 9 : n, std::memory_order_relaxed);
 }
 
 void SharedMemory::ReleaseArea() {

@@ -40,7 +40,6 @@ public:
 
 private:
     void ReleaseLocked();
-    void AppendClientPid(std::uint32_t pid);
 
     Host& h_;
     os::Handle mapping_ = 0;  // written only under csecFuncs
