@@ -9,7 +9,8 @@
 //   A pass that fails once a stop was requested ends the thread without the
 //   "Pipe-Communication failed" line: a stop is not a communication fault.
 // - The pipe thread's 256 KiB request buffer is on its own stack (the
-//   platform's default thread stack, 1 MiB or more, holds it): nothing is
+//   default thread stack holds it: 2 MiB reserved for zor.exe, 8 MiB with
+//   glibc): nothing is
 //   allocated per request, and two threads that serve one record after a
 //   second connect never share a buffer.
 // - A frame whose length is below 12 or above 262,144 bytes is a failed pass

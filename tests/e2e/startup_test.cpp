@@ -21,6 +21,7 @@ TEST(Startup, LogsItsConfigurationAndEndsOnCommandFour) {
     EXPECT_EQ(CountOf(log, "SZINI: " + dir + "\\ZOR.INI\r\n"), 1u) << log;
     EXPECT_EQ(CountOf(log, "SZINIW: " + Narrow(zor.AppData()) + "\\ZOR\\ZOR.ini\r\n"), 1u) << log;
     EXPECT_EQ(CountOf(log, "SZEXE: " + dir + "\\\r\n"), 1u) << log;
+    EXPECT_EQ(CountOf(log, "lower integrity"), 0u);  // off by default
 
     // The per-user file's priority wins; the driver is the configured one.
     HWND line = GetDlgItem(zor.Window(), -1);
@@ -36,7 +37,9 @@ TEST(Startup, LogsItsConfigurationAndEndsOnCommandFour) {
 TEST(Startup, HiddenHostNeverShowsItsWindow) {
     ZorInstance::Options o;
     o.args = L"-hide";
+    o.ini += "ALLOWLOWINTEGRITY=1\r\n";
     ZorInstance zor(o);
+    EXPECT_TRUE(zor.WaitLog("ZOR: commands from lower integrity levels allowed\n\r"));
     ASSERT_NE(zor.Window(), nullptr);
     Sleep(300);  // past the modal loop's first idle, which shows dialogs
     EXPECT_FALSE(IsWindowVisible(zor.Window()));

@@ -12,6 +12,7 @@
 //   zor_client <hostPid> pipe <module number>
 //   zor_client <hostPid> pipe-hold <module number>   (then waits to be killed)
 //   zor_client <hostPid> hold                        (command 3, then waits)
+//   zor_client <hostPid> click <control id>          (a button of the dialog)
 #include <windows.h>
 
 #include <cstdint>
@@ -265,6 +266,12 @@ int main(int argc, char** argv) {
     if (op == "call5") return Call5(static_cast<std::uint32_t>(std::strtoul(arg(3), nullptr, 0)));
     if (op == "pipe" || op == "pipe-hold")
         return Pipe(static_cast<std::uint32_t>(std::strtoul(arg(3), nullptr, 0)), op == "pipe-hold");
+    if (op == "click") {
+        int id = static_cast<int>(std::strtol(arg(3), nullptr, 0));
+        Out("clicked", SendMessageW(g_host, WM_COMMAND, MAKEWPARAM(id, BN_CLICKED),
+                                    reinterpret_cast<LPARAM>(GetDlgItem(g_host, id))));
+        return 0;
+    }
     if (op == "hold") {
         ZorSysMemPayload p{GetCurrentProcessId(), 0x2000};
         Out("handle", SendStruct(ZOR_CMD_SYSMEM, p));
