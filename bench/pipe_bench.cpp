@@ -1,0 +1,117 @@
+// Client requests through the host, in one process: a pipe round trip
+// (length, request, module call, 4-byte answer) for small and 256 KiB
+// requests, and the command intake's cost for command 5 (bounds checks and
+// the private copy of the payload) against command 6 (no payload).
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "host/command_intake.h"
+#include "host/host.h"
+#include "os/os.h"
+
+namespace {
+
+std::uint32_t Module(std::uint32_t code, std::uintptr_t arg) {
+    return code == ZOR_FN_EXEC_REMOTE_FUNC ? *reinterpret_cast<const unsigned char*>(arg - 12 + 4) : 0;
+}
+
+double NowUs() {
+    return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+bool WriteAll(zor::os::Handle h, const void* p, std::uint32_t n) {
+    std::uint32_t done = 0;
+    return zor::os::pipe_write(h, p, n, &done) && done == n;
+}
+
+bool ReadAll(zor::os::Handle h, void* p, std::uint32_t n) {
+    auto* b = static_cast<unsigned char*>(p);
+    while (n) {
+        std::uint32_t done = 0;
+        if (!zor::os::pipe_read(h, b, n, &done) || !done) return false;
+        b += done;
+        n -= done;
+    }
+    return true;
+}
+
+void Report(const char* what, std::vector<double>& us) {
+    std::sort(us.begin(), us.end());
+    double sum = 0;
+    for (double v : us) sum += v;
+    std::printf("%-34s n=%6zu  avg %9.2f us  p50 %9.2f  p99 %9.2f  max %9.2f\n", what, us.size(),
+                sum / us.size(), us[us.size() / 2], us[us.size() * 99 / 100], us.back());
+}
+
+}  // namespace
+
+int main() {
+    zor::Logger log;
+    log.SetDebugOutput(false);
+    log.Start(u"");
+    auto host = std::make_unique<zor::Host>(log);
+    std::uint32_t slot = host->slots.Alloc();
+    zor::ModuleSlot& s = host->slots[slot];
+    s.kind = zor::kKindIsr;
+    s.number = slot;
+    s.entry = &Module;
+    s.inUse = 1;
+
+    zor::os::Handle reqRead, reqWrite, repRead, repWrite;
+    if (!zor::os::pipe_create(&reqRead, &reqWrite) || !zor::os::pipe_create(&repRead, &repWrite)) return 1;
+    std::uint32_t index = host->clients.RegisterClient(zor::os::current_process_id());
+    host->clients.ConnectClientPipe(index, reqRead, repWrite, zor::os::current_process_id());
+
+    for (std::uint32_t body : {0u, 64u, 4096u, ZOR_PIPE_BUFFER_SIZE - 12}) {
+        std::vector<unsigned char> frame(4 + 12 + body);
+        std::uint32_t length = 12 + body;
+        std::memcpy(frame.data(), &length, 4);
+        std::memcpy(frame.data() + 8, &slot, 4);
+        int rounds = body > 100000 ? 300 : 3000;
+        std::vector<double> us;
+        for (int i = 0; i < rounds; ++i) {
+            double t0 = NowUs();
+            std::uint32_t answer = 0;
+            if (!WriteAll(reqWrite, frame.data(), static_cast<std::uint32_t>(frame.size())) ||
+                !ReadAll(repRead, &answer, 4) || answer != slot)
+                return 2;
+            us.push_back(NowUs() - t0);
+        }
+        char what[64];
+        std::snprintf(what, sizeof what, "pipe round trip, L=%u", length);
+        Report(what, us);
+    }
+    host->clients.StopAll();
+
+    zor::DialogEnder none;
+    for (std::uint32_t body : {0u, 4096u, 65536u}) {
+        std::vector<unsigned char> req(12 + body);
+        std::memcpy(req.data() + 4, &slot, 4);
+        std::vector<double> us;
+        for (int i = 0; i < 20000; ++i) {
+            double t0 = NowUs();
+            if (zor::OnCopyData(*host, ZOR_CMD_MODULE_CALL, req.data(), static_cast<std::uint32_t>(req.size()),
+                                none) != slot)
+                return 3;
+            us.push_back(NowUs() - t0);
+        }
+        char what[64];
+        std::snprintf(what, sizeof what, "command 5, %u bytes", 12 + body);
+        Report(what, us);
+    }
+    std::vector<double> us;
+    for (int i = 0; i < 20000; ++i) {
+        double t0 = NowUs();
+        zor::OnCopyData(*host, ZOR_CMD_IRQ_QUERY, nullptr, 0, none);
+        us.push_back(NowUs() - t0);
+    }
+    Report("command 6, no driver", us);
+    host.reset();
+    log.End();
+    return 0;
+}
