@@ -28,7 +28,8 @@
 //
 // The file: Start(file) with a non-empty path; else ZOR_LOG_FILE when set
 // (empty: no file); else <per-user application-data folder>/ZOR/logs/
-// zor-<YYYYMMDD-HHMMSS>-<pid>.log (local time). Missing folders are created.
+// zor-<YYYYMMDD-HHMMSS>-<pid>.log (local time). Missing folders are created;
+// an existing file is replaced. '\\' and '/' both separate.
 //
 // Active pairs: ZOR_LOG_ACTIVE (read at Start) and SetActive take a comma
 // list, applied left to right:
