@@ -154,10 +154,10 @@ bool ApplyItem(const char* b, const char* e, bool first, ActiveSet& a) {
     return true;
 }
 
-bool ParseActive(const char* spec, ActiveSet& a) {
+bool ParseActive(const char* list, ActiveSet& a) {
     a.Fill(true);
-    if (!spec) return true;
-    const char* p = spec;
+    if (!list) return true;
+    const char* p = list;
     while (IsSpace(*p)) ++p;
     if (!*p) return true;
     bool first = true;
@@ -511,9 +511,9 @@ bool Logger::wPrintf_IsUserLevelActive(std::uint32_t level, std::uint32_t mask) 
     return impl_->running.load(std::memory_order_acquire) && impl_->IsActive(level, mask);
 }
 
-bool Logger::SetActive(const char* spec) {
+bool Logger::SetActive(const char* list) {
     ActiveSet a;
-    if (!ParseActive(spec, a)) return false;
+    if (!ParseActive(list, a)) return false;
     impl_->StoreActive(a);
     return true;
 }

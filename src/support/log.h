@@ -88,7 +88,7 @@ public:
     bool wPrintf_IsUserLevelActive(std::uint32_t level, std::uint32_t mask) const;
 
     // Same syntax as ZOR_LOG_ACTIVE; replaces the active set.
-    bool SetActive(const char* spec);
+    bool SetActive(const char* list);
     // Takes effect for the next entry written; when it returns the old sink
     // is no longer being called. A sink must not call Flush, End or SetSink.
     void SetSink(Sink sink, void* ctx);

@@ -64,7 +64,7 @@ struct Out {
 
 enum class Len { None, hh, h, l, ll, z, L };
 
-struct Spec {
+struct Conv {
     bool left = false, plus = false, space = false, alt = false, zero = false;
     int width = 0;
     int prec = -1;  // -1: none given
@@ -152,14 +152,14 @@ void pad(Out& o, int width, std::size_t len, char16_t c) {
 
 // How far a string needs measuring: past the room it is cut anyway, and
 // below the width the exact length decides the padding.
-std::size_t scan_limit(const Out& o, const Spec& sp) {
+std::size_t scan_limit(const Out& o, const Conv& sp) {
     std::size_t need = o.room() + 1;
     if (static_cast<std::size_t>(sp.width) > need) need = static_cast<std::size_t>(sp.width);
     if (sp.prec >= 0 && static_cast<std::size_t>(sp.prec) < need) need = static_cast<std::size_t>(sp.prec);
     return need;
 }
 
-void put_wide_str(Out& o, const Spec& sp, const char16_t* s) {
+void put_wide_str(Out& o, const Conv& sp, const char16_t* s) {
     if (!s) s = u"(null)";
     std::size_t len = 0;
     std::size_t max = scan_limit(o, sp);
@@ -169,7 +169,7 @@ void put_wide_str(Out& o, const Spec& sp, const char16_t* s) {
     if (sp.left) pad(o, sp.width, len, u' ');
 }
 
-void put_narrow_str(Out& o, const Spec& sp, const char* s) {
+void put_narrow_str(Out& o, const Conv& sp, const char* s) {
     if (!s) s = "(null)";
     std::size_t len = utf8_units(s, scan_limit(o, sp));
     if (!sp.left) pad(o, sp.width, len, u' ');
@@ -177,7 +177,7 @@ void put_narrow_str(Out& o, const Spec& sp, const char* s) {
     if (sp.left) pad(o, sp.width, len, u' ');
 }
 
-void put_char(Out& o, const Spec& sp, char16_t c) {
+void put_char(Out& o, const Conv& sp, char16_t c) {
     if (!sp.left) pad(o, sp.width, 1, u' ');
     o.put(c);
     if (sp.left) pad(o, sp.width, 1, u' ');
@@ -185,7 +185,7 @@ void put_char(Out& o, const Spec& sp, char16_t c) {
 
 // Integer conversions: sign or "0x" prefix, precision as minimum digits,
 // then width padding with spaces or (flag '0', no precision) zeros.
-void put_int(Out& o, const Spec& sp, std::uint64_t mag, bool neg, char conv) {
+void put_int(Out& o, const Conv& sp, std::uint64_t mag, bool neg, char conv) {
     char16_t digits[24];
     int nd = 0;
     const char* hex = conv == 'X' ? "0123456789ABCDEF" : "0123456789abcdef";
@@ -216,7 +216,7 @@ void put_int(Out& o, const Spec& sp, std::uint64_t mag, bool neg, char conv) {
     if (sp.left) pad(o, sp.width, body, u' ');
 }
 
-void put_pointer(Out& o, const Spec& sp, std::uintptr_t v) {
+void put_pointer(Out& o, const Conv& sp, std::uintptr_t v) {
     char16_t d[2 * sizeof(void*)];
     constexpr int nd = 2 * sizeof(void*);
     for (int i = nd - 1; i >= 0; --i, v >>= 4) d[i] = static_cast<char16_t>("0123456789ABCDEF"[v & 15]);
@@ -239,7 +239,7 @@ std::size_t trim_exponent(char* s, std::size_t n) {
     return n;
 }
 
-void put_float(Out& o, const Spec& sp, double v, char conv) {
+void put_float(Out& o, const Conv& sp, double v, char conv) {
     char f[16];
     int k = 0;
     f[k++] = '%';
@@ -307,7 +307,7 @@ std::size_t vwformat(char16_t* out, std::size_t cap, const char16_t* fmt, std::v
             continue;
         }
         const char16_t* start = f++;
-        Spec sp;
+        Conv sp;
         for (;; ++f) {
             if (*f == u'-') sp.left = true;
             else if (*f == u'+') sp.plus = true;

@@ -220,7 +220,7 @@ TEST(Log, ActivePairsSyntax) {
     Logger& log = t.log();
     auto on = [&](std::uint32_t l, std::uint32_t m) { return log.wPrintf_IsUserLevelActive(l, m); };
     struct Case {
-        const char* spec;
+        const char* list;
         bool l0m1, l2m6, l2m2, l2m100, l20m6;
     } cases[] = {
         {"", true, true, true, true, true},
@@ -238,12 +238,12 @@ TEST(Log, ActivePairsSyntax) {
         {"NONE,+0:1", true, false, false, false, false},
     };
     for (const auto& c : cases) {
-        ASSERT_TRUE(log.SetActive(c.spec)) << c.spec;
-        EXPECT_EQ(on(0, 1), c.l0m1) << c.spec;
-        EXPECT_EQ(on(2, 6), c.l2m6) << c.spec;
-        EXPECT_EQ(on(2, 2), c.l2m2) << c.spec;
-        EXPECT_EQ(on(2, 100), c.l2m100) << c.spec;
-        EXPECT_EQ(on(20, 6), c.l20m6) << c.spec;
+        ASSERT_TRUE(log.SetActive(c.list)) << c.list;
+        EXPECT_EQ(on(0, 1), c.l0m1) << c.list;
+        EXPECT_EQ(on(2, 6), c.l2m6) << c.list;
+        EXPECT_EQ(on(2, 2), c.l2m2) << c.list;
+        EXPECT_EQ(on(2, 100), c.l2m100) << c.list;
+        EXPECT_EQ(on(20, 6), c.l20m6) << c.list;
     }
     ASSERT_TRUE(log.SetActive("2:6"));
     for (const char* bad : {"2:64", "16:1", "2:", ":6", "x", "2:6,", ",", "2:6:1", "2;6", "-", "alll"}) {
