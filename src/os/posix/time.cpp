@@ -48,7 +48,12 @@ void sleep_ms(std::uint32_t ms) {
 
 const char* clock_name() { return "clock_gettime"; }
 
-std::uint32_t current_thread_id() { return static_cast<std::uint32_t>(syscall(SYS_gettid)); }
+// A system call per use is microseconds in some VMs and this runs on every
+// log line and event; a thread's id never changes, so ask once per thread.
+std::uint32_t current_thread_id() {
+    thread_local const std::uint32_t id = static_cast<std::uint32_t>(syscall(SYS_gettid));
+    return id;
+}
 
 std::uint32_t current_process_id() { return static_cast<std::uint32_t>(getpid()); }
 
