@@ -13,15 +13,17 @@
 // 2. A vectored handler, which runs before any frame is looked at, takes the
 //    machine faults that frame dispatch could not bring to our frame: in
 //    code without unwind information, on a stack of the module's own, and
-//    stack overflows (too little stack is left to walk). It leaves a fault
-//    to frame dispatch only when its own walk of the frames, done the way
-//    dispatch does it, arrives exactly at the guard and either passes a
-//    frame with an exception handler (the module's own __try, or any frame
-//    the language runtime would clean up) or starts inside a system library
-//    (they probe pointers under their own handlers: IsBadReadPtr). Under
+//    stack overflows (too little stack is left to walk). It walks the
+//    frames from the fault the way dispatch does and leaves the fault to
+//    dispatch when somebody below the guard may handle it and dispatch can
+//    get there: a frame with an exception handler (the module's own __try,
+//    or any frame the language runtime would clean up) on a walk that
+//    arrives exactly at the guard; or a fault inside a system library
+//    (they probe pointers under their own handlers: IsBadReadPtr), whose
+//    handler runs before dispatch meets any frame it cannot walk. Under
 //    Wine, system code also guards itself with handler records chained from
-//    the thread block; a record between the fault and the guard means the
-//    same. Taking such a fault would steal it from whoever handles it.
+//    the thread block; a record between the fault and the guard counts as
+//    such a handler. Taking those faults would steal them from their owners.
 //
 // Either way the thread resumes at zor_guard_recover with the stack pointer
 // at the guard's own frame; the module's frames in between are abandoned,
@@ -294,8 +296,12 @@ bool leave_to_frame_dispatch(const EXCEPTION_RECORD* rec, const CONTEXT* c, std:
     std::uint64_t chain = gs_read(0);
     if (chain > c->Rsp && chain < guard_rsp) return true;
     bool handled = false;
-    if (!walk_to_guard(c, guard_rsp, &handled)) return false;  // dispatch would not get through
-    return handled || in_system_library(rec->ExceptionAddress);
+    bool through = walk_to_guard(c, guard_rsp, &handled);
+    // A handler of a system library runs before dispatch gets to frames it
+    // cannot walk; one of the module's own (often a mere cleanup) may let
+    // the fault pass on and dispatch would then fail: take it now.
+    if (in_system_library(rec->ExceptionAddress)) return through || handled;
+    return through && handled;
 }
 
 // Where a fault happened: the faulting instruction, or for a call or jump
