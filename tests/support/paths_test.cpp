@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "common/scoped_env.h"
 #include "os/os.h"
 #include "support/paths.h"
 #include "support/wstr.h"
@@ -9,20 +10,7 @@
 namespace zor {
 namespace {
 
-class AppDataEnv {
-public:
-    explicit AppDataEnv(const char16_t* value) {
-        char16_t old[1024];
-        had_ = os::env_get("APPDATA", old, 1024);
-        if (had_) old_ = old;
-        os::env_set("APPDATA", value);
-    }
-    ~AppDataEnv() { os::env_set("APPDATA", had_ ? old_.c_str() : nullptr); }
-
-private:
-    bool had_;
-    std::u16string old_;
-};
+using AppDataEnv = test::ScopedEnv;
 
 std::u16string AppData() {
     char16_t dir[260];
@@ -61,7 +49,7 @@ TEST(Paths, FormatPathAddsTheSeparatorOnlyWhereMissingAndRoomy) {
 }
 
 TEST(Paths, ReplacePathExpandsTheUsersCompanyFolder) {
-    AppDataEnv env(u"/zor-appdata-test/Roaming");
+    AppDataEnv env("APPDATA", u"/zor-appdata-test/Roaming");
     std::u16string base = AppData();
     ASSERT_NE(base.find(u"zor-appdata-test"), std::u16string::npos);
 
@@ -80,7 +68,7 @@ TEST(Paths, ReplacePathExpandsTheUsersCompanyFolder) {
 }
 
 TEST(Paths, ReplacePathWithAShortFolderMovesTheRestLeft) {
-    AppDataEnv env(u"/a");
+    AppDataEnv env("APPDATA", u"/a");
     std::u16string base = AppData();
     ASSERT_LT(base.size() + 5, std::u16string(u"?{UserCompanyAppData}").size());
     char16_t p[260] = u"?{UserCompanyAppData}sub\\file.ini";

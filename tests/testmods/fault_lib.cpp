@@ -80,6 +80,15 @@ fault_lib_clobber_asm:
     movl %eax, (%rax)
     ret
 
+# Sets bit `bit` of eax unless register `reg` still holds `value`.
+.macro kept_check reg, value, bit
+    movabsq $\value, %rcx
+    cmpq %rcx, %\reg
+    je 1f
+    orl $\bit, %eax
+1:
+.endm
+
 # Loads known values into the callee-kept registers, calls the function in
 # rcx and returns a bit per register whose value did not survive.
 fault_lib_preserved_asm:
@@ -99,31 +108,13 @@ fault_lib_preserved_asm:
     movabsq $0x6666666666666666, %r15
     call *%rax
     xorl %eax, %eax
-    movabsq $0x1111111111111111, %rcx
-    cmpq %rcx, %rbx
-    je 1f
-    orl $1, %eax
-1:  movabsq $0x2222222222222222, %rcx
-    cmpq %rcx, %rbp
-    je 1f
-    orl $2, %eax
-1:  movabsq $0x3333333333333333, %rcx
-    cmpq %rcx, %r12
-    je 1f
-    orl $4, %eax
-1:  movabsq $0x4444444444444444, %rcx
-    cmpq %rcx, %r13
-    je 1f
-    orl $8, %eax
-1:  movabsq $0x5555555555555555, %rcx
-    cmpq %rcx, %r14
-    je 1f
-    orl $16, %eax
-1:  movabsq $0x6666666666666666, %rcx
-    cmpq %rcx, %r15
-    je 1f
-    orl $32, %eax
-1:  addq $40, %rsp
+    kept_check rbx, 0x1111111111111111, 1
+    kept_check rbp, 0x2222222222222222, 2
+    kept_check r12, 0x3333333333333333, 4
+    kept_check r13, 0x4444444444444444, 8
+    kept_check r14, 0x5555555555555555, 16
+    kept_check r15, 0x6666666666666666, 32
+    addq $40, %rsp
     popq %r15
     popq %r14
     popq %r13

@@ -7,11 +7,6 @@
 
 ZOR_EXPORT std::uint32_t os_probe_add(std::uint32_t a, std::uint32_t b) { return a + b; }
 
-// An address inside this module's code.
-ZOR_EXPORT const void* os_probe_code_address() {
-    return reinterpret_cast<const void*>(&os_probe_add);
-}
-
 // Writes through the pointer it is given (null to fault here).
 ZOR_EXPORT void os_probe_write(volatile std::uint32_t* p) { *p = 0x2A; }
 
