@@ -73,16 +73,9 @@ asm(R"(
 seh_lib_clobber_asm:
     movabsq $0x0bad0bad0bad0b11, %rsi
     movabsq $0x0bad0bad0bad0b12, %rdi
-    pcmpeqd %xmm6, %xmm6
-    pcmpeqd %xmm7, %xmm7
-    pcmpeqd %xmm8, %xmm8
-    pcmpeqd %xmm9, %xmm9
-    pcmpeqd %xmm10, %xmm10
-    pcmpeqd %xmm11, %xmm11
-    pcmpeqd %xmm12, %xmm12
-    pcmpeqd %xmm13, %xmm13
-    pcmpeqd %xmm14, %xmm14
-    pcmpeqd %xmm15, %xmm15
+    .irp n, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
+    pcmpeqd %xmm\n, %xmm\n
+    .endr
     pushq $0x7f80
     ldmxcsr (%rsp)
     movw $0x007f, (%rsp)
@@ -99,31 +92,18 @@ seh_lib_preserved_asm:
     pushq %rsi
     pushq %rdi
     subq $200, %rsp
-    movaps %xmm6, 32(%rsp)
-    movaps %xmm7, 48(%rsp)
-    movaps %xmm8, 64(%rsp)
-    movaps %xmm9, 80(%rsp)
-    movaps %xmm10, 96(%rsp)
-    movaps %xmm11, 112(%rsp)
-    movaps %xmm12, 128(%rsp)
-    movaps %xmm13, 144(%rsp)
-    movaps %xmm14, 160(%rsp)
-    movaps %xmm15, 176(%rsp)
+    .irp n, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
+    movaps %xmm\n, (32 + (\n - 6) * 16)(%rsp)
+    .endr
     stmxcsr 192(%rsp)
     fnstcw 196(%rsp)
     movq %rcx, %rax
     movabsq $0x7171717171717171, %rsi
     movabsq $0x7272727272727272, %rdi
     movdqa .Lseh_lib_pattern(%rip), %xmm6
-    movdqa %xmm6, %xmm7
-    movdqa %xmm6, %xmm8
-    movdqa %xmm6, %xmm9
-    movdqa %xmm6, %xmm10
-    movdqa %xmm6, %xmm11
-    movdqa %xmm6, %xmm12
-    movdqa %xmm6, %xmm13
-    movdqa %xmm6, %xmm14
-    movdqa %xmm6, %xmm15
+    .irp n, 7, 8, 9, 10, 11, 12, 13, 14, 15
+    movdqa %xmm6, %xmm\n
+    .endr
     call *%rax
     xorl %r8d, %r8d
     movabsq $0x7171717171717171, %rcx
@@ -161,16 +141,10 @@ seh_lib_preserved_asm:
     jz 1f
     orl $0x4000, %r8d
     cld
-1:  movaps 32(%rsp), %xmm6
-    movaps 48(%rsp), %xmm7
-    movaps 64(%rsp), %xmm8
-    movaps 80(%rsp), %xmm9
-    movaps 96(%rsp), %xmm10
-    movaps 112(%rsp), %xmm11
-    movaps 128(%rsp), %xmm12
-    movaps 144(%rsp), %xmm13
-    movaps 160(%rsp), %xmm14
-    movaps 176(%rsp), %xmm15
+1:
+    .irp n, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
+    movaps (32 + (\n - 6) * 16)(%rsp), %xmm\n
+    .endr
     ldmxcsr 192(%rsp)
     fldcw 196(%rsp)
     movl %r8d, %eax
