@@ -2,32 +2,24 @@
 // a missing entry, and thread contexts.
 #include <gtest/gtest.h>
 
-#include <string>
 #include <thread>
 #include <vector>
 
-#include "common/test_host.h"
+#include "dispatch/dispatch_util.h"
 #include "support/wformat.h"
 #include "support/wstr.h"
 
-namespace zor {
+namespace zor::test {
 namespace {
 
-using test::CountingIsr;
-using test::HostTest;
-using test::IrqThread;
-using test::ModuleFileName;
-using test::RegisterIsr;
-using test::TestModule;
-
-std::string Utf8(const std::u16string& s) { return std::string(s.begin(), s.end()); }
 std::string Pointer(std::uint64_t v) {
     char16_t buf[40];
     wformat(buf, 40, u"%p", reinterpret_cast<void*>(v));
     return Utf8(buf);
 }
 
-// A slot named "isr_a" whose calls are only reported, never made.
+// A slot named "isr_a" whose calls are only reported, never made; the test
+// thread is the dispatch thread.
 class ReportTest : public HostTest {
 protected:
     ReportTest() {
@@ -35,7 +27,6 @@ protected:
         wcopy(h.slots[slot].name, 20, u"isr_a");
         h.slots[slot].inUse.store(1);
         h.slots[slot].kind.store(kKindIsr);
-        // The test thread becomes the dispatch thread.
         h.dispatcher.OnInterrupt(1);
         log.Clear();
     }
@@ -43,34 +34,27 @@ protected:
     std::uint32_t slot = 0;
 };
 
-TEST_F(ReportTest, OnlyCallsAbove2MsOnTheDispatchThreadAreLogged) {
+TEST_F(ReportTest, CallsAbove2MsAreLoggedOnTheDispatchThreadAsEachCodeShowsIt) {
     h.caller.ReportCall(slot, 2.0, ZOR_FN_INTERRUPT, 0x14, 0);
     EXPECT_TRUE(log.Lines().empty());
     h.caller.ReportCall(slot, 2.01, ZOR_FN_INTERRUPT, 0x14, 0);
-    EXPECT_EQ(std::vector<std::string>{"ZOR: isr_a: Interrupt(" + Pointer(0x14) + ") used 2.01 ms\n\r"},
-              log.LinesOf(0, 1));
-
-    log.Clear();
     std::thread other([&] { h.caller.ReportCall(slot, 50.0, ZOR_FN_INTERRUPT, 0x14, 0); });
-    other.join();
-    EXPECT_TRUE(log.Lines().empty());
-    // Counted wherever they were made.
+    other.join();  // counted, never logged
     EXPECT_EQ(3u, h.slots[slot].interruptStat.Count());
     EXPECT_DOUBLE_EQ(50.0, h.slots[slot].interruptStat.Max());
-}
 
-TEST_F(ReportTest, TheLineShowsTheArgumentAsEachCodeDefinesIt) {
     std::uint32_t block[] = {0x33, 8, 0xa, 0xb, 0xc};  // func, 8 bytes = two words, a spare word
-    h.caller.ReportCall(slot, 3.0, ZOR_FN_EXEC_ISR_FUNC, reinterpret_cast<std::uintptr_t>(block),
-                        Caller::kFlagTdl);
+    const auto b = reinterpret_cast<std::uintptr_t>(block);
+    h.caller.ReportCall(slot, 3.0, ZOR_FN_EXEC_ISR_FUNC, b, Caller::kFlagTdl);
     block[1] = 3;  // less than a word: no argument words
-    h.caller.ReportCall(slot, 3.0, ZOR_FN_EXEC_REMOTE_FUNC, reinterpret_cast<std::uintptr_t>(block), 0);
+    h.caller.ReportCall(slot, 3.0, ZOR_FN_EXEC_REMOTE_FUNC, b, 0);
     h.caller.ReportCall(slot, 3.0, ZOR_FN_EXEC_ISR_FUNC, 0, 0);
     h.caller.ReportCall(slot, 3.0, ZOR_FN_SHUTDOWN, 0, 0);
     h.caller.ReportCall(slot, 3.0, 21, 0x99, 0);
     h.caller.ReportCall(slot, 3.0, 22, 0x99, Caller::kFlagTdl);
     h.caller.ReportCall(slot, 3.0, 10, 0x99, 0);
     EXPECT_EQ((std::vector<std::string>{
+                  "ZOR: isr_a: Interrupt(" + Pointer(0x14) + ") used 2.01 ms\n\r",
                   "ZOR: isr_a: ExecISRFunc(Func=0x33,0xa,0xb) used 3.00 ms (TDL)\n\r",
                   "ZOR: isr_a: ExecRemoteFunc(Func=0x33) used 3.00 ms\n\r",
                   "ZOR: isr_a: ExecISRFunc() used 3.00 ms\n\r",
@@ -80,54 +64,24 @@ TEST_F(ReportTest, TheLineShowsTheArgumentAsEachCodeDefinesIt) {
                   "ZOR: isr_a: ?? (10)() used 3.00 ms\n\r",
               }),
               log.LinesOf(0, 1));
-    // Only Interrupt and ExecISRFunc are counted.
-    EXPECT_EQ(2u, h.slots[slot].execStat.Count());
-    EXPECT_EQ(0u, h.slots[slot].interruptStat.Count());
+    EXPECT_EQ(2u, h.slots[slot].execStat.Count());  // only Interrupt and ExecISRFunc count
 }
 
 TEST_F(ReportTest, AnAnnouncedArgumentCountIsNotTrustedAndTheLineKeepsItsEnd) {
-    // Exactly the words of the largest packet are there; the block claims more.
     std::vector<std::uint32_t> block(2 + Caller::kMaxLoggedWords, 0xFFFFFFFF);
     block[0] = 1;
-    block[1] = 0xFFFFFFF0;
+    block[1] = 0xFFFFFFF0;  // claims far more words than there are
     h.caller.ReportCall(slot, 3.0, ZOR_FN_EXEC_ISR_FUNC, reinterpret_cast<std::uintptr_t>(block.data()), 0);
     const auto lines = log.LinesOf(0, 1);
     ASSERT_EQ(1u, lines.size());
-    const std::string& line = lines[0];
-    EXPECT_EQ(0u, line.find("ZOR: isr_a: ExecISRFunc(Func=0x1,0xffffffff,"));
+    EXPECT_EQ(0u, lines[0].find("ZOR: isr_a: ExecISRFunc(Func=0x1,0xffffffff,"));
     const std::string end = ",0xffffffff) used 3.00 ms\n\r";
-    ASSERT_GE(line.size(), end.size());
-    EXPECT_EQ(end, line.substr(line.size() - end.size()));
-    EXPECT_LT(line.size(), Logger::kMaxLineUnits);
+    ASSERT_GE(lines[0].size(), end.size());
+    EXPECT_EQ(end, lines[0].substr(lines[0].size() - end.size()));
+    EXPECT_LT(lines[0].size(), Logger::kMaxLineUnits);
 }
 
-// ------------------------------------------------------------ real calls
-
-TEST_F(HostTest, ASlowCallIsLoggedOnlyOnTheDispatchThreadAndCountedEverywhere) {
-    TestModule slow("slow_isr");
-    auto set = slow.Fn<void (*)(std::uint32_t, std::uint32_t)>("SlowIsr_Set");
-    set(ZOR_FN_INTERRUPT, 0);
-    const std::uint32_t slot = RegisterIsr(h, "slow_isr");
-    ASSERT_NE(0u, slot);
-    IrqThread irq;
-    irq.Fire(1);  // the IRQ thread becomes the dispatch thread
-    h.slots[slot].interruptStat.Reset();
-    log.Clear();
-    set(ZOR_FN_INTERRUPT, 3000);
-
-    h.caller.CallModule(slot, ZOR_FN_INTERRUPT, 5);
-    EXPECT_TRUE(log.LinesOf(0, 1).empty());
-    irq.Run([&] { h.caller.CallModule(slot, ZOR_FN_INTERRUPT, 5); });
-    const auto lines = log.LinesOf(0, 1);
-    ASSERT_EQ(1u, lines.size());
-    EXPECT_EQ(0u, lines[0].find("ZOR: " + Utf8(ModuleFileName("slow_isr")) + ": Interrupt(" +
-                                Pointer(5) + ") used "));
-    EXPECT_EQ(2u, h.slots[slot].interruptStat.Count());
-    EXPECT_GE(h.slots[slot].interruptStat.Min(), 3.0);
-    set(ZOR_FN_INTERRUPT, 0);
-}
-
-TEST_F(HostTest, AFaultInsideAModuleIsReportedWithItsFileAndTheCallerGoesOn) {
+TEST_F(HostTest, FaultsAreReportedWithTheirFileAndTheCallerGoesOn) {
     TestModule faulting("faulting_isr");
     auto faultIn = faulting.Fn<void (*)(std::uint32_t)>("FaultingIsr_FaultIn");
     auto calls = faulting.Fn<std::uint32_t (*)()>("FaultingIsr_Calls");
@@ -137,66 +91,50 @@ TEST_F(HostTest, AFaultInsideAModuleIsReportedWithItsFileAndTheCallerGoesOn) {
     faultIn(ZOR_FN_EXEC_ISR_FUNC);
     const std::uint32_t before = calls();
     const std::string file = Utf8(ModuleFileName("faulting_isr"));
-
     std::uint32_t block[2] = {1, 0};
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < 3; ++i)
         EXPECT_EQ(0u, h.caller.CallModule(slot, ZOR_FN_EXEC_ISR_FUNC,
                                           reinterpret_cast<std::uintptr_t>(block), 0, 42));
-    }
     EXPECT_EQ(before + 3, calls());
-    EXPECT_EQ(3u, log.Count("ZOR: ISR '" + file + "' caused exception in '" + file + "'!\n\r"));
+    EXPECT_EQ(3u, log.Count(FaultLine(file, file)));
     EXPECT_EQ(std::u16string(ModuleFileName("faulting_isr")), h.caller.FaultModuleName());
     EXPECT_EQ(0u, h.slots[slot].execStat.Count());
-    // The context of the faulting call is gone too.
-    log.Clear();
-    EXPECT_EQ(0u, h.caller.GetThreadContext(os::current_thread_id()));
-    EXPECT_EQ(1u, log.LinesOf(2, 0).size());
+    EXPECT_EQ(0u, h.caller.GetThreadContext(os::current_thread_id()));  // gone with the call
     faultIn(0);
-}
 
-TEST_F(HostTest, ASlotWithoutEntryIsReportedLikeACallThroughNull) {
-    const std::uint32_t slot = h.slots.Alloc();
-    wcopy(h.slots[slot].name, 20, u"broken.irq");
-    EXPECT_EQ(0u, h.caller.CallModule(slot, ZOR_FN_SHUTDOWN, 0));
-    // The fault returns into the host, so the host's own file is named.
+    // A slot without entry: the fault returns into the host, which is named.
+    const std::uint32_t broken = h.slots.Alloc();
+    wcopy(h.slots[broken].name, 20, u"broken.irq");
+    EXPECT_EQ(0u, h.caller.CallModule(broken, ZOR_FN_SHUTDOWN, 0));
     char16_t self[260];
     ModuleNameOfAddress(reinterpret_cast<const void*>(&OnInterrupt), self, 260);
     EXPECT_NE(u"unknown", std::u16string(self));
-    EXPECT_TRUE(log.Contains("ZOR: ISR 'broken.irq' caused exception in '" + Utf8(self) + "'!\n\r"));
-    EXPECT_EQ(0u, h.slots[slot].interruptStat.Count() + h.slots[slot].execStat.Count());
+    EXPECT_TRUE(log.Contains(FaultLine("broken.irq", Utf8(self))));
 }
 
-// ------------------------------------------------------------ thread contexts
-
-TEST_F(HostTest, TheCalledModuleSeesTheContextOfItsCallOnlyDuringTheCall) {
+TEST_F(HostTest, ThreadContextsNestAndLiveOnlyDuringTheCall) {
     CountingIsr isr;
     const std::uint32_t slot = RegisterIsr(h, "counting_isr");
     isr.CallServiceOn(ZOR_FN_EXEC_REMOTE_FUNC, SERV_GetCallContext, 0);
     std::uint32_t body[3] = {0, 0, 0};
     h.caller.CallModule(slot, ZOR_FN_EXEC_REMOTE_FUNC, reinterpret_cast<std::uintptr_t>(body), 0, 4711);
     EXPECT_EQ(4711, isr.ServiceResult());
-    log.Clear();
-    EXPECT_EQ(0u, h.caller.GetThreadContext(os::current_thread_id()));
-    char expected[80];
-    std::snprintf(expected, sizeof expected, "ZOR: context for thread %x not found!\n",
-                  os::current_thread_id());
-    EXPECT_TRUE(log.Contains(expected));
-}
-
-TEST_F(HostTest, NestedContextsOnOneThreadAnswerTheLowestEntry) {
     const std::uint32_t me = os::current_thread_id();
+    log.Clear();
+    EXPECT_EQ(0u, h.caller.GetThreadContext(me));
+    char expected[80];
+    std::snprintf(expected, sizeof expected, "ZOR: context for thread %x not found!\n", me);
+    EXPECT_TRUE(log.Contains(expected));
+
     h.caller.AddThreadContext(me, 1);
     h.caller.AddThreadContext(me, 2);
-    EXPECT_EQ(1u, h.caller.GetThreadContext(me));
+    EXPECT_EQ(1u, h.caller.GetThreadContext(me));  // the lowest entry answers
     h.caller.RemoveThreadContext(me);
     EXPECT_EQ(2u, h.caller.GetThreadContext(me));
     h.caller.RemoveThreadContext(me);
 
     // Ten entries; the eleventh call goes ahead without one.
     for (std::uint32_t i = 0; i < Caller::kThreadContexts; ++i) h.caller.AddThreadContext(1000 + i, i + 1);
-    log.Clear();
-    CountingIsr isr;
-    const std::uint32_t slot = RegisterIsr(h, "counting_isr");
     isr.Reset();
     h.caller.CallModule(slot, ZOR_FN_EXEC_REMOTE_FUNC, 0, 0, 99);
     EXPECT_EQ(1u, isr.CountOf(ZOR_FN_EXEC_REMOTE_FUNC));
@@ -206,4 +144,4 @@ TEST_F(HostTest, NestedContextsOnOneThreadAnswerTheLowestEntry) {
 }
 
 }  // namespace
-}  // namespace zor
+}  // namespace zor::test

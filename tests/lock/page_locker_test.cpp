@@ -5,21 +5,11 @@
 #include <string>
 
 #include "common/test_host.h"
-#include "common/test_log.h"
 #include "lock/page_locker.h"
 #include "support/wformat.h"
 
 namespace zor {
 namespace {
-
-using test::TestLog;
-using test::TestModule;
-
-std::string Hex(std::uint64_t v) {
-    char buf[32];
-    std::snprintf(buf, sizeof buf, "%x", static_cast<unsigned>(v));
-    return buf;
-}
 
 std::string Utf8(const char16_t* s) {
     char buf[1024];
@@ -29,55 +19,46 @@ std::string Utf8(const char16_t* s) {
 
 class PageLockerTest : public ::testing::Test {
 protected:
-    TestLog log;
+    test::TestLog log;
     LockedNames names;
 };
 
-TEST_F(PageLockerTest, RangesAreKeptByBaseInOrderAndRemovedFirstMatchFirst) {
+TEST_F(PageLockerTest, RangesAreKeptInOrderAndRemovedFirstMatchFirst) {
     PageLocker locker(log.log(), names);
     EXPECT_EQ(0u, locker.UnlockRange(0x1000));
     EXPECT_TRUE(log.Contains("PageLocker: no entries\n\r"));
-
     EXPECT_EQ(1u, locker.LockRange(0x1000, 16));
-    EXPECT_EQ(1u, locker.LockRange(0x2000, 16));
-    EXPECT_EQ(1u, locker.LockRange(0x1000, 99));  // the same base again: a second entry
-    ASSERT_EQ(3u, locker.Count());
-
+    EXPECT_EQ(1u, locker.LockRange(0x7f0012345000ull, 16));  // full 64-bit bases
+    EXPECT_EQ(1u, locker.LockRange(0x1000, 99));             // the same base again: a second entry
     EXPECT_EQ(0u, locker.UnlockRange(0x3000));
     EXPECT_TRUE(log.Contains("PageLocker: unlocking failed! (list seek error)\n\r"));
-    EXPECT_EQ(3u, locker.Count());
-
     EXPECT_EQ(1u, locker.UnlockRange(0x1000));  // removes only the first
     ASSERT_EQ(2u, locker.Count());
-    EXPECT_EQ(0x2000u, locker.Base(0));
+    EXPECT_EQ(0x7f0012345000ull, locker.Base(0));
     EXPECT_EQ(0x1000u, locker.Base(1));
-
-    // Full 64-bit bases are kept for ranges.
-    EXPECT_EQ(1u, locker.LockRange(0x7f0012345000ull, 1));
-    EXPECT_EQ(0x7f0012345000ull, locker.Base(2));
-    EXPECT_EQ(1u, locker.UnlockRange(0x7f0012345000ull));
     locker.UnlockRange(0x1000);
-    locker.UnlockRange(0x2000);
+    locker.UnlockRange(0x7f0012345000ull);
 }
 
-TEST_F(PageLockerTest, The501stLockOverflowsAndLeavesTheFirst500Alone) {
+TEST_F(PageLockerTest, The501stLockOverflowsLeavingTheFirst500AndAModulesName) {
+    test::TestModule mod("counting_isr");
+    const void* fn = reinterpret_cast<const void*>(mod.Fn<void (*)()>("ISR_GetSet"));
     PageLocker locker(log.log(), names);
     for (std::uint64_t i = 0; i < 500; ++i) ASSERT_EQ(1u, locker.LockRange(0x10000 + i * 16, 16));
     log.Clear();
     EXPECT_EQ(0u, locker.LockRange(0xdead0000, 16));
-    EXPECT_EQ(std::vector<std::string>{"PageLocker: locking failed! (list overflow)\n\r"},
-              log.LinesOf(2, 6));
+    EXPECT_EQ(0u, locker.LockModule(fn));
+    EXPECT_EQ(2u, log.Count("PageLocker: locking failed! (list overflow)\n\r"));
     ASSERT_EQ(500u, locker.Count());
     for (std::uint32_t i = 0; i < 500; ++i) ASSERT_EQ(0x10000 + i * 16ull, locker.Base(i));
+    EXPECT_NE(0u, names.Find(mod.FileName()));
     for (std::uint64_t i = 0; i < 500; ++i) locker.UnlockRange(0x10000 + i * 16);
 }
 
 TEST_F(PageLockerTest, DestructionReleasesForgottenEntriesTwoPerPassNamingFirstAndThird) {
     {
         PageLocker locker(log.log(), names);
-        locker.LockRange(0xa000, 1);
-        locker.LockRange(0xb000, 1);
-        locker.LockRange(0xc000, 1);
+        for (std::uint64_t base : {0xa000, 0xb000, 0xc000}) locker.LockRange(base, 1);
         log.Clear();
     }
     EXPECT_EQ((std::vector<std::string>{"PageLocker: unlock forgotten memory! Base=a000\n\r",
@@ -85,47 +66,37 @@ TEST_F(PageLockerTest, DestructionReleasesForgottenEntriesTwoPerPassNamingFirstA
               log.Lines());
 }
 
-TEST_F(PageLockerTest, NameTableMatchesFilePartsIgnoringCaseAndRefusesNamesThatDoNotFit) {
-    const char16_t* name29 = u"abcdefghijklmnopqrstuvwxy.dll";  // 29 units
+TEST_F(PageLockerTest, NameTableMatchesFilePartsIgnoringCaseAndRefusesWhatDoesNotFit) {
+    const char16_t* name29 = u"abcdefghijklmnopqrstuvwxy.dll";
     const char16_t* name30 = u"abcdefghijklmnopqrstuvwxyz.dll";
     EXPECT_TRUE(names.Add(log.log(), (std::u16string(u"C:\\mods\\") + name29).c_str()));
     EXPECT_EQ(1u, names.Find(u"/other/dir/ABCDEFGHIJKLMNOPQRSTUVWXY.DLL"));
     EXPECT_EQ(std::u16string(name29), names.Slot(1));
-
     EXPECT_FALSE(names.Add(log.log(), (std::u16string(u"C:\\mods\\") + name30).c_str()));
     EXPECT_TRUE(log.ContainsSubstr("PageLocker: module name too long"));
     EXPECT_EQ(0u, names.Find(name30));
-    EXPECT_EQ(0, names.Slot(2)[0]);
-
-    // Removing an unknown name disturbs nothing; removing frees the slot for reuse.
-    names.Remove(u"unknown.dll");
-    EXPECT_EQ(1u, names.Find(name29));
+    names.Remove(u"unknown.dll");  // disturbs nothing
     names.Remove(name29);
     EXPECT_EQ(0u, names.Find(name29));
-    EXPECT_TRUE(names.Add(log.log(), u"next.dll"));
-    EXPECT_EQ(1u, names.Find(u"next.dll"));
-}
-
-TEST_F(PageLockerTest, AFullNameTableDropsFurtherNamesSilently) {
+    // 99 names fit; the 100th is dropped silently.
+    log.Clear();
     for (int i = 1; i <= 100; ++i) {
         char16_t name[16];
         wformat(name, 16, u"m%d.dll", i);
         ASSERT_TRUE(names.Add(log.log(), name));
     }
+    EXPECT_EQ(1u, names.Find(u"m1.dll"));  // the freed slot is reused
     EXPECT_EQ(99u, names.Find(u"m99.dll"));
     EXPECT_EQ(0u, names.Find(u"m100.dll"));
     EXPECT_TRUE(log.Lines().empty());
 }
 
 TEST_F(PageLockerTest, ModuleLockRecordsTheImageRangeAndNameUntilUnlocked) {
-    TestModule mod("counting_isr");
-    ASSERT_TRUE(mod.Loaded());
+    test::TestModule mod("counting_isr");
     const void* fn = reinterpret_cast<const void*>(mod.Fn<void (*)()>("ISR_GetSet"));
     ASSERT_NE(nullptr, fn);
-
     std::uint32_t base = 0, length = 0;
     ASSERT_TRUE(PageLocker::GetModuleRange(fn, &base, &length));
-    // The range holds the address, in 32-bit arithmetic.
     EXPECT_LT(static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(fn)) - base, length);
 
     PageLocker locker(log.log(), names);
@@ -133,71 +104,48 @@ TEST_F(PageLockerTest, ModuleLockRecordsTheImageRangeAndNameUntilUnlocked) {
     ASSERT_EQ(1u, locker.Count());
     EXPECT_EQ(std::uint64_t{base}, locker.Base(0));
     EXPECT_NE(0u, names.Find(mod.FileName()));
+    char tail[64];
+    std::snprintf(tail, sizeof tail, "': Base=%x, Len=%u\n\r", base, length);
     const auto lines = log.LinesOf(2, 6);
     ASSERT_EQ(1u, lines.size());
     EXPECT_EQ(0u, lines[0].find("PageLocker: lock '"));
-    EXPECT_NE(std::string::npos, lines[0].find(Utf8(mod.FileName()) + "': Base=" + Hex(base) +
-                                               ", Len=" + std::to_string(length) + "\n\r"));
-
+    EXPECT_NE(std::string::npos, lines[0].find(Utf8(mod.FileName()) + tail));
     EXPECT_EQ(1u, locker.UnlockModule(fn));
     EXPECT_EQ(0u, locker.Count());
     EXPECT_EQ(0u, names.Find(mod.FileName()));
     EXPECT_TRUE(log.ContainsSubstr("PageLocker: unlock '"));
-}
-
-TEST_F(PageLockerTest, TheNameStaysWhenTheListIsFull) {
-    TestModule mod("counting_isr");
-    const void* fn = reinterpret_cast<const void*>(mod.Fn<void (*)()>("ISR_GetSet"));
-    PageLocker locker(log.log(), names);
-    for (std::uint64_t i = 0; i < 500; ++i) locker.LockRange(i + 1, 1);
-    EXPECT_EQ(0u, locker.LockModule(fn));
-    EXPECT_TRUE(log.Contains("PageLocker: locking failed! (list overflow)\n\r"));
-    EXPECT_NE(0u, names.Find(mod.FileName()));
-    for (std::uint64_t i = 0; i < 500; ++i) locker.UnlockRange(i + 1);
-}
-
-TEST_F(PageLockerTest, AnAddressOutsideAnyModuleFailsTheWalk) {
-    PageLocker locker(log.log(), names);
+    // An address outside any module fails the walk.
     EXPECT_EQ(0u, locker.LockModule(nullptr));
     EXPECT_EQ(0u, locker.UnlockModule(nullptr));
     EXPECT_EQ(2u, log.Count("PageLocker: failed to get module memory range!\n\r"));
-    EXPECT_EQ(0u, locker.Count());
 }
 
 TEST_F(PageLockerTest, ReportListsLockedNamesAndEveryOtherLoadedModule) {
-    TestModule locked("counting_isr");
-    TestModule unlocked("counting_isr_b");
+    test::TestModule locked("counting_isr"), unlocked("counting_isr_b");
+    const void* fn = reinterpret_cast<const void*>(locked.Fn<void (*)()>("ISR_GetSet"));
     PageLocker locker(log.log(), names);
-    ASSERT_EQ(1u, locker.LockModule(reinterpret_cast<const void*>(locked.Fn<void (*)()>("ISR_GetSet"))));
+    ASSERT_EQ(1u, locker.LockModule(fn));
     log.Clear();
-
     ReportLockedModules(log.log(), names);
     const auto lines = log.Lines();
-    const std::string head = "ZOR: ############### LOCKED DLLs #####################################################\n";
-    const std::string mid = "ZOR: ########### NON LOCKED DLLs (DLLs used in ISR should be locked!) ################\n";
-    const std::string tail = "ZOR: #################################################################################\n";
     ASSERT_GE(lines.size(), 4u);
-    EXPECT_EQ(head, lines[0]);
+    EXPECT_EQ("ZOR: ############### LOCKED DLLs #####################################################\n", lines[0]);
     EXPECT_EQ(Utf8(locked.FileName()) + "\n", lines[1]);
-    EXPECT_EQ(mid, lines[2]);
-    EXPECT_EQ(tail, lines.back());
-
-    // The NON LOCKED part names full paths: the unlocked test module is among
-    // them, the locked one is not.
-    const std::string lockedName = "\\" + Utf8(locked.FileName()) + "\n";
-    const std::string unlockedName = "\\" + Utf8(unlocked.FileName()) + "\n";
-    auto endsWith = [](const std::string& s, const std::string& e) {
-        std::string t = s;
-        for (char& c : t) if (c == '/') c = '\\';
-        return t.size() >= e.size() && t.compare(t.size() - e.size(), e.size(), e) == 0;
+    EXPECT_EQ("ZOR: ########### NON LOCKED DLLs (DLLs used in ISR should be locked!) ################\n", lines[2]);
+    EXPECT_EQ("ZOR: #################################################################################\n", lines.back());
+    // The NON LOCKED part names full paths: the unlocked module, not the locked one.
+    auto endsWith = [](std::string s, const char16_t* name) {
+        for (char& c : s) if (c == '/') c = '\\';
+        const std::string e = "\\" + Utf8(name) + "\n";
+        return s.size() >= e.size() && s.compare(s.size() - e.size(), e.size(), e) == 0;
     };
     bool sawUnlocked = false;
     for (std::size_t i = 3; i + 1 < lines.size(); ++i) {
-        EXPECT_FALSE(endsWith(lines[i], lockedName)) << lines[i];
-        sawUnlocked |= endsWith(lines[i], unlockedName);
+        EXPECT_FALSE(endsWith(lines[i], locked.FileName())) << lines[i];
+        sawUnlocked |= endsWith(lines[i], unlocked.FileName());
     }
     EXPECT_TRUE(sawUnlocked);
-    locker.UnlockModule(reinterpret_cast<const void*>(locked.Fn<void (*)()>("ISR_GetSet")));
+    locker.UnlockModule(fn);
 }
 
 }  // namespace
