@@ -1,40 +1,19 @@
-// Client pipes against the real host, and the liveness of recorded client
-// processes: AutoKill and the Cancel confirmation.
+// Client processes that die or linger: the pipe of a killed client, AutoKill
+// and the Cancel confirmation; and the Stats button.
 #include "e2e_support.h"
 
 namespace zor::e2e {
 namespace {
 
-std::uint64_t Hex(const std::string& s) { return std::strtoull(s.c_str(), nullptr, 16); }
-
-std::uint64_t RegisterEcho(ZorInstance& zor) {
-    auto reg = zor.Run(L"register remote_echo_isr.dll 0");
-    return Hex((*reg)["module"]);
-}
-
-TEST(ClientPipes, RequestsOfEverySizeThenStopAndRemove) {
-    ZorInstance zor{ZorInstance::Options{}};
-    std::uint64_t module = RegisterEcho(zor);
-    ASSERT_NE(module, 0u);
-    auto c = zor.Run(L"pipe " + std::to_wstring(module));
-    EXPECT_EQ((*c)["index"], "1") << c->Output();
-    EXPECT_EQ((*c)["connect"], "0");
-    EXPECT_EQ((*c)["answer12"], (*c)["expect12"]);
-    EXPECT_EQ((*c)["answerbig"], (*c)["expectbig"]);
-    EXPECT_EQ(Hex((*c)["answer0"]), 0xFFFFFFFFu);
-    EXPECT_EQ((*c)["stop"], "0");
-    EXPECT_EQ((*c)["writeafterstop"], "0");
-    EXPECT_EQ((*c)["remove"], "1");
-    EXPECT_EQ((*c)["removeagain"], "0");
-    EXPECT_EQ(CountOf(zor.Log(), "ZOR: Pipe-Communication failed!"), 0u);
-}
+std::wstring Client() { return TestBinFile("zor_client.exe"); }
 
 TEST(ClientPipes, AKilledClientGivesExactlyTenFailures) {
-    ZorInstance zor{ZorInstance::Options{}};
-    std::uint64_t module = RegisterEcho(zor);
-    Client c(zor.PidArg() + L" pipe-hold " + std::to_wstring(module));
-    ASSERT_TRUE(c.WaitLine("ready")) << c.Output();
-    EXPECT_EQ(c["answer12"], c["expect12"]);
+    ZorInstance zor;
+    std::uint32_t mod = 0;
+    ASSERT_EQ(zor_register_module(zor.conn(), "remote_echo_isr.dll", 0, &mod, nullptr), ZOR_OK);
+    Program c(Client(), std::to_wstring(zor.Pid()) + L" pipe-hold " + std::to_wstring(mod));
+    ASSERT_TRUE(c.WaitFor("ready")) << c.Output();
+    EXPECT_NE(c.Output().find("answer=5a000000"), std::string::npos) << c.Output();
     c.Kill();
     EXPECT_TRUE(zor.WaitLog("ZOR: Pipe-Communication failed!\n\r", 10));
     Sleep(500);  // a thread that went on would add more
@@ -43,9 +22,9 @@ TEST(ClientPipes, AKilledClientGivesExactlyTenFailures) {
 }
 
 TEST(Liveness, AutoKillAfterTheLastRecordedClientEnds) {
-    ZorInstance zor{ZorInstance::Options{}};
-    Client c(zor.PidArg() + L" hold");
-    ASSERT_TRUE(c.WaitLine("ready"));
+    ZorInstance zor;
+    Program c(Client(), std::to_wstring(zor.Pid()) + L" hold");
+    ASSERT_TRUE(c.WaitFor("ready"));
     Sleep(5500);  // at least one timer tick with the client alive
     EXPECT_FALSE(zor.Exited(0));
     c.Kill();
@@ -53,36 +32,30 @@ TEST(Liveness, AutoKillAfterTheLastRecordedClientEnds) {
     EXPECT_EQ(CountOf(zor.Log(), "ZOR: AutoKill!\n\r"), 1u);
 }
 
-TEST(Liveness, CancelAsksWhileAClientLives) {
-    ZorInstance zor{ZorInstance::Options{}};
-    Client c(zor.PidArg() + L" hold");
-    ASSERT_TRUE(c.WaitLine("ready"));
+TEST(Liveness, CancelAsksWhileAClientLivesAndEndsAtOnceWithout) {
+    ZorInstance zor;
+    Program c(Client(), std::to_wstring(zor.Pid()) + L" hold");
+    ASSERT_TRUE(c.WaitFor("ready"));
+    for (int answer : {IDNO, IDYES}) {
+        zor.Click(IDCANCEL);
+        HWND box = WaitDialog(zor.Pid(), L"ZOR WARNING", 5000);
+        ASSERT_NE(box, nullptr);
+        EXPECT_EQ(WindowText(GetDlgItem(box, 0xFFFF)),
+                  "Are you sure to terminate and unload\nall hardware drivers?");
+        EXPECT_NE(GetDlgItem(box, IDYES), nullptr);
+        EXPECT_NE(GetDlgItem(box, IDNO), nullptr);
+        PostMessageW(box, WM_COMMAND, MAKEWPARAM(answer, BN_CLICKED), 0);
+        EXPECT_EQ(zor.Exited(answer == IDNO ? 1000 : 5000), answer == IDYES);
+    }
 
-    zor.Click(IDCANCEL);
-    HWND box = WaitDialog(zor.Pid(), L"ZOR WARNING", 5000);
-    ASSERT_NE(box, nullptr);
-    EXPECT_EQ(WindowText(GetDlgItem(box, 0xFFFF)), "Are you sure to terminate and unload\nall hardware drivers?");
-    EXPECT_NE(GetDlgItem(box, IDYES), nullptr);
-    EXPECT_NE(GetDlgItem(box, IDNO), nullptr);
-    PostMessageW(box, WM_COMMAND, MAKEWPARAM(IDNO, BN_CLICKED), 0);
-    EXPECT_FALSE(zor.Exited(1000));
-
-    zor.Click(IDCANCEL);
-    box = WaitDialog(zor.Pid(), L"ZOR WARNING", 5000);
-    ASSERT_NE(box, nullptr);
-    PostMessageW(box, WM_COMMAND, MAKEWPARAM(IDYES, BN_CLICKED), 0);
-    EXPECT_TRUE(zor.Exited(5000));
-}
-
-TEST(Liveness, CancelWithoutClientsEndsAtOnce) {
-    ZorInstance zor{ZorInstance::Options{}};
-    zor.Click(IDCANCEL);
-    EXPECT_TRUE(zor.Exited(5000));
-    EXPECT_EQ(FindDialog(zor.Pid(), L"ZOR WARNING"), nullptr);
+    ZorInstance alone;
+    alone.Click(IDCANCEL);
+    EXPECT_TRUE(alone.Exited(5000));
+    EXPECT_EQ(WaitDialog(alone.Pid(), L"ZOR WARNING", 0), nullptr);
 }
 
 TEST(Dialog, StatsTwiceWithoutEventsShowsZero) {
-    ZorInstance zor{ZorInstance::Options{}};
+    ZorInstance zor;
     HWND status = GetDlgItem(zor.Window(), 1004);
     ASSERT_NE(status, nullptr);
     SendMessageW(zor.Window(), WM_COMMAND, MAKEWPARAM(1003, BN_CLICKED), 0);

@@ -1,93 +1,141 @@
-// Client processes driving the real host with WM_COPYDATA: module
-// registration with private shared memory, the system area, the lookups,
-// the IRQ commands, unknown numbers and malformed payloads.
+// This test process as a client of the real host (trigger driver, echo
+// module): module registration with private shared memory, the lookups,
+// requests by command and by pipe, the system area, unknown numbers and
+// malformed payloads, and a host that dies while a client waits.
+#include <cstring>
+#include <thread>
+
 #include "e2e_support.h"
 
 namespace zor::e2e {
 namespace {
 
-std::uint64_t Hex(const std::string& s) { return std::strtoull(s.c_str(), nullptr, 16); }
 constexpr std::uint32_t kEchoMark = 0x4F484345u;
 
-// Command 13's payload as hex: 16 bytes not read, then the name and its 0.
-std::wstring FindPayload(const wchar_t* name) {
-    std::wstring hex(32, L'0');
-    wchar_t unit[8];
-    for (const wchar_t* p = name;; ++p) {
-        swprintf(unit, 8, L"%02x%02x", *p & 0xFF, (*p >> 8) & 0xFF);
-        hex += unit;
-        if (!*p) break;
-    }
-    return hex;
+// The echo module's answer: the body's byte sum ^ 0x5A000000. It learns the
+// body's length from the caller tag.
+std::uint32_t EchoCall(int (*call)(ZorConnection*, std::uint32_t, std::uint32_t, const void*, std::uint32_t,
+                                   std::uint32_t*),
+                       ZorConnection* c, std::uint32_t mod, const std::vector<unsigned char>& body) {
+    std::uint32_t r = 0;
+    const int st = call(c, mod, 0x80000000u | static_cast<std::uint32_t>(body.size()), body.data(),
+                        static_cast<std::uint32_t>(body.size()), &r);
+    std::uint32_t sum = 0;
+    for (unsigned char b : body) sum += b;
+    EXPECT_EQ(st, ZOR_OK) << zor_strerror(st);
+    EXPECT_EQ(r, sum ^ 0x5A000000u);
+    return r;
+}
+
+std::vector<unsigned char> Bytes(std::uint64_t lo, std::uint64_t hi = 0, std::size_t n = 16) {
+    std::vector<unsigned char> v(n);
+    std::memcpy(v.data(), &lo, n < 8 ? n : 8);
+    if (n > 8) std::memcpy(v.data() + 8, &hi, 8);
+    return v;
 }
 
 class Commands : public ::testing::Test {
 protected:
-    std::string Cmd(const std::wstring& args) { return (*zor_.Run(L"cmd " + args))["result"]; }
-    ZorInstance zor_{ZorInstance::Options{}};
+    ZorInstance zor_;
+    ZorConnection* c_ = zor_.conn();
 };
 
-TEST_F(Commands, ModuleRegistrationLookupsAndRemoval) {
-    ASSERT_NE(zor_.Window(), nullptr);
-    auto reg = zor_.Run(L"register remote_echo_isr.dll 4096");
-    EXPECT_NE(Hex((*reg)["handle"]), 0u) << reg->Output();
-    // The client maps its duplicate and sees what the module wrote.
-    EXPECT_EQ(Hex((*reg)["mark"]), kEchoMark);
-    std::uint64_t module = Hex((*reg)["module"]);
-    ASSERT_NE(module, 0u);
-
-    std::wstring m = std::to_wstring(module);
-    wchar_t number[40];
-    swprintf(number, 40, L"0000000000000000%02x00000000000000", static_cast<unsigned>(module));
-    std::wstring find = FindPayload(L"REMOTE_ECHO_ISR.DLL");
-    // Command 14: the shared size; command 15: another process's duplicate.
-    EXPECT_EQ(Hex(Cmd(L"14 " + std::wstring(number))), 4096u);
-    auto mem = zor_.Run(L"isrmem " + m);
-    EXPECT_EQ(Hex((*mem)["mark"]), kEchoMark);
-
-    // Command 5: the module's answer over the message itself.
-    auto call = zor_.Run(L"call5 " + m);
-    EXPECT_EQ((*call)["answer"], (*call)["expect"]);
-    EXPECT_EQ(Hex((*zor_.Run(L"call5 0"))["answer"]), 0xFFFFFFFFu);
+TEST_F(Commands, ModuleRegistrationLookupsCallsAndRemoval) {
+    ASSERT_NE(c_, nullptr);
+    std::uint32_t mod = 0, found = 0, size = 0, r = 0;
+    ZorView shm{}, again{};
+    ASSERT_EQ(zor_register_module(c_, "remote_echo_isr.dll", 4096, &mod, &shm), ZOR_OK);
+    ASSERT_GE(mod, 1u);
+    // Our duplicate of the module's memory shows what its Initialize wrote.
+    EXPECT_EQ(*static_cast<std::uint32_t*>(shm.base), kEchoMark);
+    EXPECT_EQ(zor_find_module(c_, "REMOTE_ECHO_ISR.DLL", &found), ZOR_OK);
+    EXPECT_EQ(found, mod);
+    EXPECT_EQ(zor_module_info(c_, mod, &size), ZOR_OK);
+    EXPECT_EQ(size, 4096u);
+    ASSERT_EQ(zor_module_memory(c_, mod, 0, &again), ZOR_OK);
+    EXPECT_EQ(*static_cast<std::uint32_t*>(again.base), kEchoMark);
+    EchoCall(zor_module_call, c_, mod, {1, 4, 7, 10, 13, 16, 19, 22, 25, 28, 31, 34, 37, 40, 43, 46});
+    EXPECT_EQ(zor_module_call(c_, 0, 0, nullptr, 0, &r), ZOR_E_NOT_REGISTERED);
+    EXPECT_EQ(r, 0xFFFFFFFFu);
 
     // Command 2 answers 0 and removes it; the lookups then find nothing.
-    auto gone = zor_.Run(L"cmds 2:" + std::wstring(number) + L" 13:" + find + L" 14:" + number);
-    EXPECT_EQ((*gone)["r0"], "0");
-    EXPECT_EQ((*gone)["r1"], "0");
-    EXPECT_EQ((*gone)["r2"], "0");
-    // Registered again, found again, case ignored.
-    EXPECT_EQ(Hex((*zor_.Run(L"register remote_echo_isr.dll 0"))["handle"]), 0u);
-    EXPECT_EQ(Hex(Cmd(L"13 " + find)), module);
+    EXPECT_EQ(zor_.Send(ZOR_CMD_ISR_UNREGISTER, Bytes(0, mod)), 0u);
+    EXPECT_EQ(zor_find_module(c_, "remote_echo_isr.dll", &found), ZOR_E_NOT_REGISTERED);
+    EXPECT_EQ(zor_module_info(c_, mod, &size), ZOR_OK);
+    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(zor_register_module(c_, "no_such_module.dll", 0, &found, nullptr), ZOR_E_REFUSED);
+    // Registered again, found again.
+    ASSERT_EQ(zor_register_module(c_, "remote_echo_isr.dll", 0, &mod, nullptr), ZOR_OK);
+    EXPECT_EQ(zor_find_module(c_, "remote_echo_isr.DLL", &found), ZOR_OK);
+    EXPECT_EQ(found, mod);
     EXPECT_TRUE(zor_.WaitLog("Register DLL remote_echo_isr.dll\n\r", 2));
+    zor_unmap(&shm);
+    zor_unmap(&again);
+}
+
+TEST_F(Commands, PipeRequestsOfEverySizeThenStopAndRemove) {
+    std::uint32_t mod = 0, r = 0;
+    ASSERT_EQ(zor_register_module(c_, "remote_echo_isr.dll", 0, &mod, nullptr), ZOR_OK);
+    ASSERT_EQ(zor_pipe_open(c_), ZOR_OK);  // commands 11 and 8
+    EchoCall(zor_pipe_call, c_, mod, {});  // a 12-byte request
+    std::vector<unsigned char> big(ZOR_CLIENT_MAX_BODY);  // fills the host's 256 KiB buffer
+    for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<unsigned char>(i * 13 + 7);
+    EchoCall(zor_pipe_call, c_, mod, big);
+    EXPECT_EQ(zor_pipe_call(c_, 0, 0, "abc", 3, &r), ZOR_E_NOT_REGISTERED);
+    EXPECT_EQ(r, 0xFFFFFFFFu);
+    EchoCall(zor_pipe_call, c_, mod, {9});  // still in step
+    EXPECT_EQ(zor_pipe_close(c_), ZOR_OK);  // commands 9 and 12
+    EXPECT_EQ(zor_.Send(ZOR_CMD_CLIENT_REMOVE, Bytes(GetCurrentProcessId(), 0, 4)), 0u);  // already gone
+    EXPECT_EQ(CountOf(zor_.Log(), "ZOR: Pipe-Communication failed!"), 0u);
 }
 
 TEST_F(Commands, SystemAreaShowsTheSequenceAdvancing) {
-    auto c = zor_.Run(L"sysmem 0x10000 5");
-    ASSERT_NE(Hex((*c)["handle"]), 0u) << c->Output();
-    EXPECT_EQ(Hex((*c)["capacity"]), 0x10000u - ZOR_SSA_QUEUE);
-    EXPECT_EQ(Hex((*c)["next"]), 1u);  // the trigger driver's first sequence number
-    EXPECT_EQ(Hex((*c)["seq2"]), 5u) << c->Output();
-    EXPECT_EQ(Hex((*c)["query"]), 5u);  // command 6: events delivered
+    const ZorSystemSharedArea* area = nullptr;
+    ASSERT_EQ(zor_system_area(c_, 0x10000, &area), ZOR_OK);
+    EXPECT_EQ(area->capacity, 0x10000u - ZOR_SSA_QUEUE);
+    std::uint32_t next = 0, events = 0;
+    ASSERT_EQ(zor_irq_control(c_, 5, &next), ZOR_OK);  // the trigger driver fires 5 events
+    EXPECT_EQ(next, 1u);                                // its first sequence number
+    for (int i = 0; i < 300 && area->sequence != 5; ++i) Sleep(10);
+    EXPECT_EQ(area->sequence, 5u);
+    EXPECT_EQ(zor_irq_query(c_, &events), ZOR_OK);
+    EXPECT_EQ(events, 5u);
 }
 
-TEST_F(Commands, UnknownNumbersAndShortPayloadsAreHarmless) {
-    auto c = zor_.Run(
-        L"cmds 0:0100000002000000 10:0100000002000000 16:0100000002000000 "
-        L"18446744073709551615:0100000002000000 "
-        L"1:01000000 5:0000000001 8:0102030405 "
-        // a name that runs to the payload's end without its terminator
-        L"13:00000000000000000000000000000000410042004300 "
-        L"7:03000000");
-    for (const char* r : {"r0", "r1", "r2", "r3"}) EXPECT_EQ((*c)[r], "0") << r;
-    EXPECT_EQ((*c)["r4"], "0");
-    EXPECT_EQ(Hex((*c)["r5"]), 0xFFFFFFFFu);
-    EXPECT_EQ((*c)["r6"], "0");
-    EXPECT_EQ((*c)["r7"], "0");
-    EXPECT_EQ(Hex((*c)["r8"]), 1u);  // still serving: the trigger's next sequence number
+TEST_F(Commands, UnknownNumbersAndShortPayloadsAreRefusedAndHarmless) {
+    for (std::uint64_t cmd : {0ull, 10ull, 16ull, ~0ull}) EXPECT_EQ(zor_.Send(cmd, Bytes(0x200000001)), 0u) << cmd;
+    EXPECT_EQ(zor_.Send(ZOR_CMD_ISR_REGISTER, {1, 0, 0, 0}), 0u);
+    EXPECT_EQ(zor_.Send(ZOR_CMD_MODULE_CALL, {0, 0, 0, 0, 1}), 0xFFFFFFFFu);
+    EXPECT_EQ(zor_.Send(ZOR_CMD_PIPE_CONNECT, {1, 2, 3, 4, 5}), 0u);
+    // A name that runs to the payload's end without its terminator.
+    std::vector<unsigned char> name(16, 0);
+    for (char ch : {'A', 'B', 'C'}) name.insert(name.end(), {static_cast<unsigned char>(ch), 0});
+    EXPECT_EQ(zor_.Send(ZOR_CMD_FIND_MODULE, name), 0u);
+    EXPECT_EQ(zor_.Send(ZOR_CMD_IRQ_CONTROL, {3, 0, 0, 0}), 1u);  // still serving
     EXPECT_TRUE(zor_.WaitLog("ZOR: command 1: payload of 4 bytes too short\n\r"));
     EXPECT_TRUE(zor_.WaitLog("ZOR: command 5: payload of 5 bytes too short\n\r"));
     EXPECT_TRUE(zor_.WaitLog("ZOR: command 8: payload of 5 bytes too short\n\r"));
     EXPECT_TRUE(zor_.WaitLog("ZOR: command 13: name not terminated in 22 bytes\n\r"));
+}
+
+TEST_F(Commands, AHostThatDiesDuringAWaitEndsTheWait) {
+    std::uint32_t mod = 0, r = 0;
+    ASSERT_EQ(zor_register_module(c_, "remote_echo_isr.dll", 0, &mod, nullptr), ZOR_OK);
+    const ZorSystemSharedArea* area = nullptr;
+    ASSERT_EQ(zor_system_area(c_, 0, &area), ZOR_OK);
+    // Hold the queue's lock as a stuck writer would: nothing can be queued.
+    auto* sync = reinterpret_cast<volatile LONG*>(const_cast<std::uint32_t*>(&area->sync_tdl));
+    ASSERT_EQ(InterlockedExchange(sync, 1), 0);
+    std::thread killer([&] {
+        Sleep(400);
+        zor_.Kill();
+    });
+    const ULONGLONG t0 = GetTickCount64();
+    EXPECT_EQ(zor_exec_isr_func(c_, mod, 1, nullptr, 0, 20000, &r), ZOR_E_HOST_GONE);
+    EXPECT_LT(GetTickCount64() - t0, 5000u);
+    killer.join();
+    EXPECT_EQ(zor_irq_query(c_, &r), ZOR_E_HOST_GONE);  // every later call says so at once
+    EXPECT_EQ(zor_module_call(c_, mod, 0, "x", 1, &r), ZOR_E_HOST_GONE);
 }
 
 }  // namespace

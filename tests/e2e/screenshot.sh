@@ -39,7 +39,7 @@ xvfb-run -a -s "-screen 0 480x300x24" bash -euo pipefail -c '
   timeout 30 wine ./zor_client.exe $pid click 1003 </dev/null               # Stats
   sleep 1
   import -window root "$OUT/zor_dialog.png"
-  timeout 30 wine ./zor_client.exe $pid cmd 4 </dev/null || true
+  timeout 30 wine ./zor_client.exe $pid click 2 </dev/null || true   # Cancel: no clients, ends
   wait $host || true
   timeout 60 wineserver -w || true
 '
