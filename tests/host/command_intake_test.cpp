@@ -67,14 +67,6 @@ TEST_F(Intake, QuitEndsTheDialogWithResultOne) {
     EXPECT_EQ(zor::OnCopyData(*host_, ZOR_CMD_QUIT, nullptr, 0, zor::DialogEnder{}), 0u);
 }
 
-TEST_F(Intake, IrqCommandsWithoutADriver) {
-    Block none(0);
-    EXPECT_EQ(Send(ZOR_CMD_IRQ_QUERY, none), 1000u);
-    Block value(4);
-    value.Put<std::uint32_t>(0, 7);
-    EXPECT_EQ(Send(ZOR_CMD_IRQ_CONTROL, value), 0u);
-}
-
 TEST_F(Intake, ClientCommandsReachTheRegistry) {
     Block id(4);
     id.Put<std::uint32_t>(0, 4242);

@@ -128,34 +128,6 @@ TEST_F(ConfigFiles, OverlongValuesAreCutToTheBuffer) {
     EXPECT_EQ(Utf8(config().szExe), std::string(259, 'd'));
 }
 
-// The whole load against the real start-up directory and a per-user folder
-// of the test's own (the per-user path follows APPDATA).
-TEST_F(ConfigFiles, LoadLogsThePathsAndReadsThePerUserFile) {
-    char16_t saved[1024];
-    bool hadAppData = zor::os::env_get("APPDATA", saved, 1024);
-    zor::os::env_set("APPDATA", dir_.u16string().c_str());
-    fs::create_directories(dir_ / "ZOR");
-    std::ofstream(dir_ / "ZOR" / "ZOR.ini", std::ios::binary) << "[INIT]\r\nLASTIRQ=peruser.irq\r\n";
-
-    zor::LoadConfig(*host_);
-    zor::os::env_set("APPDATA", hadAppData ? saved : nullptr);
-
-    const zor::Config& c = config();
-    std::string exe = Utf8(c.szExe);
-    ASSERT_FALSE(exe.empty());
-    EXPECT_EQ(exe.back(), '\\');
-    EXPECT_EQ(Utf8(c.szIni), exe + "ZOR.INI");  // no ZOR.INI beside the tests
-    std::string userIni = Utf8(c.szIniW);
-    EXPECT_EQ(userIni.substr(userIni.size() - 8), "\\ZOR.ini");
-    EXPECT_EQ(Utf8(c.lastIrqName), "peruser.irq");
-
-    auto lines = log_.LinesOf(2, 0);
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[0], "SZINI: " + Utf8(c.szIni) + "\r\n");
-    EXPECT_EQ(lines[1], "SZINIW: " + userIni + "\r\n");
-    EXPECT_EQ(lines[2], "SZEXE: " + exe + "\r\n");
-}
-
 // A pid that no process has (above every platform's limit).
 constexpr std::uint32_t kDeadPid = 0x3FFFFFF0u;
 

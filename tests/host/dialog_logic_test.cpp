@@ -50,13 +50,6 @@ TEST_F(Dialog, StatsShowsRoundedFrequencyAndTruncatedLoadThenZeroes) {
     EXPECT_EQ(Stats(), "IRQ freq.  0 Hz,  time  0%");
 }
 
-TEST_F(Dialog, IrqLineNamesTheConfiguredDriverAndLevel) {
-    zor::wcopy(host_->config.lastIrqName, 260, u"timer.irq");
-    char16_t line[300];
-    zor::FormatIrqLine(*host_, 3, line, 300);
-    EXPECT_EQ(Utf8(line), "IRQ:timer.irq PRIO:3");
-}
-
 TEST_F(Dialog, AutoKillOnlyWhenEveryRecordedClientHasGone) {
     EXPECT_FALSE(zor::AutoKillDue(*host_, zor::kAutoKillTimerId));  // never had a client
     EXPECT_FALSE(zor::CancelNeedsConfirmation(*host_));
