@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -187,7 +188,10 @@ public:
             CloseHandle(pi_.hProcess);
             CloseHandle(pi_.hThread);
         }
-        if (!::testing::Test::HasFailure()) Remove(dir_);  // a failed test's folder stays for inspection
+        if (!::testing::Test::HasFailure()) {
+            std::error_code ec;
+            std::filesystem::remove_all(dir_, ec);
+        }  // a failed test's folder stays for inspection
     }
     ZorInstance(const ZorInstance&) = delete;
     ZorInstance& operator=(const ZorInstance&) = delete;
@@ -249,17 +253,6 @@ private:
     std::wstring File(const std::string& name) const { return dir_ + L"\\" + Widen(name); }
     static void Write(const std::wstring& path, const std::string& text) {
         std::ofstream(Narrow(path), std::ios::binary) << text;
-    }
-    static void Remove(const std::wstring& dir) {
-        WIN32_FIND_DATAW fd;
-        HANDLE h = FindFirstFileW((dir + L"\\*").c_str(), &fd);
-        for (bool more = h != INVALID_HANDLE_VALUE; more; more = FindNextFileW(h, &fd)) {
-            std::wstring n = fd.cFileName, p = dir + L"\\" + n;
-            if (n == L"." || n == L"..") continue;
-            (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) ? Remove(p) : void(DeleteFileW(p.c_str()));
-        }
-        if (h != INVALID_HANDLE_VALUE) FindClose(h);
-        RemoveDirectoryW(dir.c_str());
     }
 
     std::wstring dir_, appData_, logFile_;

@@ -67,41 +67,6 @@ TEST_F(Intake, QuitEndsTheDialogWithResultOne) {
     EXPECT_EQ(zor::OnCopyData(*host_, ZOR_CMD_QUIT, nullptr, 0, zor::DialogEnder{}), 0u);
 }
 
-TEST_F(Intake, ClientCommandsReachTheRegistry) {
-    Block id(4);
-    id.Put<std::uint32_t>(0, 4242);
-    EXPECT_EQ(Send(ZOR_CMD_CLIENT_ADD, id), 1u);
-    EXPECT_EQ(host_->clients.FindClient(4242), 1u);
-    EXPECT_EQ(Send(ZOR_CMD_CLIENT_ADD, id), 1u);
-    EXPECT_EQ(Send(ZOR_CMD_PIPE_DISCONNECT, id), 0u);  // no pipe: nothing to stop
-    EXPECT_EQ(Send(ZOR_CMD_CLIENT_REMOVE, id), 1u);
-    EXPECT_EQ(Send(ZOR_CMD_CLIENT_REMOVE, id), 0u);
-}
-
-TEST_F(Intake, LookupsOfUnknownModules) {
-    Block find(16 + 2 * 12);
-    find.PutName(16, u"nothing.dll");
-    EXPECT_EQ(Send(ZOR_CMD_FIND_MODULE, find), 0u);
-    Block info(16);
-    info.Put<std::uint64_t>(8, 5);
-    EXPECT_EQ(Send(ZOR_CMD_MODULE_INFO, info), 0u);
-    EXPECT_EQ(Send(ZOR_CMD_ISR_UNREGISTER, info), 0u);
-    Block call(12);
-    call.Put<std::uint32_t>(4, 0);
-    EXPECT_EQ(Send(ZOR_CMD_MODULE_CALL, call), 0xFFFFFFFFu);
-    call.Put<std::uint32_t>(4, 100);
-    EXPECT_EQ(Send(ZOR_CMD_MODULE_CALL, call), 0xFFFFFFFFu);
-}
-
-TEST_F(Intake, SystemMemoryRecordsTheClient) {
-    Block mem(8);
-    mem.Put<std::uint32_t>(0, zor::os::current_process_id());
-    mem.Put<std::uint32_t>(4, 0x4000);
-    EXPECT_NE(Send(ZOR_CMD_SYSMEM, mem), 0u);
-    EXPECT_EQ(host_->config.clientCount.load(), 1u);
-    EXPECT_EQ(host_->config.clientPids[0].load(), zor::os::current_process_id());
-}
-
 struct MinSize {
     std::uint64_t cmd;
     std::uint32_t need;
