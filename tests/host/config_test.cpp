@@ -1,5 +1,5 @@
 // Start-up: the hide switch, both configuration files and their precedence,
-// the three configuration log lines, and the client process-id list.
+// and the client process-id list.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -25,30 +25,21 @@ std::string Utf8(const char16_t* s) {
     return buf;
 }
 
-// Offset just after the match, or -1.
-long SwitchAt(const char16_t* line) {
-    const char16_t* p = FindSwitch(line, u"HIDE");
-    return p ? static_cast<long>(p - line) : -1;
-}
-
-TEST(SwitchFinder, OnlyLowerCaseAfterSlashOrMinus) {
-    EXPECT_EQ(SwitchAt(u"-hide"), 5);
-    EXPECT_EQ(SwitchAt(u"/hide"), 5);
-    EXPECT_EQ(SwitchAt(u"  -hide  "), 7);
-    EXPECT_EQ(SwitchAt(u"/HIDE"), -1);
-    EXPECT_EQ(SwitchAt(u"-Hide"), -1);
-    EXPECT_EQ(SwitchAt(u"hide"), -1);
-    EXPECT_EQ(SwitchAt(u""), -1);
+// Only lower case after '/' or '-'; longer words match; a partial match does
+// not swallow the next switch; the first one wins. Offset just after it.
+TEST(SwitchFinder, WhereTheHideSwitchIsFound) {
+    const struct {
+        const char16_t* line;
+        long at;
+    } cases[] = {{u"-hide", 5},    {u"/hide", 5},     {u"  -hide  ", 7},      {u"/HIDE", -1},
+                 {u"-Hide", -1},   {u"hide", -1},     {u"", -1},              {u"x/hideout", 6},
+                 {u"--hide", 6},   {u"/h-hide", 7},   {u"-hid", -1},          {u"-hid /x -hIde", -1},
+                 {u"/x -hide /hide", 8}};
+    for (const auto& c : cases) {
+        const char16_t* p = FindSwitch(c.line, u"HIDE");
+        EXPECT_EQ(p ? static_cast<long>(p - c.line) : -1, c.at);
+    }
     EXPECT_EQ(FindSwitch(nullptr, u"HIDE"), nullptr);
-}
-
-TEST(SwitchFinder, LongerWordsMatchAndScanResumesAfterTheSwitchCharacter) {
-    EXPECT_EQ(SwitchAt(u"x/hideout"), 6);
-    EXPECT_EQ(SwitchAt(u"--hide"), 6);     // the first '-' fails on '-', the second matches
-    EXPECT_EQ(SwitchAt(u"/h-hide"), 7);    // a partial match does not swallow the next switch
-    EXPECT_EQ(SwitchAt(u"-hid"), -1);      // ends inside the keyword
-    EXPECT_EQ(SwitchAt(u"-hid /x -hIde"), -1);
-    EXPECT_EQ(SwitchAt(u"/x -hide /hide"), 8);  // the first one wins
 }
 
 class ConfigFiles : public ::testing::Test {
