@@ -191,7 +191,7 @@ public:
         if (!::testing::Test::HasFailure()) {
             std::error_code ec;
             std::filesystem::remove_all(dir_, ec);
-        }  // a failed test's folder stays for inspection
+        }  // a failed test keeps its folder to look at
     }
     ZorInstance(const ZorInstance&) = delete;
     ZorInstance& operator=(const ZorInstance&) = delete;
