@@ -13,7 +13,6 @@ namespace {
 
 constexpr std::uint32_t kPathUnits = 260;
 
-std::uint64_t Address(const void* p) { return reinterpret_cast<std::uintptr_t>(p); }
 std::uint64_t ServiceEntry() { return reinterpret_cast<std::uintptr_t>(&ServiceProc); }
 std::uint64_t InterruptEntry() { return reinterpret_cast<std::uintptr_t>(&OnInterrupt); }
 
