@@ -52,7 +52,7 @@ void GuardedCall(void* p) {
 // keeps its end.
 [[gnu::noinline]] void LogSlowCall(Logger& log, const char16_t* name, double elapsed,
                                    std::uint32_t code, std::uint64_t arg,
-                                   const char16_t* suffix) {
+                                   const char16_t* suffix, std::size_t blockBytes) {
     char16_t tail[64];
     const std::size_t tailLen = wformat(tail, 64, u") used %3.2f ms%s\n\r", elapsed, suffix);
     char16_t line[Logger::kMaxLineUnits];
@@ -60,9 +60,9 @@ void GuardedCall(void* p) {
     std::size_t n = wformat(line, cap, u"ZOR: %s: %s(", name, Caller::FunctionCodeName(code));
     if (code == 1 || code == 3 || code == 7 || code == 8 || code == 9 || code == 20) {
         n += wformat(line + n, cap - n, u"%p", reinterpret_cast<void*>(arg));
-    } else if ((code == 5 || code == 6) && arg != 0) {
-        // The word count is the module's or client's: read at most what the
-        // largest packet holds.
+    } else if ((code == 5 || code == 6) && arg != 0 && blockBytes >= 8) {
+        // The word count is the module's or client's: read no further than
+        // the bytes the block really has (blockBytes) and the largest packet.
         // Deferred entries follow each other unaligned: read words bytewise.
         const auto* block = reinterpret_cast<const unsigned char*>(arg);
         auto word = [block](std::uint32_t i) {
@@ -73,6 +73,7 @@ void GuardedCall(void* p) {
         n += wformat(line + n, cap - n, u"Func=0x%x", word(0));
         std::uint32_t words = word(1) >> 2;
         if (words > Caller::kMaxLoggedWords) words = Caller::kMaxLoggedWords;
+        if (words > (blockBytes - 8) / 4) words = static_cast<std::uint32_t>((blockBytes - 8) / 4);
         constexpr std::size_t kWordUnits = 11;  // ",0xffffffff"
         for (std::uint32_t i = 0; i < words && n + kWordUnits + tailLen < cap; ++i) {
             n += wformat(line + n, cap - n, u",0x%x", word(2 + i));
@@ -121,6 +122,20 @@ void Caller::ReportFault(std::uint32_t slot, const void* address) {
                    name);
 }
 
+// Bytes a call block may span: at most a packet. A block inside the shared
+// area (a queued call) may be rewritten by a client during the call, so it
+// also ends where the host's mapping ends.
+std::size_t Caller::BlockBytes(std::uint32_t flags, std::uint64_t arg) const {
+    const unsigned char* area = h_.shm.Area();
+    const auto* block = reinterpret_cast<const unsigned char*>(arg);
+    if (!(flags & kFlagTdl) || area == nullptr || block < area ||
+        block >= area + h_.shm.AreaSize()) {
+        return ISR_MAX_DIRECT_ARG;
+    }
+    const auto left = static_cast<std::size_t>(area + h_.shm.AreaSize() - block);
+    return left < ISR_MAX_DIRECT_ARG ? left : ISR_MAX_DIRECT_ARG;
+}
+
 void Caller::ReportCall(std::uint32_t slot, double elapsed, std::uint32_t code,
                         std::uint64_t arg, std::uint32_t flags) {
     ModuleSlot& s = h_.slots[slot];
@@ -132,7 +147,7 @@ void Caller::ReportCall(std::uint32_t slot, double elapsed, std::uint32_t code,
                            elapsed, static_cast<long>(static_cast<std::int32_t>(code)), suffix);
             return;
         }
-        LogSlowCall(h_.log, s.name, elapsed, code, arg, suffix);
+        LogSlowCall(h_.log, s.name, elapsed, code, arg, suffix, BlockBytes(flags, arg));
     }
     if (code == 20) s.interruptStat.Add(elapsed);
     if (code == 5) s.execStat.Add(elapsed);

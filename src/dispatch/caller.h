@@ -8,6 +8,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 namespace zor {
@@ -32,6 +33,7 @@ public:
     void ReportCall(std::uint32_t slot, double elapsed, std::uint32_t code,
                     std::uint64_t arg, std::uint32_t flags);
 
+    std::size_t BlockBytes(std::uint32_t flags, std::uint64_t arg) const;
     void AddThreadContext(std::uint32_t threadId, std::uint32_t context);
     void RemoveThreadContext(std::uint32_t threadId);
     std::uint32_t GetThreadContext(std::uint32_t threadId);
