@@ -48,17 +48,25 @@ bool PageLocker::GetModuleRange(const void* address, std::uint32_t* base, std::u
     return Walk(address, base, length, &allocBase);
 }
 
+// The module around `address`: its 32-bit range and file name, with the
+// lock or unlock line (`verb`). False, logged, when the walk fails.
+bool PageLocker::DescribeModule(const void* address, const char16_t* verb, std::uint32_t* base,
+                                std::uint32_t* length, char16_t (&path)[260]) {
+    std::uint64_t allocBase = 0;
+    if (!Walk(address, base, length, &allocBase)) {
+        log_.wPrintf(2, 1, u"PageLocker: failed to get module memory range!\n\r");
+        return false;
+    }
+    os::module_file_name(allocBase, path, 260);
+    log_.wPrintf(2, 6, u"PageLocker: %s '%s': Base=%x, Len=%ld\n\r", verb, path,
+                 static_cast<unsigned>(*base), static_cast<long>(static_cast<std::int32_t>(*length)));
+    return true;
+}
+
 std::uint32_t PageLocker::LockModule(const void* address) {
     std::uint32_t base = 0, length = 0;
-    std::uint64_t allocBase = 0;
-    if (!Walk(address, &base, &length, &allocBase)) {
-        log_.wPrintf(2, 1, u"PageLocker: failed to get module memory range!\n\r");
-        return 0;
-    }
     char16_t path[260] = {};
-    os::module_file_name(allocBase, path, 260);
-    log_.wPrintf(2, 6, u"PageLocker: lock '%s': Base=%x, Len=%ld\n\r", path,
-                 static_cast<unsigned>(base), static_cast<long>(static_cast<std::int32_t>(length)));
+    if (!DescribeModule(address, u"lock", &base, &length, path)) return 0;
     // The name goes in before the list: it stays even when the list is full.
     if (!names_.Add(log_, path)) return 0;
     return LockRange(base, length);
@@ -66,15 +74,8 @@ std::uint32_t PageLocker::LockModule(const void* address) {
 
 std::uint32_t PageLocker::UnlockModule(const void* address) {
     std::uint32_t base = 0, length = 0;
-    std::uint64_t allocBase = 0;
-    if (!Walk(address, &base, &length, &allocBase)) {
-        log_.wPrintf(2, 1, u"PageLocker: failed to get module memory range!\n\r");
-        return 0;
-    }
     char16_t path[260] = {};
-    os::module_file_name(allocBase, path, 260);
-    log_.wPrintf(2, 6, u"PageLocker: unlock '%s': Base=%x, Len=%ld\n\r", path,
-                 static_cast<unsigned>(base), static_cast<long>(static_cast<std::int32_t>(length)));
+    if (!DescribeModule(address, u"unlock", &base, &length, path)) return 0;
     names_.Remove(path);
     return UnlockRange(base);
 }

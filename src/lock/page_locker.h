@@ -55,6 +55,9 @@ public:
     std::uint64_t Base(std::uint32_t i) { return *static_cast<std::uint64_t*>(list_.GetEntry(i)); }
 
 private:
+    // Walk + file name + the lock/unlock line; false (logged) when the walk fails.
+    bool DescribeModule(const void* address, const char16_t* verb, std::uint32_t* base,
+                        std::uint32_t* length, char16_t (&path)[260]);
     // The walk, also giving the full allocation base of the first region
     // (used only to name the module).
     static bool Walk(const void* address, std::uint32_t* base, std::uint32_t* length,
