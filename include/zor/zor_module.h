@@ -52,6 +52,16 @@ typedef uint32_t (*ZorCustomService)(uint32_t code, uintptr_t a1, uintptr_t a2,
                                      uintptr_t a3, uintptr_t a4, uintptr_t a5,
                                      uintptr_t a6);
 
+/* The host's log: zor.exe exports ZorLogProc under ZOR_LOG_EXPORT_NAME, so a
+ * module in the host process may write lines into the host's log:
+ *   ZorLogProc log = (ZorLogProc)GetProcAddress(GetModuleHandleW(NULL),
+ *                                               ZOR_LOG_EXPORT_NAME);
+ * `text` is a complete UTF-16 line (line end included), written as is with
+ * the given level and mask (see the README's logging section). Any thread;
+ * it never blocks; a line written while the host starts or ends is dropped. */
+typedef void (*ZorLogProc)(uint32_t level, uint32_t mask, const uint16_t* text);
+#define ZOR_LOG_EXPORT_NAME "ZOR_Log"
+
 #define ZOR_ISR_EXPORT_NAME "ISR_GetSet"
 #define ZOR_IRQ_EXPORT_NAME "IRQ_GetSet"
 
@@ -82,7 +92,7 @@ enum ZorFunctionCode {
 #define ZOR_INIT_PENDING 2u
 
 /* ------------------------------------------------------------ bundled drivers
- * Two IRQ drivers ship beside zor.exe. What their GS_IRQ_QUERY and
+ * Three IRQ drivers ship beside zor.exe. What their GS_IRQ_QUERY and
  * GS_IRQ_CONTROL values mean (clients reach them with commands 6 and 7):
  *
  * timer.irq (Windows): one event per period from its own thread, on absolute
@@ -110,6 +120,27 @@ enum ZorFunctionCode {
  *       ZOR_TRIGGER_SKIP|k  skip k numbers before the next event (a gap)
  *   In-process extras: uint32_t Trigger_Fire(n), Trigger_WaitIdle(timeout_ms)
  *   (1 when nothing is queued, delivered or free-running), Trigger_ThreadId().
+ *
+ * event.irq (Windows): one event per signal of a kernel driver, configured in
+ *   section [EVENTIRQ] of the ZOR.INI beside zor.exe (docs/modules.md,
+ *   "Connecting your kernel driver"). EVENT=<name>: one event per wake-up on
+ *   that named event (auto-reset, created when missing), the sequence counts
+ *   up by one; signals set faster than the thread wakes coalesce into one.
+ *   DEVICE=<path>: PENDING (1..ZOR_EVENT_MAX_PENDING, default 4) overlapped
+ *   reads of SIZE (1..ZOR_EVENT_MAX_SIZE, default 4) bytes kept pending; one
+ *   event per completed read, the read is reissued; a read of 4 bytes or more
+ *   carries the sequence number in its first u32 (else it counts up by one).
+ *   A source that fails (a read fails, the event handle is closed) is logged,
+ *   counted, and opened again every second.
+ *     GS_IRQ_QUERY          events delivered (low 31 bits, wrapping), with
+ *                           ZOR_EVENT_FAILED set once any failure happened
+ *     GS_IRQ_CONTROL(v)     ZOR_EVENT_PAUSE / ZOR_EVENT_RESUME: answers the
+ *                           previous state (1 delivering, 0 paused); while
+ *                           paused signals are taken and dropped.
+ *                           ZOR_EVENT_FAILURES: answers the failures counted.
+ *                           Other values: ZOR_EVENT_REFUSED.
+ *     Initialize            0; 1 configuration refused (logged, naming the
+ *                           key); 4 the source does not open; 3 no thread
  */
 #define ZOR_TIMER_DEFAULT_US 1000u
 #define ZOR_TIMER_FLOOR_US 250u
@@ -118,6 +149,13 @@ enum ZorFunctionCode {
 #define ZOR_TRIGGER_STOP 0u
 #define ZOR_TRIGGER_FREE_RUN 0xFFFFFFFFu
 #define ZOR_TRIGGER_SKIP 0x80000000u
+#define ZOR_EVENT_PAUSE 0u
+#define ZOR_EVENT_RESUME 1u
+#define ZOR_EVENT_FAILURES 2u
+#define ZOR_EVENT_REFUSED 0xFFFFFFFFu
+#define ZOR_EVENT_FAILED 0x80000000u
+#define ZOR_EVENT_MAX_PENDING 63u
+#define ZOR_EVENT_MAX_SIZE 65536u
 
 /* ------------------------------------------------------------ service codes
  * ServiceProc(code, a1..a6). "DLL handle" = module number (1..99).           */

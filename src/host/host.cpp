@@ -43,3 +43,10 @@ extern "C" std::int64_t ServiceProc(std::uint32_t code, std::uintptr_t a1,
     zor::Host* h = zor::RunningHost();
     return h ? h->services.Call(code, a1, a2, a3, a4, a5, a6, caller) : 0;
 }
+
+// Modules and drivers write into this log through the executable's export;
+// the text is UTF-16, written as is (no format is applied to it).
+ZOR_EXPORT void ZOR_Log(std::uint32_t level, std::uint32_t mask, const std::uint16_t* text) {
+    zor::Host* h = zor::RunningHost();
+    if (h && text) h->log.wPrintf(level, mask, u"%s", reinterpret_cast<const char16_t*>(text));
+}

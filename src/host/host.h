@@ -61,3 +61,5 @@ extern "C" std::int64_t ServiceProc(std::uint32_t code, std::uintptr_t a1,
                                        std::uintptr_t a2, std::uintptr_t a3,
                                        std::uintptr_t a4, std::uintptr_t a5,
                                        std::uintptr_t a6);
+// Exported by the executable under ZOR_LOG_EXPORT_NAME.
+ZOR_EXPORT void ZOR_Log(std::uint32_t level, std::uint32_t mask, const std::uint16_t* text);
