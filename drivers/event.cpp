@@ -152,11 +152,11 @@ bool ServeEvent(DWORD* error) {
     }
 }
 
+// A read that fails to start is not pending: nothing will set its event.
 bool Issue(Read& r) {
-    r.issued = true;
-    if (ReadFile(g.handle, r.buffer, g.size, nullptr, &r.ov)) return true;
-    const DWORD e = GetLastError();
-    return e == ERROR_IO_PENDING || e == ERROR_MORE_DATA;
+    r.issued = ReadFile(g.handle, r.buffer, g.size, nullptr, &r.ov) || GetLastError() == ERROR_IO_PENDING ||
+               GetLastError() == ERROR_MORE_DATA;
+    return r.issued;
 }
 
 void CancelReads() {
@@ -168,37 +168,38 @@ void CancelReads() {
     }
 }
 
+// Reads completed before a failure are still delivered, in the order issued;
+// the source has failed once no read is pending.
 bool ServeReads(DWORD* error) {
+    std::uint32_t issued = 0;
     for (std::uint32_t i = 0; i < g.pending; ++i) {
-        if (!Issue(g.reads[i])) {
-            *error = GetLastError();
-            return false;
-        }
+        if (Issue(g.reads[i])) ++issued;
+        else *error = GetLastError();
     }
-    for (std::uint32_t next = 0;; next = (next + 1) % g.pending) {
+    for (std::uint32_t next = 0; issued > 0; next = (next + 1) % g.pending) {
         Read& r = g.reads[next];
+        if (!r.issued) continue;
         HANDLE waits[2] = {g.stop, r.ov.hEvent};
         const DWORD w = WaitForMultipleObjects(2, waits, FALSE, INFINITE);
         if (w == WAIT_OBJECT_0) return true;
         DWORD got = 0;
-        if (w != WAIT_OBJECT_0 + 1) {
-            *error = GetLastError();
+        const bool done = w == WAIT_OBJECT_0 + 1 && GetOverlappedResult(g.handle, &r.ov, &got, FALSE);
+        const DWORD e = done ? ERROR_SUCCESS : GetLastError();
+        if (!done && e != ERROR_MORE_DATA && e != ERROR_OPERATION_ABORTED) {
+            *error = e;
             return false;
         }
         r.issued = false;
-        if (!GetOverlappedResult(g.handle, &r.ov, &got, FALSE)) {
-            *error = GetLastError();
-            if (*error != ERROR_MORE_DATA) return false;
-            got = g.size;
+        --issued;
+        if (e != ERROR_OPERATION_ABORTED) {  // a read the device cancelled is only issued again
+            std::uint32_t sequence = g.sequence + 1;
+            if (got >= 4) std::memcpy(&sequence, r.buffer, 4);
+            Deliver(sequence);
         }
-        std::uint32_t sequence = g.sequence + 1;
-        if (got >= 4) std::memcpy(&sequence, r.buffer, 4);
-        Deliver(sequence);
-        if (!Issue(r)) {
-            *error = GetLastError();
-            return false;
-        }
+        if (Issue(r)) ++issued;
+        else *error = GetLastError();
     }
+    return false;
 }
 
 bool ServeDevice(DWORD* error) {

@@ -61,7 +61,7 @@ TEST(EventIrq, DeviceModeDeliversTheDeviceCountsAndOutlivesTheDevice) {
     SetEvent(go);
     CloseHandle(go);
     EXPECT_EQ(device.Finish(), 0u);
-    ASSERT_TRUE(seen.WaitCount(1110));
+    ASSERT_TRUE(seen.WaitCount(1110)) << seen.words[0];
     for (std::uint32_t i = 0; i < 1110; ++i) ASSERT_EQ(seen.words[1 + i], i < 1100 ? i + 1 : i + 101) << i;
     EXPECT_TRUE(zor.WaitLog("ZOR: event.irq: device '" + path +
                             "' failed with error 109 (failure 1), opening it again\n\r"));
