@@ -15,6 +15,7 @@
 
 #include "client/payloads.h"
 #include "zor/zor_client.h"
+#include "zor/zor_version.h"
 
 namespace {
 
@@ -22,6 +23,7 @@ constexpr int kOk = 0, kFail = 1, kUsage = 2, kNoHost = 3;
 
 const char kHelp[] =
     "usage: zorctl [--pid P] [--timeout MS] COMMAND [ARGS]\n"
+    "       zorctl --version\n"
     "\n"
     "Commands:\n"
     "  status                      is a host running; its IRQ driver's query value\n"
@@ -308,6 +310,10 @@ int Main(int argc, char** argv) {
     for (; i < argc && argv[i][0] == '-'; ++i) {
         if (!std::strcmp(argv[i], "--help") || !std::strcmp(argv[i], "-h")) {
             std::fputs(kHelp, stdout);
+            return kOk;
+        }
+        if (!std::strcmp(argv[i], "--version")) {
+            std::printf("zorctl %s\n", ZOR_VERSION_STRING);
             return kOk;
         }
         if (!std::strcmp(argv[i], "--pid")) {
