@@ -11,12 +11,16 @@
 // %p prints the pointer as 16 upper-case hex digits, zero padded.
 // %n is not supported: it consumes its pointer and writes nothing.
 // An unknown conversion is copied to the output as written.
-// Floating conversions go through snprintf on a narrow buffer; precision is
-// capped at 120 digits and exponents have at least two digits everywhere.
+// Floating conversions print what printf prints in the C locale, without the
+// C runtime (which may lock or allocate); precision is capped at 120 digits
+// and exponents have at least two digits everywhere; a NaN prints without
+// its sign.
 #include "support/wformat.h"
 
+#include <algorithm>
+#include <charconv>
+#include <cmath>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 
 namespace zor {
@@ -225,45 +229,76 @@ void put_pointer(Out& o, const Conv& sp, std::uintptr_t v) {
     if (sp.left) pad(o, sp.width, nd, u' ');
 }
 
-// Some C runtimes print three exponent digits; the log reads the same on
-// every platform with the C99 form (at least two).
-std::size_t trim_exponent(char* s, std::size_t n) {
-    for (std::size_t i = 0; i < n; ++i) {
-        if (s[i] != 'e' && s[i] != 'E') continue;
-        if (n - i == 5 && s[i + 2] == '0') {  // e+0dd
-            std::memmove(s + i + 2, s + i + 3, 2);
-            return n - 1;
+// Digits of one floating conversion into b (at least 512 chars), no sign
+// flags: std::to_chars rounds exactly like printf in the C locale (nearest,
+// ties to even on the exact binary value) and neither allocates nor locks.
+// Exponents have at least two digits, the C99 form, on every platform.
+std::size_t float_digits(char* b, double v, char conv, int prec, bool alt) {
+    char* end = b + 512;
+    char lc = static_cast<char>(conv | 0x20);
+    std::to_chars_result r;
+    if (lc == 'f') {
+        r = std::to_chars(b, end, v, std::chars_format::fixed, prec);
+    } else if (lc == 'e') {
+        r = std::to_chars(b, end, v, std::chars_format::scientific, prec);
+    } else if (lc == 'a') {
+        char* d = b;
+        if (std::signbit(v)) *d++ = '-';
+        if (std::isfinite(v)) *d++ = '0', *d++ = 'x';
+        double m = std::fabs(v);
+        r = prec < 0 ? std::to_chars(d, end, m, std::chars_format::hex)
+                     : std::to_chars(d, end, m, std::chars_format::hex, prec);
+    } else {  // g: P significant digits, style by the rounded exponent
+        int p = prec == 0 ? 1 : prec;
+        r = std::to_chars(b, end, v, std::chars_format::scientific, p - 1);
+        char* e = std::find(b, r.ptr, 'e');
+        if (e != r.ptr) {
+            int x = 0;
+            for (const char* d = e + 2; d < r.ptr; ++d) x = x * 10 + (*d - '0');
+            if (e[1] == '-') x = -x;
+            if (x >= -4 && x < p) r = std::to_chars(b, end, v, std::chars_format::fixed, p - 1 - x);
+            if (!alt) {  // drop trailing zeros of the fraction (and a bare point)
+                char* x_end = std::find(b, r.ptr, 'e');
+                char* dot = std::find(b, x_end, '.');
+                if (dot != x_end) {
+                    char* t = x_end;
+                    while (t[-1] == '0') --t;
+                    if (t - 1 == dot) --t;
+                    std::memmove(t, x_end, static_cast<std::size_t>(r.ptr - x_end));
+                    r.ptr -= x_end - t;
+                }
+            }
         }
-        break;
     }
+    std::size_t n = static_cast<std::size_t>(r.ptr - b);
+    bool finite = std::isfinite(v);
+    // '#': always a decimal point (%a too).
+    if (alt && finite && std::find(b, b + n, '.') == b + n) {
+        char* at = std::find_if(b, b + n, [](char c) { return c == 'e' || c == 'p'; });
+        std::memmove(at + 1, at, static_cast<std::size_t>(b + n - at));
+        *at = '.';
+        ++n;
+    }
+    if (conv != lc)
+        for (std::size_t i = 0; i < n; ++i)
+            if (b[i] >= 'a' && b[i] <= 'z') b[i] = static_cast<char>(b[i] - 32);
     return n;
 }
 
 void put_float(Out& o, const Conv& sp, double v, char conv) {
-    char f[16];
-    int k = 0;
-    f[k++] = '%';
-    if (sp.plus) f[k++] = '+';
-    if (sp.space) f[k++] = ' ';
-    if (sp.alt) f[k++] = '#';
-    f[k++] = '.';
-    f[k++] = '*';
-    f[k++] = conv;
-    f[k] = 0;
+    if (std::isnan(v)) v = std::fabs(v);  // "nan", never "-nan": what the Windows build always printed
     int prec = sp.prec < 0 ? 6 : sp.prec > kMaxFloatPrecision ? kMaxFloatPrecision : sp.prec;
     if (sp.prec < 0 && (conv == 'a' || conv == 'A')) prec = -1;  // exact hex digits
-    char nb[512];
-    int r = std::snprintf(nb, sizeof nb, f, prec, v);
-    if (r < 0) return;
-    std::size_t len = static_cast<std::size_t>(r) < sizeof nb ? static_cast<std::size_t>(r) : sizeof nb - 1;
-    if (conv != 'f' && conv != 'F') len = trim_exponent(nb, len);
+    char nb[520];
+    std::size_t len = 0;
+    if (!std::signbit(v) && (sp.plus || sp.space)) nb[len++] = sp.plus ? '+' : ' ';
+    len += float_digits(nb + len, v, conv, prec, sp.alt);
 
     // Zero padding goes after the sign (and "0x"); never for inf and nan.
     std::size_t lead = 0;
     if (len && (nb[0] == '-' || nb[0] == '+' || nb[0] == ' ')) lead = 1;
     if ((conv == 'a' || conv == 'A') && len >= lead + 2 && nb[lead] == '0') lead += 2;
-    char last = len ? nb[len - 1] : 0;
-    bool finite = (last >= '0' && last <= '9') || last == '.';
+    bool finite = std::isfinite(v);
     std::size_t w = sp.width > 0 ? static_cast<std::size_t>(sp.width) : 0;
     if (w > len && !sp.left) {
         if (sp.zero && finite) {

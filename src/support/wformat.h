@@ -1,7 +1,9 @@
 // printf-style formatting of UTF-16 formats into a fixed UTF-16 buffer.
 // %s takes a UTF-16 string (char16_t*); %S a narrow UTF-8 string.
 // Supported: flags '-' '0' '+' ' ' '#', width and precision (also '*'),
-// length l ll h z I64, conversions d i u x X o c s S p f F e E g G %.
+// length l ll h z I64, conversions d i u x X o c s S p f F e E g G a A %.
+// Floating conversions print what printf prints, without the C runtime; a
+// NaN prints without its sign.
 #pragma once
 
 #include <cstdarg>

@@ -1,51 +1,54 @@
-// libFuzzer entry for the command intake: the first 8 bytes pick the
-// command, the rest is the payload, handed over as a block of exactly its
-// size so that any read beyond it is an AddressSanitizer error.
-//
-// Not part of the regular build (it needs clang's fuzzer runtime):
-//   CC=clang CXX=clang++ cmake -S . -B build/fuzz -G Ninja \
-//       -DCMAKE_BUILD_TYPE=Debug -DZOR_SANITIZE=address,undefined,fuzzer-no-link
-//   ninja -C build/fuzz zor_core
-//   clang++ -std=c++20 -g -fsanitize=fuzzer,address,undefined -Isrc -Iinclude \
-//       tests/fuzz/command_intake_fuzz.cpp build/fuzz/libzor_core.a build/fuzz/libzor_os.a \
-//       -ldl -lpthread -o build/fuzz/command_intake_fuzz
-//   build/fuzz/command_intake_fuzz -max_total_time=60
-//
-// Commands 3 and 15 (memory for arbitrary process ids) and 4 (ends the
-// dialog) are left out; everything else runs against one long-lived host.
+// WM_COPYDATA commands through the real intake: one flag byte, the 8-byte
+// dwData (any value), then the payload, handed over as a block of exactly
+// its size so that any read beyond it is an AddressSanitizer error.
+// Flag bit 0 puts this process's id into the command's pid field (so that
+// memory and handles are really handed out; the harness then closes the
+// handle the client would own); bit 1 registers counting_isr first.
 #include <cstdint>
-#include <cstring>
 #include <memory>
 
+#include "common/fuzz_host.h"
+#include "common/test_host.h"
 #include "host/command_intake.h"
-#include "host/host.h"
+#include "os/os.h"
 
 namespace {
 
-zor::Host& TheHost() {
-    static zor::Logger* log = [] {
-        auto* l = new zor::Logger;
-        l->SetDebugOutput(false);
-        l->Start(u"");
-        l->SetActive("none");
-        return l;
-    }();
-    static zor::Host* host = new zor::Host(*log);
-    return *host;
+// Where each command keeps a process id, -1 where it has none. Command 8
+// is left to the foreign pid: with this process it would take arbitrary
+// descriptors of the fuzzer itself as the client's pipes.
+int PidOffset(std::uint64_t cmd) {
+    switch (cmd) {
+        case ZOR_CMD_ISR_REGISTER: case ZOR_CMD_SYSMEM: case ZOR_CMD_PIPE_DISCONNECT:
+        case ZOR_CMD_CLIENT_ADD: case ZOR_CMD_CLIENT_REMOVE: case ZOR_CMD_GET_ISR_MEM:
+            return 0;
+        default:
+            return -1;
+    }
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size < 8) return 0;
-    std::uint64_t cmd;
-    std::memcpy(&cmd, data, 8);
-    if (cmd == ZOR_CMD_SYSMEM || cmd == ZOR_CMD_GET_ISR_MEM || cmd == ZOR_CMD_QUIT) return 0;
-    std::size_t n = size - 8;
-    std::unique_ptr<std::uint8_t[]> payload(new std::uint8_t[n ? n : 1]);
-    if (n) std::memcpy(payload.get(), data + 8, n);
-    zor::Host& host = TheHost();
-    zor::OnCopyData(host, cmd, payload.get(), static_cast<std::uint32_t>(n), zor::DialogEnder{});
-    host.clients.StopAll();
+    zor::test::FuzzBytes in{data, size};
+    const auto flags = in.Take<std::uint8_t>();
+    const auto cmd = in.Take<std::uint64_t>();
+    std::unique_ptr<std::uint8_t[]> payload(new std::uint8_t[in.n ? in.n : 1]);
+    if (in.n) std::memcpy(payload.get(), in.p, in.n);
+    const bool own = (flags & 1) && PidOffset(cmd) >= 0 && in.n >= 4;
+    if (own) {
+        const std::uint32_t pid = zor::os::current_process_id();
+        std::memcpy(payload.get() + PidOffset(cmd), &pid, 4);
+    }
+    zor::test::FuzzHost fh;
+    if (flags & 2) zor::test::RegisterIsr(fh.host, "counting_isr");
+    int ended = 0;
+    zor::DialogEnder ender{&ended, [](void* c, std::intptr_t) { ++*static_cast<int*>(c); }};
+    const std::uint32_t r = zor::OnCopyData(fh.host, cmd, payload.get(),
+                                            static_cast<std::uint32_t>(in.n), ender);
+    // The client's copy of a handed-out handle is the client's to close.
+    if (own && r != 0 &&
+        (cmd == ZOR_CMD_ISR_REGISTER || cmd == ZOR_CMD_SYSMEM || cmd == ZOR_CMD_GET_ISR_MEM))
+        zor::os::handle_close(r);
     return 0;
 }
