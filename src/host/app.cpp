@@ -12,7 +12,13 @@ namespace zor {
 int RunZorApp(const char16_t* commandLine, DialogShell& shell) {
     bool hide = FindSwitch(commandLine, u"HIDE") != nullptr;
     Logger logger;
+    char16_t ini[260];
+    InstallationIniPath(ini);
+    Logger::Settings logSettings;
+    ReadLogSettings(ini, &logSettings);
+    logger.Configure(logSettings);
     logger.Start();
+    logger.FlushAtCrash();
     // The host's tables are large; keep them off the main thread's stack.
     Host* host = new (std::nothrow) Host(logger);
     if (!host) {

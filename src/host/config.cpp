@@ -3,6 +3,7 @@
 
 #include "host/host.h"
 #include "os/os.h"
+#include "support/log.h"
 #include "support/paths.h"
 #include "support/wformat.h"
 #include "support/wstr.h"
@@ -29,6 +30,24 @@ void ReadConfigFiles(Host& host) {
 
     os::ini_read_string(kSection, u"FALLBACKIRQ", u"", c.fallbackIrqName, kPath, c.szIni);
     c.allowLowIntegrity = os::ini_read_int(kSection, u"ALLOWLOWINTEGRITY", 0, c.szIni) == 1;
+}
+
+// '?' never starts a path or a list of pairs: it stands for "key absent".
+void ReadLogSettings(const char16_t* ini, Logger::Settings* s) {
+    *s = Logger::Settings{};
+    os::ini_read_string(kSection, u"LOGFILE", u"?", s->file, kPath, ini);
+    s->hasFile = s->file[0] != u'?';
+    os::ini_read_string(kSection, u"LOGACTIVE", u"?", s->active, 256, ini);
+    s->hasActive = s->active[0] != u'?';
+    s->maxFileBytes = std::uint64_t{os::ini_read_int(kSection, u"LOGMAXMB", 16, ini)} << 20;
+    s->keepFiles = os::ini_read_int(kSection, u"LOGFILES", LogFile::kDefaultKeep, ini);
+}
+
+void InstallationIniPath(char16_t* ini) {
+    char16_t dir[kPath];
+    FU_GetProcessStartupDir(dir);
+    FU_FormatPath(dir, u'\\');
+    wformat(ini, kPath, u"%sZOR.INI", dir);
 }
 
 void LoadConfig(Host& host) {

@@ -13,6 +13,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "support/log.h"
+
 namespace zor {
 
 struct Host;
@@ -44,6 +46,16 @@ void LoadConfig(Host& host);
 // the precedence rules can be exercised on files of a test's own choosing.
 void ReadConfigFiles(Host& host);
 
+// The log's keys, read from the per-installation file only, before the log
+// starts (the environment variables ZOR_LOG_FILE and ZOR_LOG_ACTIVE win):
+//   LOGFILE    the log file, as ZOR_LOG_FILE (empty: no file)
+//   LOGACTIVE  the active pairs, as ZOR_LOG_ACTIVE
+//   LOGMAXMB   size cap of one log file in MiB, default 16, 0: no cap
+//   LOGFILES   log files kept, the current one included, default 10,
+//              0: none deleted
+void ReadLogSettings(const char16_t* ini, Logger::Settings* s);
+// "<start-up directory>\ZOR.INI" (szIni), into 260 units.
+void InstallationIniPath(char16_t* ini);
 // Records a client process id (command 3): stored at index ClientCount, then
 // ClientCount + 1, set back to 9 when it reaches 10, so from the tenth
 // client on entry 9 is overwritten and never examined.

@@ -38,6 +38,15 @@ std::uint32_t tick_ms();
 void sleep_ms(std::uint32_t ms);
 // Which clock now_ms() uses ("tsc", "qpc", "clock_gettime"), for the log.
 const char* clock_name();
+// The system's wall clock: milliseconds since 1970-01-01 UTC. It may jump
+// (clock set, time sync); log stamps re-anchor to it, never order by it.
+std::int64_t wall_ms();
+struct LocalTime {
+    int year, month, day, hour, minute, second;
+};
+// The local time (time zone and daylight saving of that moment) of a
+// wall-clock second; false when it cannot be converted.
+bool local_time(std::int64_t unix_seconds, LocalTime* out);
 
 // ---------------------------------------------------------------- identity
 std::uint32_t current_thread_id();
@@ -47,6 +56,9 @@ bool process_alive(std::uint32_t pid);
 std::uint32_t processor_count();
 // Last error of the calling thread (GetLastError / errno).
 std::uint32_t last_error();
+// The system's text for an error code of last_error(), UTF-8, without a
+// line end or final period; always terminated.
+void error_text(std::uint32_t code, char* buf, std::size_t size);
 
 // ---------------------------------------------------------------- files
 // GetPrivateProfileStringW: copies the value (or `def`) into out, cut to
@@ -112,6 +124,13 @@ struct Fault {
 // was caught. Re-entrant and nestable; allocates nothing.
 bool guarded_run(void (*body)(void*), void* ctx, Fault* fault);
 
+// ---------------------------------------------------------------- crash hook
+// hook(ctx) runs once, on the faulting thread, when a fault that no guard
+// takes is about to end the process (the unhandled-exception filter on
+// Windows, the fatal-signal handler on posix); the process then ends as it
+// would have. Other threads still run meanwhile. A null hook removes it.
+void set_crash_hook(void (*hook)(void* ctx), void* ctx);
+
 // ---------------------------------------------------------------- threads
 // Thread procedure: returns the exit code.
 using ThreadProc = std::uint32_t (*)(void* arg);
@@ -161,6 +180,12 @@ struct Calls {
 
     bool (*priority_class_set)(std::uint32_t cls);
     bool (*thread_priority_set)(Thread t, int priority);
+
+    // Opens a file for appending, created when missing, readable by others
+    // meanwhile; closed with handle_close.
+    Handle (*file_open_append)(const char16_t* path);
+    // Writes all n bytes at the end; false on any failure (last_error()).
+    bool (*file_write)(Handle h, const void* buf, std::uint32_t n);
 };
 extern Calls calls;
 
@@ -189,5 +214,7 @@ inline bool thread_close(Thread t) { return calls.handle_close(t); }
 inline bool thread_cancel_io(Thread t) { return calls.thread_cancel_io(t); }
 inline bool priority_class_set(std::uint32_t c) { return calls.priority_class_set(c); }
 inline bool thread_priority_set(Thread t, int p) { return calls.thread_priority_set(t, p); }
+inline Handle file_open_append(const char16_t* p) { return calls.file_open_append(p); }
+inline bool file_write(Handle h, const void* b, std::uint32_t n) { return calls.file_write(h, b, n); }
 
 }  // namespace zor::os

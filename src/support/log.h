@@ -14,22 +14,31 @@
 // to 16 ms after about 100 ms without any; so an entry reaches the outputs
 // within ~1 ms during activity and within ~20 ms after a quiet spell. Flush()
 // and End() write everything at once. Each entry goes, in the order queued,
-//   - to the file (UTF-8) as "[<seconds since Start, 6 decimals> tid=<thread
-//     id> <level>/<mask>] " followed by the text exactly as formatted (the
-//     facility adds no line end; "\n\r" endings stay as they are),
+//   - to the file (UTF-8): a stamp with the local wall-clock time (ms) and
+//     the seconds since Start, then the text exactly as formatted (the
+//     facility adds no line end; "\n\r" endings stay as they are); the
+//     format, the first entry of each file, rotation and write failures are
+//     described in log_file.h;
 //   - to os::debug_output as the UTF-16 text; the entries of one pass are
 //     joined into one call of up to 8191 units, as a call can cost
-//     hundreds of microseconds under Wine,
+//     hundreds of microseconds under Wine; this channel also carries every
+//     entry while the file cannot be written;
 //   - to the sink, if one is set, as the UTF-8 text.
 // After a pass in which entries had been dropped the writer adds the entry
 // "ZOR: log dropped <N> lines\n" (level and mask kSelfLevel, stamp "log").
-// The file starts with one line "# ZOR log: process <pid>, started
-// <YYYY-MM-DD HH:MM:SS> local time, clock <name>\n".
 //
 // The file: Start(file) with a non-empty path; else ZOR_LOG_FILE when set
-// (empty: no file); else <per-user application-data folder>/ZOR/logs/
-// zor-<YYYYMMDD-HHMMSS>-<pid>.log (local time). Missing folders are created;
-// an existing file is replaced. '\\' and '/' both separate.
+// (empty: no file); else Settings::file (LOGFILE in ZOR.INI, same syntax);
+// else the per-run file <per-user application-data folder>/ZOR/logs/
+// zor-<YYYYMMDD-HHMMSS>-<pid>.log (local time). A named file is appended
+// to, never truncated; when it cannot be opened, the entry
+// "ZOR: log: cannot open '<path>' (<reason>)\n" goes to the debugger
+// channel and the sink at once and, unless the path came from Start, the
+// per-run file takes over and carries it too. Missing folders are
+// created. '\\' and '/' both separate.
+//
+// FlushAtCrash: when a fault that no guard takes ends the process, the
+// faulting thread writes every queued entry to the file first.
 //
 // Active pairs: ZOR_LOG_ACTIVE (read at Start) and SetActive take a comma
 // list, applied left to right:
@@ -45,7 +54,8 @@
 // only with mask 1 besides every other level. Spaces around items are
 // ignored. A malformed list is refused (false) and changes nothing; at Start
 // the logger then keeps everything active and logs
-// "ZOR: log: ZOR_LOG_ACTIVE '<text>' not understood, all pairs active\n".
+// "ZOR: log: ZOR_LOG_ACTIVE '<text>' not understood, all pairs active\n"
+// (LOGACTIVE instead of ZOR_LOG_ACTIVE when the list came from Settings).
 //
 // Start, End, Flush, SetActive, SetSink and the tuning calls are for one
 // controlling thread; wPrintf may be called from any thread at any time
@@ -57,6 +67,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "support/log_file.h"
+
 namespace zor {
 
 class Logger {
@@ -66,21 +78,36 @@ public:
     using Sink = void (*)(void* ctx, std::uint32_t level, std::uint32_t mask,
                           const char* utf8, std::size_t len);
 
+    // What ZOR.INI may set; the environment variables win.
+    struct Settings {
+        char16_t file[260] = {};  // LOGFILE, used when hasFile ("": no file)
+        bool hasFile = false;
+        char16_t active[256] = {};  // LOGACTIVE, used when hasActive
+        bool hasActive = false;
+        std::uint64_t maxFileBytes = LogFile::kDefaultMaxBytes;  // 0: no cap
+        std::uint32_t keepFiles = LogFile::kDefaultKeep;         // 0: keep all
+    };
+
     Logger();
     ~Logger();  // ends the log if still running
     Logger(const Logger&) = delete;
     Logger& operator=(const Logger&) = delete;
 
-    // Logger_Start: opens the log of this run. The file is ZOR_LOG_FILE when
-    // set, else the default (above); the active pairs come from
-    // ZOR_LOG_ACTIVE (default: all). `file` overrides both the variable and
-    // the default; an empty string means no file at all. True when the
+    // Logger_Start: opens the log of this run. The file and the active
+    // pairs are chosen as described above (active pairs default: all).
+    // `file` overrides every other choice; an empty string means no file
+    // at all. True when the
     // writer runs, even if the file could not be opened (FilePath() is then
     // empty and an entry says so); false when already started or when the
     // writer thread cannot be created.
     bool Start(const char16_t* file = nullptr);
     // Logger_End: writes everything queued, then closes.
     void End();
+    // For the next Start.
+    void Configure(const Settings& settings);
+    // Makes this running logger the one the process's crash hook flushes,
+    // until End.
+    void FlushAtCrash();
 
     void wPrintf(std::uint32_t level, std::uint32_t mask, const char16_t* fmt, ...);
     void vwPrintf(std::uint32_t level, std::uint32_t mask, const char16_t* fmt,

@@ -23,6 +23,8 @@ constexpr Calls kNative = {
     .thread_cancel_io = posix::thread_cancel_io,
     .priority_class_set = posix::priority_class_set,
     .thread_priority_set = posix::thread_priority_set,
+    .file_open_append = posix::file_open_append,
+    .file_write = posix::file_write,
 };
 }  // namespace
 

@@ -14,6 +14,7 @@
 // The jump buffer does not save the signal mask (no system call per
 // guarded call); the handler restores the mask of the interrupted code
 // from its context before jumping.
+#include <atomic>
 #include <cerrno>
 #include <csetjmp>
 #include <csignal>
@@ -93,7 +94,14 @@ const void* fault_address(const ucontext_t* uc) {
     return reinterpret_cast<const void*>(pc);
 }
 
+std::atomic<void (*)(void*)> g_crash_hook{nullptr};
+std::atomic<void*> g_crash_ctx{nullptr};
+std::atomic<bool> g_crashed{false};
+
+// A fault no guard takes ends the process: the crash hook runs first, once.
 void pass_on(int sig, siginfo_t* info, void* context) {
+    if (auto hook = g_crash_hook.load(std::memory_order_acquire); hook && !g_crashed.exchange(true))
+        hook(g_crash_ctx.load(std::memory_order_relaxed));
     const struct sigaction& prev = g_previous[slot_of(sig)];
     if ((prev.sa_flags & SA_SIGINFO) && prev.sa_sigaction) {
         prev.sa_sigaction(sig, info, context);
@@ -135,6 +143,12 @@ void install() {
 }
 
 }  // namespace
+
+void set_crash_hook(void (*hook)(void*), void* ctx) {
+    install();  // the guard's handler is the one that sees unguarded faults
+    g_crash_ctx.store(ctx, std::memory_order_relaxed);
+    g_crash_hook.store(hook, std::memory_order_release);
+}
 
 bool guarded_run(void (*body)(void*), void* ctx, Fault* fault) {
     install();

@@ -75,5 +75,7 @@ std::uint32_t thread_wait(Thread t, std::uint32_t timeout_ms);
 bool thread_cancel_io(Thread t);
 bool priority_class_set(std::uint32_t cls);
 bool thread_priority_set(Thread t, int priority);
+Handle file_open_append(const char16_t* path);
+bool file_write(Handle h, const void* buf, std::uint32_t n);
 
 }  // namespace zor::os::posix
