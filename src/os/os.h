@@ -111,6 +111,9 @@ struct Fault {
 // True when body returned normally; false with *fault filled when a fault
 // was caught. Re-entrant and nestable; allocates nothing.
 bool guarded_run(void (*body)(void*), void* ctx, Fault* fault);
+// Calls visit(ctx, arg) for each guarded_run of the calling thread that is
+// still running `body`, innermost first: what this thread is itself inside.
+void guarded_visit(void (*body)(void*), void (*visit)(void* ctx, void* arg), void* arg);
 
 // ---------------------------------------------------------------- threads
 // Thread procedure: returns the exit code.
@@ -161,6 +164,9 @@ struct Calls {
 
     bool (*priority_class_set)(std::uint32_t cls);
     bool (*thread_priority_set)(Thread t, int priority);
+    // Closes a handle value valid in `process` (DuplicateHandle with
+    // DUPLICATE_CLOSE_SOURCE): takes back what handle_dup_to gave.
+    bool (*handle_close_in)(Handle process, std::uint64_t remote);
 };
 extern Calls calls;
 
@@ -181,6 +187,7 @@ inline Handle process_open(std::uint32_t pid) { return calls.process_open(pid); 
 inline bool handle_dup_to(Handle p, Handle h, std::uint64_t* r) { return calls.handle_dup_to(p, h, r); }
 inline bool handle_dup_from(Handle p, std::uint64_t r, Handle* h) { return calls.handle_dup_from(p, r, h); }
 inline bool handle_close(Handle h) { return calls.handle_close(h); }
+inline bool handle_close_in(Handle p, std::uint64_t r) { return calls.handle_close_in(p, r); }
 inline bool pipe_read(Handle h, void* b, std::uint32_t n, std::uint32_t* d) { return calls.pipe_read(h, b, n, d); }
 inline bool pipe_write(Handle h, const void* b, std::uint32_t n, std::uint32_t* d) { return calls.pipe_write(h, b, n, d); }
 inline Thread thread_create(ThreadProc p, void* a) { return calls.thread_create(p, a); }

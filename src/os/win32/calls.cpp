@@ -11,7 +11,7 @@ constexpr Calls kNative = {
     win32::process_open,    win32::handle_dup_to,     win32::handle_dup_from,
     win32::handle_close,    win32::pipe_read,         win32::pipe_write,
     win32::thread_create,   win32::thread_wait,       win32::thread_cancel_io,
-    win32::priority_class_set, win32::thread_priority_set,
+    win32::priority_class_set, win32::thread_priority_set, win32::handle_close_in,
 };
 }  // namespace
 

@@ -55,6 +55,8 @@ struct GuardFrame {
     std::uint64_t handler_chain;  // the thread block's handler chain at entry
     Fault fault;                  // the caught fault
     bool take_all;                // internal guard: takes every machine fault
+    void (*body)(void*);          // what runs under this guard
+    void* ctx;
 };
 static_assert(offsetof(GuardFrame, body_rsp) == 8, "used by the assembly");
 
@@ -419,6 +421,8 @@ bool run(void (*body)(void*), void* ctx, Fault* fault, bool take_all) {
     g.body_rsp = 0;
     g.handler_chain = gs_read(0);
     g.take_all = take_all;
+    g.body = body;
+    g.ctx = ctx;
     set_top_frame(&g);
     int ok = zor_guard_call(body, ctx, &g);
     set_top_frame(g.prev);
@@ -435,6 +439,11 @@ bool guarded_internal(void (*body)(void*), void* ctx) { return run(body, ctx, nu
 
 bool guarded_run(void (*body)(void*), void* ctx, Fault* fault) {
     return run(body, ctx, fault, false);
+}
+
+void guarded_visit(void (*body)(void*), void (*visit)(void* ctx, void* arg), void* arg) {
+    for (GuardFrame* g = top_frame(); g; g = g->prev)
+        if (g->body == body) visit(g->ctx, arg);
 }
 
 }  // namespace zor::os
