@@ -188,7 +188,8 @@ ZOR_CLIENT_API int zor_irq_query(ZorConnection* c, uint32_t* value);
 /* Command 7: forwards `value` to the IRQ driver; its answer in *answer. */
 ZOR_CLIENT_API int zor_irq_control(ZorConnection* c, uint32_t value,
                                    uint32_t* answer);
-/* Command 4: ends the host (it unloads nothing; its drivers stop). */
+/* Command 4: ends the host: it stops the client pipes, then unregisters
+   every ISR module (Detach, Shutdown) and the IRQ driver, and unloads them. */
 ZOR_CLIENT_API int zor_quit(ZorConnection* c);
 /* Commands 11 and 12 on their own (zor_pipe_open/close use them). */
 ZOR_CLIENT_API int zor_client_add(ZorConnection* c, uint32_t* index);

@@ -47,53 +47,83 @@ std::uint32_t ClientRegistry::ConnectClientPipe(std::uint32_t index, std::uint64
     // An unregistered pid arrives here as index 0, and record 0 serves it.
     if (index >= kRecords) return 0;
     ClientRecord& r = table_[index];
+    // A second connect replaces the first: its thread and handles go first,
+    // so that no two threads share one record and nothing is left open.
+    StopClientPipe(index);
     os::Handle process = os::process_open(pid);
     if (!process) return 0;
-    os::Handle request = 0;
-    if (!os::handle_dup_from(process, requestPipe, &request)) {
-        os::handle_close(process);
-        return 0;
-    }
-    r.requestPipe.store(request, std::memory_order_relaxed);
-    os::Handle reply = 0;
-    if (!os::handle_dup_from(process, replyPipe, &reply)) {
-        // The request end already duplicated stays in the record.
-        os::handle_close(process);
-        return 0;
-    }
-    r.replyPipe.store(reply, std::memory_order_relaxed);
+    os::Handle request = 0, reply = 0;
+    const bool ok = os::handle_dup_from(process, requestPipe, &request) &&
+                    os::handle_dup_from(process, replyPipe, &reply);
     os::handle_close(process);
-
-    r.stopRequested.store(0, std::memory_order_relaxed);
-    // A second connect overwrites the handles and the thread handle without
-    // stopping the running thread: it takes the new handles on its next pass.
-    r.pipeThread.store(os::thread_create(ClientPipeThread, &r), std::memory_order_release);
+    os::Thread thread = 0;
+    if (ok) {
+        r.requestPipe.store(request, std::memory_order_relaxed);
+        r.replyPipe.store(reply, std::memory_order_relaxed);
+        r.stopRequested.store(0, std::memory_order_relaxed);
+        thread = os::thread_create(ClientPipeThread, &r);
+    }
+    if (!thread) {
+        // Without a thread no stop would ever close them.
+        r.requestPipe.store(0, std::memory_order_relaxed);
+        r.replyPipe.store(0, std::memory_order_relaxed);
+        if (request) os::handle_close(request);
+        if (reply) os::handle_close(reply);
+        return 0;
+    }
+    r.pipeThread.store(thread, std::memory_order_release);
     return 0;
 }
 
-std::uint32_t ClientRegistry::StopClientPipe(std::uint32_t index) {
-    if (index >= kRecords) return 0;
+// Cancels the pipe thread's read only while it is really in it: the thread
+// cannot leave its read (and call a module, or write an answer) while
+// `reading` is 2, so the cancel never meets any other I/O of the thread.
+void ClientRegistry::CancelRead(ClientRecord& r, os::Thread thread) {
+    std::uint32_t expected = 1;
+    if (!r.reading.compare_exchange_strong(expected, 2, std::memory_order_acq_rel)) return;
+    os::thread_cancel_io(thread);
+    r.reading.store(1, std::memory_order_release);
+}
+
+// Waits up to `budgetMs` more for the thread, adding the time to *spent;
+// true when it ended. Waits in short slices and cancels the read whenever
+// the thread is blocked waiting for a request: a single cancel could arrive
+// just before the thread enters its read and be lost.
+bool ClientRegistry::AwaitThread(ClientRecord& r, os::Thread thread, std::uint32_t budgetMs,
+                                 std::uint32_t* spent) {
+    constexpr std::uint32_t kSliceMs = 20;
+    for (std::uint32_t waited = 0;;) {
+        CancelRead(r, thread);
+        const std::uint32_t slice = budgetMs - waited < kSliceMs ? budgetMs - waited : kSliceMs;
+        const bool ended = os::thread_wait(thread, slice) != os::kWaitTimeout;
+        waited += slice;
+        *spent += slice;
+        if (ended) return true;
+        if (waited >= budgetMs) return false;
+    }
+}
+
+bool ClientRegistry::StopPipe(std::uint32_t index, std::uint32_t budgetMs, std::uint32_t* spent,
+                              bool evenIfRunning) {
+    if (index >= kRecords) return true;
     ClientRecord& r = table_[index];
     os::Thread thread = r.pipeThread.load(std::memory_order_acquire);
-    if (!thread) return 0;
+    if (!thread) return true;
     r.stopRequested.store(1, std::memory_order_release);
-
-    // Wait in short slices and cancel the read whenever the thread is
-    // blocked waiting for a request: a single cancel could arrive just
-    // before the thread enters its read and be lost.
-    constexpr std::uint32_t kSliceMs = 20;
-    std::uint32_t waited = 0;
-    while (waited < kStopWaitMs) {
-        if (r.reading.load(std::memory_order_acquire)) os::thread_cancel_io(thread);
-        std::uint32_t slice = kStopWaitMs - waited < kSliceMs ? kStopWaitMs - waited : kSliceMs;
-        if (os::thread_wait(thread, slice) != os::kWaitTimeout) break;
-        waited += slice;
-    }
-
+    const bool ended = AwaitThread(r, thread, budgetMs, spent);
+    // A thread still inside a module keeps what it uses, unless the caller
+    // closes the handles under it (a stop while the host goes on).
+    if (!ended && !evenIfRunning) return false;
     os::thread_close(thread);
     r.pipeThread.store(0, std::memory_order_release);
     if (os::Handle h = r.requestPipe.exchange(0, std::memory_order_acq_rel)) os::handle_close(h);
     if (os::Handle h = r.replyPipe.exchange(0, std::memory_order_acq_rel)) os::handle_close(h);
+    return ended;
+}
+
+std::uint32_t ClientRegistry::StopClientPipe(std::uint32_t index) {
+    std::uint32_t spent = 0;
+    StopPipe(index, kStopWaitMs, &spent, true);
     return 0;
 }
 
@@ -106,8 +136,16 @@ std::uint32_t ClientRegistry::UnregisterClient(std::uint32_t pid) {
     return 1;
 }
 
-void ClientRegistry::StopAll() {
-    for (std::uint32_t i = 0; i < kRecords; ++i) StopClientPipe(i);
+bool ClientRegistry::StopAll() {
+    // All are asked first and share one wait: a thread stuck in a module
+    // costs the whole wait once, not once per client.
+    for (ClientRecord& r : table_)
+        if (r.pipeThread.load(std::memory_order_acquire)) r.stopRequested.store(1, std::memory_order_release);
+    std::uint32_t spent = 0;
+    bool all = true;
+    for (std::uint32_t i = 0; i < kRecords; ++i)
+        all = StopPipe(i, spent < kStopWaitMs ? kStopWaitMs - spent : 0, &spent, false) && all;
+    return all;
 }
 
 }  // namespace zor

@@ -14,14 +14,19 @@
 //   allocated per request, and two threads that serve one record after a
 //   second connect never share a buffer.
 // - A frame whose length is below 12 or above 262,144 bytes is a failed pass
-//   ("ZOR: Pipe-Communication failed!\n\r"): nothing of it is read.
+//   ("ZOR: Pipe-Communication failed!\n\r"); its declared bytes are read and
+//   dropped through the request buffer, so the next frame is served.
 // - Short reads are completed: the thread reads until the 4 length bytes or
 //   the L request bytes have all arrived; a failed read, or one that moves no
 //   bytes (end of pipe), fails the pass. Writes are completed the same way.
-// - A failed duplication in ConnectClientPipe closes the client-process
-//   handle it opened (nothing else changes: no thread, nothing logged).
+// - A failed duplication (or thread start) in ConnectClientPipe closes
+//   every handle it made: the record keeps no pipe without a thread. A
+//   second connect for a running pipe stops it first, as command 9 does.
 // - At host shut-down every pipe thread is stopped (StopAll) before the
 //   modules are unloaded, so that no thread is inside a module being freed.
+//   All threads share one wait of 10,000 ms; a thread stuck in a module
+//   keeps its record, its handles, the host and the module (which then
+//   stays loaded), and the process ends without freeing them.
 #pragma once
 
 #include <atomic>
@@ -43,7 +48,8 @@ struct ClientRecord {
     std::atomic<std::uint32_t> stopRequested{0};
     std::atomic<os::Thread> pipeThread{0};
     // 1 while the pipe thread waits for (or reads) a request: only then may a
-    // stop cancel its read. Never while a module runs or an answer is written.
+    // stop cancel its read, and it holds the word at 2 while it cancels.
+    // Never while a module runs or an answer is written.
     std::atomic<std::uint32_t> reading{0};
     // Fixed at construction: what the pipe thread needs to find its host.
     ClientRegistry* owner = nullptr;
@@ -73,8 +79,11 @@ public:
     std::uint32_t StopClientPipe(std::uint32_t index);
     // Command 12: 1 when a record was freed, 0 when the pid is unknown.
     std::uint32_t UnregisterClient(std::uint32_t pid);
-    // Stops the pipe thread of every record (0..9); used at shut-down.
-    void StopAll();
+    // Stops the pipe thread of every record (0..9); used at shut-down. The
+    // threads share one wait of kStopWaitMs. False when a thread is still
+    // running (inside a module): its record and handles are then left as
+    // they are, and the host must not be freed.
+    bool StopAll();
 
     // The table, for the pipe threads and for tests. index < kRecords.
     ClientRecord& Record(std::uint32_t index) { return table_[index]; }
@@ -82,6 +91,12 @@ public:
     Host& host() { return h_; }
 
 private:
+    static void CancelRead(ClientRecord& r, os::Thread thread);
+    static bool AwaitThread(ClientRecord& r, os::Thread thread, std::uint32_t budgetMs,
+                            std::uint32_t* spent);
+    bool StopPipe(std::uint32_t index, std::uint32_t budgetMs, std::uint32_t* spent,
+                  bool evenIfRunning);
+
     Host& h_;
     ClientRecord table_[kRecords];
 };

@@ -15,8 +15,10 @@ std::int32_t HandleClientRequest(Host& host, void* request) {
     std::uint32_t slot = host.slots.Check(module);
     if (!slot) return -1;
     auto body = reinterpret_cast<std::uintptr_t>(bytes + sizeof(ZorClientRequest));
-    return static_cast<std::int32_t>(
-        host.caller.CallModule(slot, ZOR_FN_EXEC_REMOTE_FUNC, body, 0, tag));
+    // A module being unregistered under this request is not registered.
+    bool gone = false;
+    const std::uint32_t r = host.caller.CallModule(slot, ZOR_FN_EXEC_REMOTE_FUNC, body, 0, tag, &gone);
+    return gone ? -1 : static_cast<std::int32_t>(r);
 }
 
 }  // namespace zor

@@ -37,16 +37,34 @@ bool WriteAll(ClientRecord& r, const void* buf, std::uint32_t n) {
     return true;
 }
 
+// Reads and drops n bytes through the buffer: what a refused frame declared.
+bool Discard(ClientRecord& r, unsigned char* buffer, std::uint32_t n) {
+    while (n) {
+        const std::uint32_t part = n < ZOR_PIPE_BUFFER_SIZE ? n : ZOR_PIPE_BUFFER_SIZE;
+        if (!ReadAll(r, buffer, part)) return false;
+        n -= part;
+    }
+    return true;
+}
+
 // One request-answer pass; false when any step failed.
 bool ServeOne(ClientRecord& r, unsigned char* buffer) {
     std::uint32_t length = 0;
     r.reading.store(1, std::memory_order_release);
     bool ok = ReadAll(r, &length, sizeof length);
     // A length the buffer cannot hold, or too short for the request header,
-    // is refused before anything of the request is read.
-    ok = ok && length >= sizeof(ZorClientRequest) && length <= ZOR_PIPE_BUFFER_SIZE;
-    ok = ok && ReadAll(r, buffer, length);
-    r.reading.store(0, std::memory_order_release);
+    // fails the pass; its bytes are still consumed, so that the next frame
+    // is read from its start.
+    if (ok && (length < sizeof(ZorClientRequest) || length > ZOR_PIPE_BUFFER_SIZE)) {
+        Discard(r, buffer, length);
+        ok = false;
+    } else {
+        ok = ok && ReadAll(r, buffer, length);
+    }
+    // A stop cancelling right now (2) finishes before this thread goes on.
+    for (std::uint32_t expected = 1;
+         !r.reading.compare_exchange_weak(expected, 0, std::memory_order_acq_rel); expected = 1) {
+    }
     if (!ok) return false;
     std::int32_t result = HandleClientRequest(r.owner->host(), buffer);
     return WriteAll(r, &result, sizeof result);

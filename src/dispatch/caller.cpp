@@ -96,17 +96,58 @@ void ModuleNameOfAddress(const void* address, char16_t* buf, unsigned size) {
 }
 
 std::uint32_t Caller::CallModule(std::uint32_t slot, std::uint32_t code, std::uint64_t arg,
-                                 std::uint32_t flags, std::uint32_t context) {
-    CallFrame f{this, &h_.slots[slot], slot, code, arg, flags, context, 0, 0, false};
+                                 std::uint32_t flags, std::uint32_t context, bool* gone) {
+    ModuleSlot& s = h_.slots[slot];
+    // Entering the count and seeing the closing bit are one operation, so
+    // an unloading thread either sees this call or this call sees it.
+    if (s.calls.fetch_add(1, std::memory_order_acq_rel) & ModuleSlot::kClosing) {
+        s.calls.fetch_sub(1, std::memory_order_release);
+        if (gone) *gone = true;
+        return 0;
+    }
+    CallFrame f{this, &s, slot, code, arg, flags, context, 0, 0, false};
     os::Fault fault{};
     if (!os::guarded_run(GuardedCall, &f, &fault)) {
         ReportFault(slot, fault.address);
     } else if (f.nullEntry) {
-        // What a call through null reports: the fault returns into the host.
-        ReportFault(slot, reinterpret_cast<const void*>(&GuardedCall));
+        // Cleared by an unloading, or not yet set by a registration.
+        if (gone && ((s.calls.load(std::memory_order_acquire) & ModuleSlot::kClosing) ||
+                     !s.inUse.load(std::memory_order_acquire))) {
+            *gone = true;
+        } else {
+            // What a call through null reports: the fault returns into the host.
+            ReportFault(slot, reinterpret_cast<const void*>(&GuardedCall));
+        }
     }
     if (context != 0) RemoveThreadContext(f.threadId);
+    s.calls.fetch_sub(1, std::memory_order_release);
     return f.result;
+}
+
+bool Caller::CloseSlot(std::uint32_t slot, std::uint32_t waitMs) {
+    ModuleSlot& s = h_.slots[slot];
+    s.calls.fetch_or(ModuleSlot::kClosing, std::memory_order_acq_rel);
+    s.entry.store(nullptr, std::memory_order_release);
+    // This thread's own calls into the slot (a module that asked for its own
+    // unloading) stay inside until this returns.
+    struct Own {
+        std::uint32_t slot;
+        std::uint32_t count;
+    } own{slot, 0};
+    os::guarded_visit(
+        GuardedCall,
+        [](void* ctx, void* arg) {
+            auto* o = static_cast<Own*>(arg);
+            if (static_cast<CallFrame*>(ctx)->slotNumber == o->slot) ++o->count;
+        },
+        &own);
+    const double until = os::now_ms() + waitMs;
+    for (;;) {
+        if ((s.calls.load(std::memory_order_acquire) & ~ModuleSlot::kClosing) <= own.count)
+            return true;
+        if (os::now_ms() >= until) return false;
+        os::sleep_ms(1);
+    }
 }
 
 void Caller::ReportFault(std::uint32_t slot, const void* address) {

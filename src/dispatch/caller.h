@@ -27,9 +27,18 @@ public:
 
     explicit Caller(Host& host) : h_(host) {}
 
-    // The caller has validated `slot`.
+    // The caller has validated `slot`. A slot whose module is being unloaded
+    // is not called: the result is 0 and *gone (when given) is set. With
+    // `gone` given, a null entry of a slot not in use counts as gone too
+    // instead of being reported as a fault.
     std::uint32_t CallModule(std::uint32_t slot, std::uint32_t code, std::uint64_t arg,
-                             std::uint32_t flags = 0, std::uint32_t context = 0);
+                             std::uint32_t flags = 0, std::uint32_t context = 0,
+                             bool* gone = nullptr);
+    // Unloading a slot's module: lets no new call in, clears the entry and
+    // waits up to `waitMs` for the calls in flight on other threads (the
+    // calling thread's own calls into the slot are not waited for). False
+    // when calls are still inside the module then.
+    bool CloseSlot(std::uint32_t slot, std::uint32_t waitMs);
     void ReportCall(std::uint32_t slot, double elapsed, std::uint32_t code,
                     std::uint64_t arg, std::uint32_t flags);
 

@@ -31,11 +31,17 @@ int RunZorApp(const char16_t* commandLine, DialogShell& shell) {
 
     shell.RunDialog(*host, hide);
 
-    // No pipe thread may be inside a module while the modules go.
-    host->clients.StopAll();
+    // No pipe thread may be inside a module while the modules go. A thread
+    // stuck in a module keeps that module loaded (unloading waits for it, a
+    // bounded time) and the host alive: the process ends under it.
+    const bool stopped = host->clients.StopAll();
     host->registry.UnloadAll();
-    SetRunningHost(nullptr);
-    delete host;
+    if (stopped) {
+        SetRunningHost(nullptr);
+        delete host;
+    } else {
+        logger.wPrintf(2, 0, u"ZOR: a client request is still running in a module: exit without cleanup\n\r");
+    }
     logger.End();
     return 0;
 }

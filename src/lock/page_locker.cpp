@@ -68,7 +68,9 @@ std::uint32_t PageLocker::LockModule(const void* address) {
     char16_t path[260] = {};
     if (!DescribeModule(address, u"lock", &base, &length, path)) return 0;
     // The name goes in before the list: it stays even when the list is full.
-    if (!names_.Add(log_, path)) return 0;
+    // A name too long for the table is left out of it (and logged), but the
+    // range is still kept, so that unlocking finds it.
+    names_.Add(log_, path);
     return LockRange(base, length);
 }
 

@@ -14,6 +14,8 @@ namespace {
 
 constexpr std::uint32_t kNameOffset = 16;
 constexpr std::uint32_t kNameUnits = 20;
+// How long unloading waits for calls in flight on other threads.
+constexpr std::uint32_t kUnloadWaitMs = 2000;
 
 long AsLong(std::uint64_t v) { return static_cast<long>(static_cast<std::int32_t>(v)); }
 
@@ -91,6 +93,13 @@ std::uint64_t Registry::Register(std::uint32_t pid, std::uint32_t sharedSize,
         }
     }
     if (!ok) {
+        // The client never learns the value: take its handle back.
+        if (remote != 0) {
+            if (const os::Handle process = os::process_open(pid)) {
+                os::handle_close_in(process, remote);
+                os::handle_close(process);
+            }
+        }
         ReleaseModuleSlot(slot);
         h_.dispatcher.PauseISR(false);
         return 0;
@@ -155,12 +164,19 @@ void Registry::ReleaseModuleSlot(std::uint32_t slot) {
     if (slot == 0 || slot >= SlotTable::kSlots) return;
     ZOR_LOCK_FUNCS(h_, 1042);
     ModuleSlot& s = h_.slots[slot];
+    // No call may still run in the library, nor use the view, when they go.
+    bool drained = true;
     if (s.module != nullptr) {
-        os::module_free(s.module);
+        drained = h_.caller.CloseSlot(slot, kUnloadWaitMs);
+        if (drained) {
+            os::module_free(s.module);
+        } else {
+            h_.log.wPrintf(2, 0, u"ZOR: ISR '%s' did not return within %ld ms: module stays loaded\n\r",
+                           s.name, AsLong(kUnloadWaitMs));
+        }
         s.module = nullptr;
-        s.entry.store(nullptr, std::memory_order_release);
     }
-    if (s.view != nullptr) {
+    if (s.view != nullptr && drained) {
         h_.sysLocker.UnlockRange(reinterpret_cast<std::uintptr_t>(s.view));
         os::mapping_unmap(s.view, s.sharedSize);
         s.view = nullptr;
@@ -173,6 +189,7 @@ void Registry::ReleaseModuleSlot(std::uint32_t slot) {
         os::handle_close(s.mapping);
         s.mapping = 0;
     }
+    s.view = nullptr;
 }
 
 void Registry::UnregisterISR(std::uint32_t slot) {

@@ -10,6 +10,7 @@ std::uint32_t SlotTable::Alloc() {
         s.startPending.store(0, std::memory_order_relaxed);
         s.blocked.store(0, std::memory_order_relaxed);
         s.busy.store(0, std::memory_order_relaxed);
+        s.calls.fetch_and(~ModuleSlot::kClosing, std::memory_order_acq_rel);
         s.module = nullptr;
         s.mapping = 0;
         s.view = nullptr;

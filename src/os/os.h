@@ -123,6 +123,9 @@ struct Fault {
 // True when body returned normally; false with *fault filled when a fault
 // was caught. Re-entrant and nestable; allocates nothing.
 bool guarded_run(void (*body)(void*), void* ctx, Fault* fault);
+// Calls visit(ctx, arg) for each guarded_run of the calling thread that is
+// still running `body`, innermost first: what this thread is itself inside.
+void guarded_visit(void (*body)(void*), void (*visit)(void* ctx, void* arg), void* arg);
 
 // ---------------------------------------------------------------- crash hook
 // hook(ctx) runs once, on the faulting thread, when a fault that no guard
@@ -186,6 +189,9 @@ struct Calls {
     Handle (*file_open_append)(const char16_t* path);
     // Writes all n bytes at the end; false on any failure (last_error()).
     bool (*file_write)(Handle h, const void* buf, std::uint32_t n);
+    // Closes a handle value valid in `process` (DuplicateHandle with
+    // DUPLICATE_CLOSE_SOURCE): takes back what handle_dup_to gave.
+    bool (*handle_close_in)(Handle process, std::uint64_t remote);
 };
 extern Calls calls;
 
@@ -206,6 +212,7 @@ inline Handle process_open(std::uint32_t pid) { return calls.process_open(pid); 
 inline bool handle_dup_to(Handle p, Handle h, std::uint64_t* r) { return calls.handle_dup_to(p, h, r); }
 inline bool handle_dup_from(Handle p, std::uint64_t r, Handle* h) { return calls.handle_dup_from(p, r, h); }
 inline bool handle_close(Handle h) { return calls.handle_close(h); }
+inline bool handle_close_in(Handle p, std::uint64_t r) { return calls.handle_close_in(p, r); }
 inline bool pipe_read(Handle h, void* b, std::uint32_t n, std::uint32_t* d) { return calls.pipe_read(h, b, n, d); }
 inline bool pipe_write(Handle h, const void* b, std::uint32_t n, std::uint32_t* d) { return calls.pipe_write(h, b, n, d); }
 inline Thread thread_create(ThreadProc p, void* a) { return calls.thread_create(p, a); }

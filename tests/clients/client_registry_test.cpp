@@ -112,22 +112,17 @@ TEST_F(RegistryInjected, AFailedDuplicationStartsNoThreadAndClosesTheProcess) {
     EXPECT_EQ(c.Record(i).requestPipe.load(), 0u);
     EXPECT_EQ(Injected::closed, std::vector<os::Handle>{Injected::process});
 
-    // The reply end fails: the request end already duplicated stays.
+    // The reply end fails: the request end already duplicated is closed too.
     Injected::dupCalls = 0;
     Injected::failDupAt = 2;
     Injected::closed.clear();
     EXPECT_EQ(c.ConnectClientPipe(i, reqRead_, repWrite_, os::current_process_id()), 0u);
     EXPECT_EQ(c.Record(i).pipeThread.load(), 0u);
-    EXPECT_NE(c.Record(i).requestPipe.load(), 0u);
+    EXPECT_EQ(c.Record(i).requestPipe.load(), 0u);
     EXPECT_EQ(c.Record(i).replyPipe.load(), 0u);
-    EXPECT_EQ(Injected::closed, std::vector<os::Handle>{Injected::process});
+    ASSERT_EQ(Injected::closed.size(), 2u);
+    EXPECT_EQ(Injected::closed[0], Injected::process);
     EXPECT_TRUE(log_.Lines().empty());
-
-    // A record without a thread keeps its handles through a stop; release
-    // this one here.
-    os::Handle kept = c.Record(i).requestPipe.load();
-    os::handle_close(kept);
-    c.Record(i).requestPipe = 0;
 }
 
 }  // namespace

@@ -30,6 +30,7 @@ public:
         os::calls.process_open = &Open;
         os::calls.handle_dup_to = &DupTo;
         os::calls.handle_close = &Close;
+        os::calls.handle_close_in = &CloseIn;
         os::calls.module_load = &Load;
         os::calls.module_symbol = &Symbol;
         os::calls.module_free = &Free;
@@ -105,6 +106,10 @@ private:
         self_->events.push_back("close mapping");
         it->second.closed = true;
         return true;
+    }
+    static bool CloseIn(os::Handle, std::uint64_t remote) {
+        self_->events.push_back("close in client");
+        return self_->remotes_.erase(remote) == 1;
     }
     static os::Module Load(const char16_t* p) { return Failing("load") ? nullptr : self_->saved_.module_load(p); }
     // Only the host's look-up of the entry is a step of its own.

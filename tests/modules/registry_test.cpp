@@ -219,10 +219,13 @@ TEST_F(RecordedRegistry, EachFailingStepReleasesWhatCameBeforeInReverseOrder) {
         {"create", {"create failed"}, head + "alloc 4096 bytes shared memory!\n\r"},
         {"open", {"create", "open failed", "close mapping"}, dup},
         {"dup", {"create", "open", "dup failed", "close process", "close mapping"}, dup},
-        {"map", {"create", "open", "dup", "close process", "map failed", "close mapping"},
+        {"map", {"create", "open", "dup", "close process", "map failed", "open", "close in client",
+                 "close process", "close mapping"},
          head + "map view of shared memory!\n\r"},
-        {"load", with({"load failed", "unmap", "close mapping"}), "ZOR: Failed to load ISR: '" + name + "'\n\r"},
-        {"symbol", with({"load", "symbol failed", "free", "unmap", "close mapping"}),
+        {"load", with({"load failed", "open", "close in client", "close process", "unmap", "close mapping"}),
+         "ZOR: Failed to load ISR: '" + name + "'\n\r"},
+        {"symbol", with({"load", "symbol failed", "open", "close in client", "close process", "free", "unmap",
+                         "close mapping"}),
          "ZOR: Failed to locate ISR_GetSet in module '" + name + "'\n\r"},
     };
     for (const auto& c : cases) {

@@ -25,6 +25,7 @@ constexpr Calls kNative = {
     .thread_priority_set = posix::thread_priority_set,
     .file_open_append = posix::file_open_append,
     .file_write = posix::file_write,
+    .handle_close_in = posix::handle_close_in,
 };
 }  // namespace
 

@@ -33,6 +33,8 @@ namespace {
 struct Frame {
     sigjmp_buf jump;
     Frame* prev;
+    void (*body)(void*);
+    void* ctx;
     std::uint32_t code;
     const void* address;
 };
@@ -155,6 +157,8 @@ bool guarded_run(void (*body)(void*), void* ctx, Fault* fault) {
     ensure_alt_stack();
     Frame f;
     f.prev = t_top;
+    f.body = body;
+    f.ctx = ctx;
     if (sigsetjmp(f.jump, 0) == 0) {
         t_top = &f;
         body(ctx);
@@ -166,6 +170,11 @@ bool guarded_run(void (*body)(void*), void* ctx, Fault* fault) {
         fault->address = f.address;
     }
     return false;
+}
+
+void guarded_visit(void (*body)(void*), void (*visit)(void* ctx, void* arg), void* arg) {
+    for (Frame* f = t_top; f; f = f->prev)
+        if (f->body == body) visit(f->ctx, arg);
 }
 
 }  // namespace zor::os

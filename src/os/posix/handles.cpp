@@ -120,6 +120,10 @@ bool handle_close(Handle h) {
     return close(fd_of(h)) == 0;
 }
 
+bool handle_close_in(Handle process, std::uint64_t remote) {
+    return own_process(process) && handle_close(remote);
+}
+
 }  // namespace posix
 
 bool pipe_create(Handle* read_end, Handle* write_end) {

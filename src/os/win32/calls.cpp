@@ -13,6 +13,7 @@ constexpr Calls kNative = {
     win32::thread_create,   win32::thread_wait,       win32::thread_cancel_io,
     win32::priority_class_set, win32::thread_priority_set,
     win32::file_open_append, win32::file_write,
+    win32::handle_close_in,
 };
 }  // namespace
 

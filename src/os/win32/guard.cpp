@@ -25,10 +25,15 @@
 //    the thread block; a record between the fault and the guard counts as
 //    such a handler. Taking those faults would steal them from their owners.
 //
-// Either way the thread resumes at zor_guard_recover with the stack pointer
-// at the guard's own frame; the module's frames in between are abandoned,
-// never unwound (no module code runs after its fault), except that a
-// noncontinuable exception has to be unwound to get there. The recovery
+// A fault that reaches the guard's frame through frame dispatch is handled
+// as __except handles it: RtlUnwindEx unwinds the module's frames to
+// zor_guard_recover, running their termination handlers (__finally) and C++
+// cleanups. The vectored handler leaves every fault to frame dispatch where
+// a frame in between has a handler and the walk arrives at the guard, so
+// only frames with nothing to clean up, or that cannot be unwound (no unwind
+// data, a private stack, a stack overflow), are abandoned by resuming at
+// zor_guard_recover directly. A fault raised by a cleanup during the unwind
+// abandons the rest of the frames the same way. The recovery
 // restores what the caller may rely on as it was at entry: callee-saved
 // registers, MXCSR, the x87 control word, the direction flag and the thread
 // block's handler chain, and re-arms the stack guard page after an overflow.
@@ -55,6 +60,9 @@ struct GuardFrame {
     std::uint64_t handler_chain;  // the thread block's handler chain at entry
     Fault fault;                  // the caught fault
     bool take_all;                // internal guard: takes every machine fault
+    void (*body)(void*);          // what runs under this guard
+    void* ctx;
+    bool unwinding;               // the module's frames are being unwound
 };
 static_assert(offsetof(GuardFrame, body_rsp) == 8, "used by the assembly");
 
@@ -357,6 +365,12 @@ LONG CALLBACK guard_veh(EXCEPTION_POINTERS* ep) {
     CONTEXT* c = ep->ContextRecord;
     if (!is_machine_fault(rec->ExceptionCode)) return EXCEPTION_CONTINUE_SEARCH;
 
+    // A cleanup of the module faulted while its frames were being unwound:
+    // the rest of them is abandoned. The first fault stays the one reported.
+    if (g->unwinding) {
+        resume_at_recovery(g, c);
+        return EXCEPTION_CONTINUE_EXECUTION;
+    }
     const void* address = rec->ExceptionAddress;
     // After a stack overflow too little stack is left to look further.
     if (!g->take_all && rec->ExceptionCode != EXCEPTION_STACK_OVERFLOW) {
@@ -419,6 +433,9 @@ bool run(void (*body)(void*), void* ctx, Fault* fault, bool take_all) {
     g.body_rsp = 0;
     g.handler_chain = gs_read(0);
     g.take_all = take_all;
+    g.body = body;
+    g.ctx = ctx;
+    g.unwinding = false;
     set_top_frame(&g);
     int ok = zor_guard_call(body, ctx, &g);
     set_top_frame(g.prev);
@@ -437,6 +454,11 @@ bool guarded_run(void (*body)(void*), void* ctx, Fault* fault) {
     return run(body, ctx, fault, false);
 }
 
+void guarded_visit(void (*body)(void*), void (*visit)(void* ctx, void* arg), void* arg) {
+    for (GuardFrame* g = top_frame(); g; g = g->prev)
+        if (g->body == body) visit(g->ctx, arg);
+}
+
 }  // namespace zor::os
 
 // The handler of zor_guard_call's frame: called during frame dispatch for an
@@ -447,14 +469,16 @@ extern "C" EXCEPTION_DISPOSITION zor_guard_seh(EXCEPTION_RECORD* rec, void* fram
     if (rec->ExceptionFlags & (EXCEPTION_UNWINDING | EXCEPTION_EXIT_UNWIND))
         return ExceptionContinueSearch;
     GuardFrame* g = *reinterpret_cast<GuardFrame**>(static_cast<char*>(frame) + 32);
+    if (g->unwinding) {  // raised by a cleanup during our unwind: abandon the rest
+        resume_at_recovery(g, ctx);
+        return ExceptionContinueExecution;
+    }
     Inspection in{rec, ctx, g->body_rsp, false, false, rec->ExceptionAddress};
     if (rec->ExceptionCode != EXCEPTION_STACK_OVERFLOW) guarded_internal(inspect, &in);
     record_fault(g, rec, in.address);
-    if (rec->ExceptionFlags & EXCEPTION_NONCONTINUABLE) {
-        // Cannot be continued: unwind the module's frames to the recovery point.
-        RtlUnwindEx(frame, zor_guard_recover, rec, nullptr, dc->ContextRecord, dc->HistoryTable);
-        return ExceptionContinueSearch;  // not reached
-    }
-    resume_at_recovery(g, ctx);
-    return ExceptionContinueExecution;
+    // As for __except: the module's frames are unwound to the recovery
+    // point, running their __finally blocks and C++ destructors.
+    g->unwinding = true;
+    RtlUnwindEx(frame, zor_guard_recover, rec, nullptr, dc->ContextRecord, dc->HistoryTable);
+    return ExceptionContinueSearch;  // not reached
 }

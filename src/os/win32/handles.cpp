@@ -26,6 +26,16 @@ bool handle_dup_from(Handle process, std::uint64_t remote, Handle* h) {
 
 bool handle_close(Handle h) { return h && CloseHandle(H(h)); }
 
+// The source is closed by taking it over here (a null target is not
+// accepted everywhere); the copy is then closed too.
+bool handle_close_in(Handle process, std::uint64_t remote) {
+    HANDLE here = nullptr;
+    if (!DuplicateHandle(H(process), H(remote), GetCurrentProcess(), &here, 0, FALSE,
+                         DUPLICATE_CLOSE_SOURCE | DUPLICATE_SAME_ACCESS))
+        return false;
+    return CloseHandle(here) != 0;
+}
+
 bool pipe_read(Handle h, void* buf, std::uint32_t n, std::uint32_t* done) {
     DWORD got = 0;
     BOOL ok = ReadFile(H(h), buf, n, &got, nullptr);

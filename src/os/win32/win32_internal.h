@@ -26,6 +26,7 @@ Handle process_open(std::uint32_t pid);
 bool handle_dup_to(Handle process, Handle h, std::uint64_t* remote);
 bool handle_dup_from(Handle process, std::uint64_t remote, Handle* h);
 bool handle_close(Handle h);
+bool handle_close_in(Handle process, std::uint64_t remote);
 bool pipe_read(Handle h, void* buf, std::uint32_t n, std::uint32_t* done);
 bool pipe_write(Handle h, const void* buf, std::uint32_t n, std::uint32_t* done);
 Thread thread_create(ThreadProc proc, void* arg);

@@ -1,0 +1,79 @@
+// Unregistering a module while clients call it: a pipe thread and command 5
+// keep calling while the module is unloaded and loaded again. Every answer
+// is the module's or "not registered"; no call lands in an unloaded library
+// (it would fault there and be reported).
+#include <atomic>
+#include <thread>
+
+#include "clients/client_registry.h"
+#include "common/test_host.h"
+
+namespace zor::test {
+namespace {
+
+constexpr std::uint32_t kEmptyBody = 0x80000000u;  // remote_echo_isr: body of 0 bytes
+constexpr std::uint32_t kEchoAnswer = 0x5A000000u;
+
+bool ReadAnswer(os::Handle h, std::uint32_t* v) {
+    auto* p = reinterpret_cast<unsigned char*>(v);
+    for (std::uint32_t got = 0, done = 0; got < 4; got += done)
+        if (!os::pipe_read(h, p + got, 4 - got, &done)) return false;
+    return true;
+}
+
+TEST(UnregisterRace, CallsInFlightNeverMeetAnUnloadedModule) {
+    TestHost th;
+    Host& h = th.host();
+    const std::uint32_t slot = RegisterIsr(h, "remote_echo_isr");
+    ASSERT_NE(slot, 0u);
+    os::Handle reqRead = 0, reqWrite = 0, repRead = 0, repWrite = 0;
+    ASSERT_TRUE(os::pipe_create(&reqRead, &reqWrite) && os::pipe_create(&repRead, &repWrite));
+    const std::uint32_t pid = os::current_process_id();
+    h.clients.ConnectClientPipe(h.clients.RegisterClient(pid), reqRead, repWrite, pid);
+    os::handle_close(reqRead);
+    os::handle_close(repWrite);
+
+    std::atomic<bool> done{false};
+    std::atomic<std::uint32_t> bad{0}, answered{0}, refused{0};
+    auto check = [&](std::uint32_t a) {
+        if (a == kEchoAnswer) ++answered;
+        else if (a == 0xFFFFFFFFu) ++refused;
+        else ++bad;
+    };
+    std::thread pipeClient([&] {
+        const std::uint32_t frame[4] = {12, kEmptyBody, slot, 0};
+        std::uint32_t n = 0, a = 0;
+        while (!done) {
+            if (!os::pipe_write(reqWrite, frame, sizeof frame, &n) || !ReadAnswer(repRead, &a)) {
+                ++bad;
+                return;
+            }
+            check(a);
+        }
+    });
+    std::thread command5([&] {
+        std::uint32_t request[3] = {kEmptyBody, slot, 0};
+        while (!done) check(static_cast<std::uint32_t>(HandleClientRequest(h, request)));
+    });
+    std::uint32_t reloaded = 0;
+    for (int i = 0; i < 40; ++i) {
+        h.registry.UnregisterCommand(slot);
+        os::sleep_ms(1);
+        reloaded += RegisterIsr(h, "remote_echo_isr") == slot;
+        os::sleep_ms(1);
+    }
+    done = true;
+    pipeClient.join();
+    command5.join();
+    h.clients.StopAll();
+    os::handle_close(reqWrite);
+    os::handle_close(repRead);
+
+    EXPECT_EQ(reloaded, 40u);
+    EXPECT_EQ(bad.load(), 0u);
+    EXPECT_GT(answered.load(), 0u);
+    EXPECT_FALSE(th.log().ContainsSubstr("caused exception"));
+}
+
+}  // namespace
+}  // namespace zor::test
