@@ -78,14 +78,6 @@ protected:
     std::unique_ptr<zor::Host> host_;
 };
 
-TEST_F(ConfigFiles, MissingFilesGiveTheDefaults) {
-    zor::ReadConfigFiles(*host_);
-    EXPECT_EQ(Utf8(config().szExe), "C:\\zor\\");
-    EXPECT_EQ(Utf8(config().lastIrqName), "");
-    EXPECT_EQ(Utf8(config().fallbackIrqName), "");
-    EXPECT_EQ(config().allowLowIntegrity, 0u);
-}
-
 TEST_F(ConfigFiles, InstallationValuesAreUsedWhenTheUserFileHasNone) {
     Write("install.ini",
           "DLLDIR=D:\\drivers\r\nLASTIRQ=timer.irq\r\nFALLBACKIRQ=trigger.irq\r\n"
