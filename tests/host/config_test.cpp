@@ -121,17 +121,6 @@ protected:
     zor::Config& c = host_->config;
 };
 
-TEST_F(ClientPids, TheTenthClientAndLaterOverwriteTheLastEntry) {
-    for (std::uint32_t pid = 1; pid <= 10; ++pid) zor::AppendClientPid(*host_, pid);
-    EXPECT_EQ(c.clientCount.load(), 9u);
-    for (std::uint32_t i = 0; i < 9; ++i) EXPECT_EQ(c.clientPids[i].load(), i + 1);
-    EXPECT_EQ(c.clientPids[9].load(), 10u);
-    zor::AppendClientPid(*host_, 11);
-    EXPECT_EQ(c.clientCount.load(), 9u);
-    EXPECT_EQ(c.clientPids[8].load(), 9u);
-    EXPECT_EQ(c.clientPids[9].load(), 11u);
-}
-
 TEST_F(ClientPids, LivenessLooksAtRecordedEntriesOnly) {
     EXPECT_TRUE(zor::IsNoClientAlive(*host_));  // nobody recorded
 

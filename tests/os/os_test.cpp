@@ -20,9 +20,7 @@ std::u16string BinDir() {
     return p;
 }
 
-volatile std::uint32_t* const kBadPointer = reinterpret_cast<std::uint32_t*>(16);
-
-void ReadBad(void*) { (void)*kBadPointer; }
+void ReadBad(void*) { (void)*zor::test::kBadAddress; }
 void Nothing(void* ctx) { ++*static_cast<int*>(ctx); }
 void IllegalInstruction(void*) { __builtin_trap(); }
 void DivideByZero(void*) {

@@ -1,24 +1,15 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <thread>
 
 #include "os/os.h"
 #include "support/critsec.h"
-#include "support/entry_list.h"
 #include "support/statistic.h"
 #include "support/stopwatch.h"
 
 namespace zor {
 namespace {
-
-std::uint64_t At(CEntryList& l, std::uint32_t i) {
-    std::uint64_t v;
-    std::memcpy(&v, l.GetEntry(i), sizeof v);
-    return v;
-}
 
 TEST(Statistic, EmptyFilledAndReset) {
     CStatistic s;
