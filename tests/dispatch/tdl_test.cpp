@@ -7,7 +7,7 @@
 #include <cstring>
 #include <vector>
 
-#include "../modules/heap_area_os.h"
+#include "common/heap_area_os.h"
 #include "common/test_host.h"
 #include "modules/tdl_writer.h"
 #include "support/wstr.h"

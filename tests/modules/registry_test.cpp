@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "common/test_host.h"
-#include "modules/heap_area_os.h"
+#include "common/heap_area_os.h"
 
 namespace zor::test {
 namespace {
@@ -102,6 +102,7 @@ TEST_F(HostTest, UnregistrationDetachesEveryModuleThenShutsTheLeavingOneDown) {
     EXPECT_EQ(sb, a.Calls()[0].arg);
     EXPECT_EQ(sb, b.Calls()[0].arg);
     EXPECT_EQ(0u, h.slots[sb].inUse.load());
+    EXPECT_EQ(1u, h.slots[sa].inUse.load());
     EXPECT_EQ(0u, h.lockedNames.Find(b.FileName()));
     EXPECT_EQ(0, h.services.Call(0x500, 0, 0, 0, 0, 0, 0, nullptr));  // its services left too
 

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "common/test_host.h"
-#include "modules/heap_area_os.h"
+#include "common/heap_area_os.h"
 #include "modules/tdl_writer.h"
 
 namespace zor {
