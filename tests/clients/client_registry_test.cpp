@@ -36,22 +36,6 @@ TEST_F(Registry, NineClientsAtMostFreedRecordsReusedLowestFirstUnknownIdsIgnored
     EXPECT_EQ(c.StopClientPipe(ClientRegistry::kRecords), 0u);  // out of range
 }
 
-TEST_F(Registry, AnUnregisteredClientsPipeRunsOnRecordZeroUntilStopped) {
-    ClientRegistry& c = host_->clients;
-    std::uint32_t unknown = os::current_process_id();
-    Connect(c.FindClient(unknown));
-    ASSERT_NE(c.Record(0).pipeThread.load(), 0u);
-    EXPECT_EQ(c.Record(0).inUse.load(), 0u);
-
-    SendRequest(slot_, {1, 2, 3});
-    EXPECT_EQ(Answer(), Expected({1, 2, 3}));
-
-    EXPECT_EQ(c.StopClientPipe(c.FindClient(unknown)), 0u);
-    EXPECT_EQ(c.Record(0).pipeThread.load(), 0u);
-    EXPECT_EQ(c.Record(0).requestPipe.load(), 0u);
-    EXPECT_EQ(c.Record(0).replyPipe.load(), 0u);
-}
-
 TEST_F(Registry, UnregisteringStopsThePipeAndReleasesItsHandles) {
     ClientRegistry& c = host_->clients;
     std::uint32_t pid = os::current_process_id();

@@ -19,28 +19,6 @@ protected:
     std::uint32_t index_ = 0;
 };
 
-TEST_F(Pipe, RequestsOfEverySizeAreServedInOrderAndUnknownModulesAnswered) {
-    SendRequest(slot_, {});  // 12 bytes: the module gets an empty body
-    EXPECT_EQ(Answer(), Expected({}));
-
-    std::vector<unsigned char> big(ZOR_PIPE_BUFFER_SIZE - 12);
-    for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<unsigned char>(i * 7 + 1);
-    SendRequest(slot_, big);
-    EXPECT_EQ(Answer(), Expected(big));
-
-    SendRequest(slot_, {9});
-    EXPECT_EQ(Answer(), Expected({9}));
-    // Unknown modules are answered all ones and the thread goes on.
-    for (std::uint32_t module : {0u, 100u, 0xFFFFFFFFu, slot_ + 1}) {
-        SendRequest(module, {1, 2});
-        EXPECT_EQ(Answer(), 0xFFFFFFFFu) << module;
-    }
-    SendRequest(slot_, {1, 2});
-    EXPECT_EQ(Answer(), Expected({1, 2}));
-    EXPECT_EQ(FakeModule::calls.load(), 4u);
-    EXPECT_EQ(Failures(), 0u);
-}
-
 // A length the buffer cannot hold or too short for the header is a failed
 // pass; nothing of the request is read, and the next frame is served.
 TEST_F(Pipe, TenFailuresOverTheThreadsLifeEndIt) {
@@ -69,19 +47,6 @@ TEST_F(Pipe, StopEndsAThreadWaitingOnASilentClientAtOnce) {
     EXPECT_EQ(r.replyPipe.load(), 0u);
     EXPECT_EQ(r.inUse.load(), 1u);  // still registered
     EXPECT_EQ(Failures(), 0u);      // a stop is not a failure
-}
-
-TEST_F(Pipe, StopDuringARequestLetsItBeAnswered) {
-    FakeModule::block = true;
-    SendRequest(slot_, {3, 4});
-    while (!FakeModule::entered.load()) os::sleep_ms(1);
-    std::thread stopper([&] { host_->clients.StopClientPipe(index_); });
-    os::sleep_ms(100);
-    FakeModule::block = false;
-    EXPECT_EQ(Answer(), Expected({3, 4}));
-    stopper.join();
-    EXPECT_EQ(host_->clients.Record(index_).pipeThread.load(), 0u);
-    EXPECT_EQ(Failures(), 0u);
 }
 
 }  // namespace

@@ -11,7 +11,7 @@
 namespace zor::test {
 namespace {
 
-constexpr std::uint32_t kEmptyBody = 0x80000000u;  // remote_echo_isr: body of 0 bytes
+constexpr std::uint32_t kEmptyBody = 0x80000000u;  // test_isr: body of 0 bytes
 constexpr std::uint32_t kEchoAnswer = 0x5A000000u;
 
 bool ReadAnswer(os::Handle h, std::uint32_t* v) {
@@ -24,7 +24,7 @@ bool ReadAnswer(os::Handle h, std::uint32_t* v) {
 TEST(UnregisterRace, CallsInFlightNeverMeetAnUnloadedModule) {
     TestHost th;
     Host& h = th.host();
-    const std::uint32_t slot = RegisterIsr(h, "remote_echo_isr");
+    const std::uint32_t slot = RegisterIsr(h, "test_isr");
     ASSERT_NE(slot, 0u);
     os::Handle reqRead = 0, reqWrite = 0, repRead = 0, repWrite = 0;
     ASSERT_TRUE(os::pipe_create(&reqRead, &reqWrite) && os::pipe_create(&repRead, &repWrite));
@@ -59,7 +59,7 @@ TEST(UnregisterRace, CallsInFlightNeverMeetAnUnloadedModule) {
     for (int i = 0; i < 40; ++i) {
         h.registry.UnregisterCommand(slot);
         os::sleep_ms(1);
-        reloaded += RegisterIsr(h, "remote_echo_isr") == slot;
+        reloaded += RegisterIsr(h, "test_isr") == slot;
         os::sleep_ms(1);
     }
     done = true;

@@ -85,39 +85,35 @@ TestModule::~TestModule() {
     if (module_) os::module_free(module_);
 }
 
-CountingIsr::CountingIsr(const char* name) : module_(name) {
-    count_ = module_.Fn<decltype(count_)>("TestIsr_Count");
-    get_ = module_.Fn<decltype(get_)>("TestIsr_Get");
-    countOf_ = module_.Fn<decltype(countOf_)>("TestIsr_CountOf");
-    reset_ = module_.Fn<decltype(reset_)>("TestIsr_Reset");
-    setAnswer_ = module_.Fn<decltype(setAnswer_)>("TestIsr_SetAnswer");
-    setSleep_ = module_.Fn<decltype(setSleep_)>("TestIsr_SetInterruptSleepMs");
-    setClock_ = module_.Fn<decltype(setClock_)>("TestIsr_SetClock");
-    callServiceOn_ = module_.Fn<decltype(callServiceOn_)>("TestIsr_CallServiceOn");
-    serviceResult_ = module_.Fn<decltype(serviceResult_)>("TestIsr_ServiceResult");
-    handle_ = module_.Fn<decltype(handle_)>("TestIsr_Handle");
-    if (!count_ || !get_ || !countOf_ || !reset_ || !setAnswer_ || !setSleep_ || !setClock_ ||
-        !callServiceOn_ || !serviceResult_ || !handle_) {
-        ADD_FAILURE() << "test module not found or incomplete: " << name;
+TestIsr::TestIsr(const char* name) : module_(name) {
+    if (!module_.Fn<void*>("Test_Reset")) {
+        ADD_FAILURE() << "test module not found: " << name;
         std::abort();
     }
-    reset_();
+    Reset();
 }
 
-std::vector<CountingIsr::Call> CountingIsr::Calls() const {
+std::vector<TestIsr::Call> TestIsr::Calls() const {
     std::vector<Call> out;
-    const std::uint32_t n = count_();
-    for (std::uint32_t i = 0; i < n; ++i) {
-        Call c{};
-        if (get_(i, &c.code, &c.arg, &c.first, &c.stamp, &c.thread)) out.push_back(c);
+    auto get = module_.Fn<int (*)(std::uint32_t, std::uint32_t*)>("Test_Get");
+    for (std::uint32_t i = 0, n = Count(); i < n; ++i) {
+        std::uint32_t w[8];
+        if (get(i, w))
+            out.push_back(Call{w[0], w[1] | std::uint64_t{w[2]} << 32, w[3], w[4], w[5], w[6], w[7]});
     }
     return out;
 }
 
-std::vector<std::uint32_t> CountingIsr::Codes() const {
+std::vector<std::uint32_t> TestIsr::Codes() const {
     std::vector<std::uint32_t> out;
     for (const Call& c : Calls()) out.push_back(c.code);
     return out;
+}
+
+std::uint32_t TestIsr::CountOf(std::uint32_t code) const {
+    std::uint32_t n = 0;
+    for (const Call& c : Calls()) n += c.code == code;
+    return n;
 }
 
 std::u16string ModuleFileName(const char* name) {

@@ -99,50 +99,53 @@ private:
     std::u16string fileName_;
 };
 
-// counting_isr (or a copy: counting_isr_b, counting_isr_c) seen from the
-// test: its record of calls and its knobs. Construction resets both.
-class CountingIsr {
+// The test ISR module (test_isr, or a copy: test_isr_b, test_isr_c) seen
+// from the test: its record of calls and its knobs. Construction resets both.
+class TestIsr {
 public:
     struct Call {
         std::uint32_t code;
         std::uint64_t arg;
-        std::uint32_t first;   // first word of the block of codes 5 and 6
-        std::uint32_t stamp;   // shared order clock, 0 without one
-        std::uint32_t thread;  // os thread id of the caller
+        std::uint32_t first;    // first word of the block of codes 5 and 6
+        std::uint32_t stamp;    // shared order clock, 0 without one
+        std::uint32_t thread;   // os thread id of the caller
+        std::uint32_t context;  // call context seen by codes 5 and 6
+        std::uint32_t onIsrThread;
     };
-    explicit CountingIsr(const char* name = "counting_isr");
+    explicit TestIsr(const char* name = "test_isr");
 
     const char16_t* FileName() const { return module_.FileName(); }
-    std::uint32_t Count() const { return count_(); }
-    std::uint32_t CountOf(std::uint32_t code) const { return countOf_(code); }
+    std::uint32_t Count() const { return Do<std::uint32_t>("Test_Count"); }
+    std::uint32_t CountOf(std::uint32_t code) const;
     std::vector<Call> Calls() const;
     std::vector<std::uint32_t> Codes() const;
-    void Reset() { reset_(); }
-    void SetAnswer(std::uint32_t code, std::uint32_t value) { setAnswer_(code, value); }
-    void SetInterruptSleepMs(std::uint32_t ms) { setSleep_(ms); }
+    void Reset() const { Do("Test_Reset"); }
+    void SetAnswer(std::uint32_t code, std::uint32_t value) const { Do("Test_SetAnswer", code, value); }
+    void SetDelay(std::uint32_t code, std::uint32_t us) const { Do("Test_SetDelay", code, us); }
+    void SetFault(std::uint32_t code) const { Do("Test_SetFault", code); }
+    void SetPending(std::uint32_t pending) const { Do("Test_SetPending", pending); }
     // `clock` must outlive the module's use of it (Reset clears it).
-    void SetClock(std::uint32_t* clock) { setClock_(clock); }
-    void CallServiceOn(std::uint32_t onCode, std::uint32_t service, std::uintptr_t a1,
-                       std::uintptr_t a2 = 0, std::uintptr_t a3 = 0, bool ownHandle = false) {
-        callServiceOn_(onCode, service, a1, a2, a3, ownHandle ? 1 : 0);
+    void SetClock(std::uint32_t* clock) const { Do("Test_SetClock", clock); }
+    // On each call with `onCode`, the module calls service `code` with `a`;
+    // bit k of selfMask puts the module's own number in a[k].
+    void CallServiceOn(std::uint32_t onCode, std::uint32_t code, std::vector<std::uintptr_t> a,
+                       std::uint32_t selfMask = 0) const {
+        a.resize(5);
+        Do("Test_CallServiceOn", onCode, code, static_cast<const std::uintptr_t*>(a.data()), selfMask);
     }
-    std::int64_t ServiceResult() const { return serviceResult_(); }
-    std::uint32_t Handle() const { return handle_(); }
+    std::int64_t ServiceResult() const { return Do<std::int64_t>("Test_ServiceResult"); }
+    std::uint32_t Handle() const { return Do<std::uint32_t>("Test_Handle"); }
+    const unsigned char* LastData() const { return Do<const unsigned char*>("Test_LastData"); }
+    std::uintptr_t Custom() const { return Do<std::uintptr_t>("Test_Custom"); }
+    // A service call made from inside the module (its return address lies there).
+    std::int64_t CallService(std::uint32_t code) const { return Do<std::int64_t>("Test_CallService", code); }
 
 private:
+    template <class R = void, class... A>
+    R Do(const char* symbol, A... a) const {
+        return module_.Fn<R (*)(A...)>(symbol)(a...);
+    }
     TestModule module_;
-    std::uint32_t (*count_)();
-    int (*get_)(std::uint32_t, std::uint32_t*, std::uint64_t*, std::uint32_t*, std::uint32_t*,
-                std::uint32_t*);
-    std::uint32_t (*countOf_)(std::uint32_t);
-    void (*reset_)();
-    void (*setAnswer_)(std::uint32_t, std::uint32_t);
-    void (*setSleep_)(std::uint32_t);
-    void (*setClock_)(std::uint32_t*);
-    void (*callServiceOn_)(std::uint32_t, std::uint32_t, std::uintptr_t, std::uintptr_t,
-                           std::uintptr_t, std::uint32_t);
-    std::int64_t (*serviceResult_)();
-    std::uint32_t (*handle_)();
 };
 
 // "<name><suffix>", the bare file name of a test module.

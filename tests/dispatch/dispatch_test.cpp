@@ -12,8 +12,8 @@ namespace {
 
 TEST_F(HostTest, EventsArePublishedAndAPausedOneOnlyCountsAsAWakeUp) {
     ASSERT_NE(0u, h.shm.SysMem(os::current_process_id(), 8192));
-    CountingIsr isr;
-    RegisterIsr(h, "counting_isr");
+    TestIsr isr;
+    RegisterIsr(h, "test_isr");
     isr.Reset();
     IrqThread irq;
     h.dispatcher.PauseISR(true);  // no event in progress: returns at once, silently
@@ -41,13 +41,13 @@ TEST_F(HostTest, EventsArePublishedAndAPausedOneOnlyCountsAsAWakeUp) {
 class OrderTest : public HostTest {
 protected:
     OrderTest() {
-        for (CountingIsr* m : {&a, &b, &c}) m->SetClock(&clock);
-        sa = RegisterIsr(h, "counting_isr");
-        sb = RegisterIsr(h, "counting_isr_b");
-        sc = RegisterIsr(h, "counting_isr_c");
+        for (TestIsr* m : {&a, &b, &c}) m->SetClock(&clock);
+        sa = RegisterIsr(h, "test_isr");
+        sb = RegisterIsr(h, "test_isr_b");
+        sc = RegisterIsr(h, "test_isr_c");
     }
     ~OrderTest() override {
-        for (CountingIsr* m : {&a, &b, &c}) m->Reset();
+        for (TestIsr* m : {&a, &b, &c}) m->Reset();
     }
     // Fires one event; the slots in the order of their Interrupt calls in it.
     std::vector<std::uint32_t> Fire() {
@@ -70,7 +70,7 @@ protected:
     using Order = std::vector<std::uint32_t>;
 
     std::uint32_t clock = 0;
-    CountingIsr a{"counting_isr"}, b{"counting_isr_b"}, c{"counting_isr_c"};
+    TestIsr a{"test_isr"}, b{"test_isr_b"}, c{"test_isr_c"};
     std::uint32_t sa = 0, sb = 0, sc = 0;
     std::uint32_t seq = 100;
     IrqThread irq;
@@ -101,33 +101,26 @@ TEST_F(OrderTest, BlockedIsrsAreSkippedWithoutTouchingTheirStatistics) {
     EXPECT_EQ((Order{sa, sb, sc}), Fire());
     // An ISR may block a later one within the same event, without waiting.
     h.dispatcher.processorCount.store(2);
-    a.CallServiceOn(ZOR_FN_INTERRUPT, SERV_BlockISR, sc, 1);
+    a.CallServiceOn(ZOR_FN_INTERRUPT, SERV_BlockISR, {sc, 1});
     EXPECT_EQ((Order{sa, sb}), Fire());
     EXPECT_EQ(1, h.dispatcher.ISRBlocked(sc));
     EXPECT_FALSE(log.ContainsSubstr("BlockISR timeout"));
 }
 
 TEST_F(HostTest, AFaultingIsrIsReportedEveryEventAndCalledAgainWhileTheOthersRun) {
-    TestModule faulting("faulting_isr");
-    auto faultIn = faulting.Fn<void (*)(std::uint32_t)>("FaultingIsr_FaultIn");
-    auto calls = faulting.Fn<std::uint32_t (*)()>("FaultingIsr_Calls");
-    faultIn(ZOR_FN_INTERRUPT);
-    CountingIsr isr;
-    const std::uint32_t sf = RegisterIsr(h, "faulting_isr");
-    RegisterIsr(h, "counting_isr");
-    ASSERT_EQ(1u, sf);
-    isr.Reset();
-    const std::uint32_t before = calls();
+    TestIsr faulting("test_isr"), isr("test_isr_b");
+    const std::uint32_t sf = RegisterIsr(h, "test_isr");
+    RegisterIsr(h, "test_isr_b");
+    faulting.SetFault(ZOR_FN_INTERRUPT);
     IrqThread irq;
     for (std::uint32_t seq = 1; seq <= 3; ++seq) EXPECT_EQ(0u, irq.Fire(seq));
-    const std::string file = Utf8(ModuleFileName("faulting_isr"));
+    const std::string file = Utf8(ModuleFileName("test_isr"));
     EXPECT_EQ(3u, log.Count(FaultLine(file, file)));
-    EXPECT_EQ(before + 3, calls());
+    EXPECT_EQ(3u, faulting.CountOf(ZOR_FN_INTERRUPT));
     EXPECT_EQ(3u, isr.CountOf(ZOR_FN_INTERRUPT));
     EXPECT_EQ(0u, h.slots[sf].busy.load() + h.slots[sf].blocked.load());
-    EXPECT_EQ(1u, h.slots[sf].inUse.load());
     EXPECT_EQ(3u, h.dispatcher.EventCounter());
-    faultIn(0);
+    faulting.SetFault(0);
 }
 
 }  // namespace

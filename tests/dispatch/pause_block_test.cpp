@@ -10,17 +10,17 @@ namespace {
 class BusyIsr : public HostTest {
 protected:
     void Start(std::uint32_t sleepMs) {
-        slot = RegisterIsr(h, "counting_isr");
-        isr.SetInterruptSleepMs(sleepMs);
+        slot = RegisterIsr(h, "test_isr");
+        isr.SetDelay(ZOR_FN_INTERRUPT, sleepMs * 1000);
         irq.FireAsync(1);
         for (int i = 0; i < 2000 && h.slots[slot].busy.load() == 0; ++i) os::sleep_ms(1);
         ASSERT_EQ(1u, h.dispatcher.inDispatch.load());
     }
     ~BusyIsr() override {
         irq.Wait();
-        isr.SetInterruptSleepMs(0);
+        isr.SetDelay(0, 0);
     }
-    CountingIsr isr;
+    TestIsr isr;
     std::uint32_t slot = 0;
     IrqThread irq;
 };
@@ -53,22 +53,6 @@ TEST_F(BusyIsr, OnSeveralProcessorsABlockWaitsTenRoundsThenTimesOutOtherwiseNot)
     EXPECT_LT(waited, 450u);
     EXPECT_TRUE(log.Contains("ZOR: BlockISR timeout!\n"));
     EXPECT_EQ(1, h.dispatcher.ISRBlocked(slot));
-}
-
-TEST_F(HostTest, BlockAndBlockedRefuseInvalidHandles) {
-    CountingIsr isr;
-    const std::uint32_t slot = RegisterIsr(h, "counting_isr");
-    for (std::uint32_t handle : {0u, 100u, slot + 1}) {
-        log.Clear();
-        EXPECT_EQ(0u, h.dispatcher.BlockISR(handle, 1));
-        EXPECT_EQ(0, h.dispatcher.ISRBlocked(handle));
-        const std::string n = std::to_string(handle) + ")\n\r";
-        EXPECT_EQ((std::vector<std::string>{"ZOR: SERV_BlockISR: invalid DLL handle! (" + n,
-                                            "ZOR: SERV_ISRBlocked: invalid DLL handle! (" + n}),
-                  log.LinesOf(2, 1));
-    }
-    EXPECT_EQ(0u, h.dispatcher.BlockISR(slot, 7));
-    EXPECT_EQ(7, h.dispatcher.ISRBlocked(slot));
 }
 
 }  // namespace

@@ -35,8 +35,8 @@ TEST_F(EndOfInterruptTest, TableAtTheFirstEventAndEvery1024thInDispatchOrder) {
     Events(1023, 2);
     EXPECT_EQ(log.Count(kHeader1), 0u);
 
-    const std::uint32_t a = RegisterIsr(h, "counting_isr");
-    const std::uint32_t b = RegisterIsr(h, "counting_isr_b");
+    const std::uint32_t a = RegisterIsr(h, "test_isr");
+    const std::uint32_t b = RegisterIsr(h, "test_isr_b");
     ASSERT_TRUE(a && b);
     h.slots[b].priority.store(0);  // b runs first
     h.dispatcher.InvalidateDispatchOrder();

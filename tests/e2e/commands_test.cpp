@@ -44,11 +44,11 @@ TEST_F(Commands, ModuleRegistrationLookupsCallsAndRemoval) {
     ASSERT_NE(c_, nullptr);
     std::uint32_t mod = 0, found = 0, size = 0, r = 0;
     ZorView shm{}, again{};
-    ASSERT_EQ(zor_register_module(c_, "remote_echo_isr.dll", 4096, &mod, &shm), ZOR_OK);
+    ASSERT_EQ(zor_register_module(c_, "test_isr.dll", 4096, &mod, &shm), ZOR_OK);
     ASSERT_GE(mod, 1u);
     // Our duplicate of the module's memory shows what its Initialize wrote.
     EXPECT_EQ(*static_cast<std::uint32_t*>(shm.base), kEchoMark);
-    EXPECT_EQ(zor_find_module(c_, "REMOTE_ECHO_ISR.DLL", &found), ZOR_OK);
+    EXPECT_EQ(zor_find_module(c_, "TEST_ISR.DLL", &found), ZOR_OK);
     EXPECT_EQ(found, mod);
     EXPECT_EQ(zor_module_info(c_, mod, &size), ZOR_OK);
     EXPECT_EQ(size, 4096u);
@@ -60,22 +60,22 @@ TEST_F(Commands, ModuleRegistrationLookupsCallsAndRemoval) {
 
     // Command 2 answers 0 and removes it; the lookups then find nothing.
     EXPECT_EQ(zor_.Send(ZOR_CMD_ISR_UNREGISTER, Bytes(0, mod)), 0u);
-    EXPECT_EQ(zor_find_module(c_, "remote_echo_isr.dll", &found), ZOR_E_NOT_REGISTERED);
+    EXPECT_EQ(zor_find_module(c_, "test_isr.dll", &found), ZOR_E_NOT_REGISTERED);
     EXPECT_EQ(zor_module_info(c_, mod, &size), ZOR_OK);
     EXPECT_EQ(size, 0u);
     EXPECT_EQ(zor_register_module(c_, "no_such_module.dll", 0, &found, nullptr), ZOR_E_REFUSED);
     // Registered again, found again.
-    ASSERT_EQ(zor_register_module(c_, "remote_echo_isr.dll", 0, &mod, nullptr), ZOR_OK);
-    EXPECT_EQ(zor_find_module(c_, "remote_echo_isr.DLL", &found), ZOR_OK);
+    ASSERT_EQ(zor_register_module(c_, "test_isr.dll", 0, &mod, nullptr), ZOR_OK);
+    EXPECT_EQ(zor_find_module(c_, "test_isr.DLL", &found), ZOR_OK);
     EXPECT_EQ(found, mod);
-    EXPECT_TRUE(zor_.WaitLog("Register DLL remote_echo_isr.dll\n\r", 2));
+    EXPECT_TRUE(zor_.WaitLog("Register DLL test_isr.dll\n\r", 2));
     zor_unmap(&shm);
     zor_unmap(&again);
 }
 
 TEST_F(Commands, PipeRequestsOfEverySizeThenStopAndRemove) {
     std::uint32_t mod = 0, r = 0;
-    ASSERT_EQ(zor_register_module(c_, "remote_echo_isr.dll", 0, &mod, nullptr), ZOR_OK);
+    ASSERT_EQ(zor_register_module(c_, "test_isr.dll", 0, &mod, nullptr), ZOR_OK);
     ASSERT_EQ(zor_pipe_open(c_), ZOR_OK);  // commands 11 and 8
     EchoCall(zor_pipe_call, c_, mod, {});  // a 12-byte request
     std::vector<unsigned char> big(ZOR_CLIENT_MAX_BODY);  // fills the host's 256 KiB buffer
@@ -120,7 +120,7 @@ TEST_F(Commands, UnknownNumbersAndShortPayloadsAreRefusedAndHarmless) {
 
 TEST_F(Commands, AHostThatDiesDuringAWaitEndsTheWait) {
     std::uint32_t mod = 0, r = 0;
-    ASSERT_EQ(zor_register_module(c_, "remote_echo_isr.dll", 0, &mod, nullptr), ZOR_OK);
+    ASSERT_EQ(zor_register_module(c_, "test_isr.dll", 0, &mod, nullptr), ZOR_OK);
     const ZorSystemSharedArea* area = nullptr;
     ASSERT_EQ(zor_system_area(c_, 0, &area), ZOR_OK);
     // Hold the queue's lock as a stuck writer would: nothing can be queued.

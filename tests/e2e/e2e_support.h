@@ -143,7 +143,7 @@ public:
         std::string userIni;  // per-user ZOR.ini, none when empty
         std::wstring args;
         std::vector<std::string> binFiles{"trigger.irq"};
-        std::vector<std::string> testModules{"remote_echo_isr.dll"};
+        std::vector<std::string> testModules{"test_isr.dll"};
         bool connect = true;
     };
 

@@ -41,19 +41,6 @@ TEST(Startup, HiddenHostNeverShowsItsWindowEvenWhenAsked) {
     EXPECT_EQ(zor.Send(ZOR_CMD_IRQ_QUERY), 0u);  // still serving
 }
 
-TEST(Startup, UpperCaseSwitchIsNotHideButTheButtonHides) {
-    ZorInstance::Options o;
-    o.args = L"/HIDE";
-    ZorInstance zor(o);
-    ASSERT_NE(zor.Window(), nullptr);
-    EXPECT_TRUE(WaitVisible(zor.Window(), true, 5000));
-    zor.Click(IDOK);  // Hide
-    EXPECT_TRUE(WaitVisible(zor.Window(), false, 5000));
-    Sleep(200);
-    EXPECT_FALSE(IsWindowVisible(zor.Window()));  // and it stays hidden
-    EXPECT_FALSE(zor.Exited(0));
-}
-
 TEST(Startup, WarnsWhenNoDriverIsConfigured) {
     ZorInstance::Options o;
     o.ini = "[INIT]\r\nFALLBACKIRQ=trigger.irq\r\n";

@@ -138,12 +138,12 @@ TEST(EventPath, NoAllocationLockOrSystemCall) {
     test::TestHost th(true);
     Host& h = th.host();
     ASSERT_NE(0u, h.shm.SysMem(os::current_process_id(), ZOR_SSA_QUEUE + 4096));
-    const std::uint32_t a = test::RegisterIsr(h, "counting_isr");
-    const std::uint32_t b = test::RegisterIsr(h, "counting_isr_b");
-    ASSERT_NE(0u, test::RegisterIsr(h, "slow_isr"));
+    const std::uint32_t a = test::RegisterIsr(h, "test_isr");
+    const std::uint32_t b = test::RegisterIsr(h, "test_isr_b");
+    ASSERT_NE(0u, test::RegisterIsr(h, "test_isr_c"));
     h.dispatcher.BlockISR(b, 1);
-    test::TestModule slow("slow_isr");
-    auto setBusy = slow.Fn<void (*)(std::uint32_t, std::uint32_t)>("SlowIsr_Set");
+    test::TestIsr slow("test_isr_c");
+    auto setBusy = [&](std::uint32_t code, std::uint32_t us) { slow.SetDelay(code, us); };
 
     constexpr std::uint32_t kEvents = 100000;
     std::atomic<std::uint32_t> events{0}, refused{0};
@@ -196,7 +196,7 @@ TEST(EventPath, NoAllocationLockOrSystemCall) {
 
     ASSERT_TRUE(trapped) << "seccomp filter not installed";
     EXPECT_GT(events.load(), kEvents);
-    EXPECT_TRUE(th.log().ContainsSubstr("ZOR: slow_isr"));
+    EXPECT_TRUE(th.log().ContainsSubstr("ZOR: test_isr_c"));
     EXPECT_TRUE(th.log().ContainsSubstr("ZOR: total ISR used 1"));
     EXPECT_TRUE(th.log().ContainsSubstr("ZOR: Time discontinuous!"));
     EXPECT_TRUE(th.log().ContainsSubstr("ZOR TOTAL"));

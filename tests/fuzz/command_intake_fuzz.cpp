@@ -3,7 +3,7 @@
 // its size so that any read beyond it is an AddressSanitizer error.
 // Flag bit 0 puts this process's id into the command's pid field (so that
 // memory and handles are really handed out; the harness then closes the
-// handle the client would own); bit 1 registers counting_isr first.
+// handle the client would own); bit 1 registers test_isr first.
 #include <cstdint>
 #include <memory>
 
@@ -41,7 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::memcpy(payload.get() + PidOffset(cmd), &pid, 4);
     }
     zor::test::FuzzHost fh;
-    if (flags & 2) zor::test::RegisterIsr(fh.host, "counting_isr");
+    if (flags & 2) zor::test::RegisterIsr(fh.host, "test_isr");
     int ended = 0;
     zor::DialogEnder ender{&ended, [](void* c, std::intptr_t) { ++*static_cast<int*>(c); }};
     const std::uint32_t r = zor::OnCopyData(fh.host, cmd, payload.get(),

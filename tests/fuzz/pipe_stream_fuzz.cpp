@@ -1,7 +1,7 @@
 // A connected client's pipe byte stream: the input after its first byte is
 // written to the request pipe in pieces of (first byte % 64 + 1) bytes, with
 // a yield in between so that frames arrive split across reads. Lengths take
-// any 32-bit value; bodies go to counting_isr (module 1) when the frame
+// any 32-bit value; bodies go to test_isr (module 1) when the frame
 // names it. The run ends once the host has read everything and waits for
 // the next frame: the stop then cancels that read.
 #include <sys/ioctl.h>
@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (in.n > 60000) in.n = 60000;  // within the pipe's buffer: a writer never blocks for good
     zor::test::FuzzHost fh;
     zor::Host& h = fh.host;
-    zor::test::RegisterIsr(h, "counting_isr");
+    zor::test::RegisterIsr(h, "test_isr");
     zor::os::Handle reqRead = 0, reqWrite = 0, repRead = 0, repWrite = 0;
     if (!zor::os::pipe_create(&reqRead, &reqWrite) || !zor::os::pipe_create(&repRead, &repWrite)) abort();
     const std::uint32_t pid = zor::os::current_process_id();

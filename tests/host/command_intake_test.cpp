@@ -48,25 +48,6 @@ protected:
     std::intptr_t endResult_ = 0;
 };
 
-TEST_F(Intake, NumbersOutsideTheTableReturnZeroWithoutTouchingThePayload) {
-    // One byte really there, a large size claimed: any read would be caught.
-    Block one(1);
-    for (std::uint64_t cmd : {0ull, 10ull, 16ull, 17ull, 0x8000000000000001ull, ~0ull}) {
-        EXPECT_EQ(zor::OnCopyData(*host_, cmd, one.bytes.get(), 4096, ender_), 0u) << cmd;
-    }
-    EXPECT_EQ(ends_, 0);
-    EXPECT_TRUE(log_.Lines().empty());
-}
-
-TEST_F(Intake, QuitEndsTheDialogWithResultOne) {
-    Block none(0);
-    EXPECT_EQ(Send(ZOR_CMD_QUIT, none), 0u);
-    EXPECT_EQ(ends_, 1);
-    EXPECT_EQ(endResult_, 1);
-    // No way to end: nothing happens, still 0.
-    EXPECT_EQ(zor::OnCopyData(*host_, ZOR_CMD_QUIT, nullptr, 0, zor::DialogEnder{}), 0u);
-}
-
 struct MinSize {
     std::uint64_t cmd;
     std::uint32_t need;
@@ -99,35 +80,6 @@ TEST_F(Intake, PayloadsShorterThanTheirFieldsAreRefused) {
     }
     EXPECT_EQ(host_->clients.FindClient(0), 0u);
     EXPECT_EQ(host_->config.clientCount.load(), 0u);
-}
-
-TEST_F(Intake, NamesWithoutTerminatorInsideThePayloadAreRefused) {
-    for (std::uint64_t cmd : {ZOR_CMD_ISR_REGISTER, ZOR_CMD_FIND_MODULE}) {
-        log_.Clear();
-        // Eleven name units and an odd trailing byte: no whole 0 unit inside.
-        Block b(16 + 22 + 1);
-        b.PutName(16, u"counting_is", false);
-        EXPECT_EQ(Send(cmd, b), 0u);
-        EXPECT_EQ(log_.Lines(), std::vector<std::string>{"ZOR: command " + std::to_string(cmd) +
-                                                         ": name not terminated in 39 bytes\n\r"});
-    }
-}
-
-// Random sizes and bytes for every command that changes nothing outside the
-// host: each payload is a block of exactly its size, so any read past it
-// is a sanitizer error. (3 and 15 would create or duplicate memory for
-// random process ids, 4 only ends the dialog.)
-TEST_F(Intake, RandomPayloadsAreReadOnlyWithinTheirSize) {
-    std::mt19937 rng(12345);
-    const std::uint64_t commands[] = {1, 2, 5, 6, 7, 8, 9, 11, 12, 13, 14};
-    for (int i = 0; i < 3000; ++i) {
-        std::uint64_t cmd = commands[rng() % (sizeof commands / sizeof commands[0])];
-        Block b(rng() % 48);
-        for (std::size_t k = 0; k < b.size; ++k) b.bytes[k] = static_cast<unsigned char>(rng() % 3 ? rng() : 0);
-        Send(cmd, b);
-    }
-    host_->clients.StopAll();
-    SUCCEED();
 }
 
 // The module of a command 5 may write into the body: it writes into the

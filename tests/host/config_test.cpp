@@ -78,14 +78,6 @@ protected:
     std::unique_ptr<zor::Host> host_;
 };
 
-TEST_F(ConfigFiles, MissingFilesGiveTheDefaults) {
-    zor::ReadConfigFiles(*host_);
-    EXPECT_EQ(Utf8(config().szExe), "C:\\zor\\");
-    EXPECT_EQ(Utf8(config().lastIrqName), "");
-    EXPECT_EQ(Utf8(config().fallbackIrqName), "");
-    EXPECT_EQ(config().allowLowIntegrity, 0u);
-}
-
 TEST_F(ConfigFiles, InstallationValuesAreUsedWhenTheUserFileHasNone) {
     Write("install.ini",
           "DLLDIR=D:\\drivers\r\nLASTIRQ=timer.irq\r\nFALLBACKIRQ=trigger.irq\r\n"
@@ -128,17 +120,6 @@ protected:
     std::unique_ptr<zor::Host> host_ = std::make_unique<zor::Host>(log_.log());
     zor::Config& c = host_->config;
 };
-
-TEST_F(ClientPids, TheTenthClientAndLaterOverwriteTheLastEntry) {
-    for (std::uint32_t pid = 1; pid <= 10; ++pid) zor::AppendClientPid(*host_, pid);
-    EXPECT_EQ(c.clientCount.load(), 9u);
-    for (std::uint32_t i = 0; i < 9; ++i) EXPECT_EQ(c.clientPids[i].load(), i + 1);
-    EXPECT_EQ(c.clientPids[9].load(), 10u);
-    zor::AppendClientPid(*host_, 11);
-    EXPECT_EQ(c.clientCount.load(), 9u);
-    EXPECT_EQ(c.clientPids[8].load(), 9u);
-    EXPECT_EQ(c.clientPids[9].load(), 11u);
-}
 
 TEST_F(ClientPids, LivenessLooksAtRecordedEntriesOnly) {
     EXPECT_TRUE(zor::IsNoClientAlive(*host_));  // nobody recorded

@@ -50,20 +50,4 @@ TEST_F(Dialog, StatsShowsRoundedFrequencyAndTruncatedLoadThenZeroes) {
     EXPECT_EQ(Stats(), "IRQ freq.  0 Hz,  time  0%");
 }
 
-TEST_F(Dialog, AutoKillOnlyWhenEveryRecordedClientHasGone) {
-    EXPECT_FALSE(zor::AutoKillDue(*host_, zor::kAutoKillTimerId));  // never had a client
-    EXPECT_FALSE(zor::CancelNeedsConfirmation(*host_));
-
-    zor::AppendClientPid(*host_, zor::os::current_process_id());
-    EXPECT_FALSE(zor::AutoKillDue(*host_, zor::kAutoKillTimerId));
-    EXPECT_TRUE(zor::CancelNeedsConfirmation(*host_));
-
-    host_->config.clientPids[0] = kDeadPid;
-    EXPECT_FALSE(zor::CancelNeedsConfirmation(*host_));
-    EXPECT_FALSE(zor::AutoKillDue(*host_, zor::kAutoKillTimerId + 1));
-    EXPECT_TRUE(log_.Lines().empty());
-    EXPECT_TRUE(zor::AutoKillDue(*host_, zor::kAutoKillTimerId));
-    EXPECT_EQ(log_.LinesOf(2, 6), std::vector<std::string>{"ZOR: AutoKill!\n\r"});
-}
-
 }  // namespace

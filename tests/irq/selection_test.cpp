@@ -55,87 +55,56 @@ protected:
 };
 
 TEST_F(SelectionTest, NameMatchesIgnoringCaseAndTheSearchIsLogged) {
-    DriverFile drv(TestDir(), u"initret_irq.irq");
-    drv.Fn<void (*)(std::uint32_t, std::uint32_t)>("Test_Configure")(0, 0);
-    Configure(u"INITRET_IRQ.IRQ", u"");
+    DriverFile drv(TestDir(), u"test_irq.irq");
+    drv.Fn<void (*)(std::uint32_t, std::uint32_t, std::uint32_t)>("Test_Configure")(0, 0, 0);
+    Configure(u"TEST_IRQ.IRQ", u"");
 
     EXPECT_EQ(SelectAndLoadIrq(h, ui), 0u);
 
     EXPECT_TRUE(log.Contains("Searching for '" + Narrow(TestDir()) + "*.irq' ...\n\r"));
-    EXPECT_TRUE(log.Contains("Found 'initret_irq.irq'\n\r"));
-    EXPECT_TRUE(log.Contains("Found 'noexport_irq.irq'\n\r"));
-    EXPECT_GE(h.irq.search.fileCount, 4u);
+    EXPECT_TRUE(log.Contains("Found 'test_irq.irq'\n\r"));
+    EXPECT_TRUE(log.Contains("Found 'test_irq_b.irq'\n\r"));
+    EXPECT_GE(h.irq.search.fileCount, 3u);
     EXPECT_NE(h.irq.search.lastIndex, IrqSearch::kNotFound);
     EXPECT_EQ(h.irq.search.fallbackIndex, IrqSearch::kNotFound);
     EXPECT_EQ(shown.events, "");
     // The configured spelling is what gets loaded; it loads where the file
     // system ignores case (Windows), and is at least attempted elsewhere.
-    EXPECT_TRUE(log.Contains(LoadLine(u"INITRET_IRQ.IRQ")));
-    DriverFile upper(TestDir(), u"INITRET_IRQ.IRQ");
+    EXPECT_TRUE(log.Contains(LoadLine(u"TEST_IRQ.IRQ")));
+    DriverFile upper(TestDir(), u"TEST_IRQ.IRQ");
     EXPECT_EQ(h.irq.Loaded(), upper.Loaded());
 }
 
-TEST_F(SelectionTest, MissingOrEmptyNameWarnsAndLoadsNothing) {
-    // A fallback that exists is not a reason to load anything.
-    Configure(u"absent.irq", u"initret_irq.irq");
-    SelectAndLoadIrq(h, ui);
-    EXPECT_EQ(shown.events, "show;warn;");
-    EXPECT_TRUE(log.Contains("ZOR: No IRQ driver selected!\n\r"));
-    EXPECT_FALSE(log.ContainsSubstr("LoadIRQ "));
-    EXPECT_NE(h.irq.search.fallbackIndex, IrqSearch::kNotFound);
-    EXPECT_FALSE(h.irq.Loaded());
-
-    shown.events.clear();
-    Configure(u"", u"");
-    SelectAndLoadIrq(h, ui);
-    EXPECT_EQ(shown.events, "show;warn;");
-    EXPECT_FALSE(log.ContainsSubstr("LoadIRQ "));
-
-    // No window: the log line still tells.
-    log.Clear();
-    SelectAndLoadIrq(h, SelectionUi{});
-    EXPECT_TRUE(log.Contains("ZOR: No IRQ driver selected!\n\r"));
-}
-
-TEST_F(SelectionTest, FailingDriverWithoutFallbackStaysUnloaded) {
-    Configure(u"noexport_irq.irq", u"");
-    SelectAndLoadIrq(h, ui);
-    EXPECT_EQ(shown.events, "");
-    EXPECT_TRUE(log.Contains(LoadLine(u"noexport_irq.irq")));
-    EXPECT_FALSE(log.ContainsSubstr("fallback"));
-    EXPECT_FALSE(h.irq.Loaded());
-}
-
 TEST_F(SelectionTest, StartErrorGivesWayToThePresentFallbackOnly) {
-    DriverFile drv(TestDir(), u"initret_irq.irq");
-    auto configure = drv.Fn<void (*)(std::uint32_t, std::uint32_t)>("Test_Configure");
+    DriverFile drv(TestDir(), u"test_irq.irq");
+    auto configure = drv.Fn<void (*)(std::uint32_t, std::uint32_t, std::uint32_t)>("Test_Configure");
     ASSERT_TRUE(configure);
 
     // Fallback present: the first is loaded strictly, fails, leaves.
-    configure(5, 0);
-    Configure(u"initret_irq.irq", u"fault_irq.irq");
+    configure(5, 0, 0);
+    Configure(u"test_irq.irq", u"test_irq_b.irq");
     SelectAndLoadIrq(h, ui);
-    EXPECT_TRUE(log.Contains("ZOR: try to load fallback IRQ driver fault_irq.irq\n"));
-    EXPECT_TRUE(log.Contains(LoadLine(u"fault_irq.irq")));
+    EXPECT_TRUE(log.Contains("ZOR: try to load fallback IRQ driver test_irq_b.irq\n"));
+    EXPECT_TRUE(log.Contains(LoadLine(u"test_irq_b.irq")));
     ASSERT_TRUE(h.irq.Loaded());
-    EXPECT_EQ(std::u16string(h.slots[h.irq.CurrentIrqSlot()].name), u"fault_irq.irq");
+    EXPECT_EQ(std::u16string(h.slots[h.irq.CurrentIrqSlot()].name), u"test_irq_b.irq");
 
     // Fallback configured but not in the directory: not strict, so the
     // failing driver stays.
     log.Clear();
-    configure(5, 0);
-    Configure(u"initret_irq.irq", u"absent.irq");
+    configure(5, 0, 0);
+    Configure(u"test_irq.irq", u"absent.irq");
     SelectAndLoadIrq(h, ui);
     EXPECT_FALSE(log.ContainsSubstr("fallback"));
     ASSERT_TRUE(h.irq.Loaded());
-    EXPECT_EQ(std::u16string(h.slots[h.irq.CurrentIrqSlot()].name), u"initret_irq.irq");
+    EXPECT_EQ(std::u16string(h.slots[h.irq.CurrentIrqSlot()].name), u"test_irq.irq");
     EXPECT_EQ(shown.events, "");
 }
 
 TEST_F(SelectionTest, PriorityComesFromBothFilesAndOnlyBelowThreeApplies) {
-    DriverFile drv(TestDir(), u"initret_irq.irq");
-    drv.Fn<void (*)(std::uint32_t, std::uint32_t)>("Test_Configure")(0, 0x99);
-    Configure(u"initret_irq.irq", u"");
+    DriverFile drv(TestDir(), u"test_irq.irq");
+    drv.Fn<void (*)(std::uint32_t, std::uint32_t, std::uint32_t)>("Test_Configure")(0, 0x99, 0);
+    Configure(u"test_irq.irq", u"");
 
     WriteIni(install_, "IRQPRIO=1\r\n");
     EXPECT_EQ(SelectAndLoadIrq(h, ui), 1u);

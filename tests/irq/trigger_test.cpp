@@ -21,7 +21,7 @@ protected:
         waitIdle = file.Fn<std::uint32_t (*)(std::uint32_t)>("Trigger_WaitIdle");
         threadId = file.Fn<std::uint32_t (*)()>("Trigger_ThreadId");
         ASSERT_TRUE(waitIdle && threadId);
-        ASSERT_NE(RegisterIsr(h, "counting_isr"), 0u);
+        ASSERT_NE(RegisterIsr(h, "test_isr"), 0u);
         ASSERT_EQ(h.irq.LoadIRQ(ProductDir().c_str(), u"trigger.irq", false), 1u);
         isr.Reset();
     }
@@ -41,7 +41,7 @@ protected:
     DriverFile file{ProductDir(), u"trigger.irq"};
     std::uint32_t (*waitIdle)(std::uint32_t) = nullptr;
     std::uint32_t (*threadId)() = nullptr;
-    CountingIsr isr;
+    TestIsr isr;
 };
 
 TEST_F(TriggerTest, QueuedSkippedAndFreeRunningEventsCarryTheDriversSequence) {
@@ -67,25 +67,10 @@ TEST_F(TriggerTest, QueuedSkippedAndFreeRunningEventsCarryTheDriversSequence) {
     ASSERT_EQ(waitIdle(10000), 1u);
     const std::uint32_t delivered = h.irq.Query();
     const auto args = InterruptArgs();
-    ASSERT_EQ(args.size(), std::min<std::size_t>(delivered - 7, 4096));
+    ASSERT_EQ(args.size(), std::min<std::size_t>(delivered - 7, 16384));
     for (std::size_t i = 0; i < args.size(); ++i) ASSERT_EQ(args[i], first + 9 + i) << i;
     os::sleep_ms(20);
     EXPECT_EQ(h.irq.Query(), delivered);
-}
-
-TEST_F(TriggerTest, HostReportsTheDriversGapsAndStopsItOnWithdrawal) {
-    Fire(1100);
-    const std::uint32_t next = h.irq.Control(kSkip | 1);
-    Fire(1);
-    const std::string gap = "ZOR: Time discontinuous! " + std::to_string(next - 2) + "->" +
-                            std::to_string(next) + "\n\r";
-    EXPECT_EQ(log.Count(gap), 1u);
-    EXPECT_EQ(log.Count("                             Standard ISR                     ExecISRFunc\n"),
-              2u);  // events 0 and 1024
-
-    h.irq.UnregisterIRQ();
-    EXPECT_EQ(threadId(), 0u);  // the event thread ended with Shutdown
-    EXPECT_EQ(h.irq.Control(3), 0u);
 }
 
 }  // namespace

@@ -12,7 +12,7 @@ namespace {
 
 TEST(PageLockerLongName, TheRangeIsKeptAndOnlyTheNameSkipped) {
     const std::u16string longName = u"a_module_file_name_of_33_units" ZOR_MODULE_SUFFIX;
-    std::filesystem::copy_file(test::ModuleFileName("counting_isr"), longName,
+    std::filesystem::copy_file(test::ModuleFileName("test_isr"), longName,
                                std::filesystem::copy_options::overwrite_existing);
     os::Module m = os::module_load(longName.c_str());
     ASSERT_NE(m, nullptr);

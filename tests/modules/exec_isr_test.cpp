@@ -17,10 +17,8 @@ namespace {
 class ExecTest : public HostTest {
 protected:
     void SetUp() override {
-        a.Fn<void (*)()>("Test_Reset")();
-        b.Fn<void (*)()>("Test_Reset")();
-        RegisterIsr(h, "service_isr");
-        sb = RegisterIsr(h, "service_isr_b");
+        RegisterIsr(h, "test_isr");
+        sb = RegisterIsr(h, "test_isr_b");
         ASSERT_NE(sb, 0u);
     }
     void MakeArea(std::uint32_t queueBytes) {
@@ -35,7 +33,13 @@ protected:
     std::int32_t Exec(std::uint32_t func, const void* data, std::uint32_t size, std::uint32_t wait) {
         return h.services.ExecISRFunc(sb, func, data, size, wait);
     }
-    std::uint32_t B(const char* fn) { return b.Fn<std::uint32_t (*)()>(fn)(); }
+    // The ExecISRFunc calls b received.
+    std::vector<TestIsr::Call> Execs() {
+        std::vector<TestIsr::Call> out;
+        for (const auto& c : b.Calls())
+            if (c.code == ZOR_FN_EXEC_ISR_FUNC) out.push_back(c);
+        return out;
+    }
     std::string Refusal(const char* what) { return "ZOR: ExecISRFunc ISR#" + std::to_string(sb) + ": " + what + "!\n\r"; }
     // A refusal after the two-second wait for room or the lock.
     void ExpectTimeout(std::uint32_t size) {
@@ -46,35 +50,31 @@ protected:
         EXPECT_TRUE(log.Contains("ZOR: ExecISRFunc timeout!\n\r"));
     }
 
-    TestModule a{"service_isr"}, b{"service_isr_b"};
+    TestIsr a{"test_isr"}, b{"test_isr_b"};
     std::uint32_t sb = 0;
     IrqThread irq;
 };
 
 TEST_F(ExecTest, OnTheDispatchThreadTheTargetIsCalledAtOnceUpTo1192Bytes) {
-    auto setAction = a.Fn<void (*)(std::uint32_t, std::uintptr_t, std::uintptr_t, std::uintptr_t,
-                                   const void*, std::uint32_t)>("Test_SetAction");
-    auto result = a.Fn<std::int64_t (*)()>("Test_ActionResult");
-    constexpr std::uint32_t kActExec = 4;
     std::vector<unsigned char> data(1193);
     for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(i * 13 + 1);
-    setAction(kActExec, sb, 0x42, 1192, data.data(), 1193);
+    const auto d = reinterpret_cast<std::uintptr_t>(data.data());
+    a.CallServiceOn(ZOR_FN_INTERRUPT, SERV_ExecISRFunc, {sb, 0x42, d, 1192, 1});  // asks to wait: must not
     irq.Fire(1);
-    EXPECT_EQ(result(), 1);  // called, its own result not passed back
-    ASSERT_EQ(B("Test_Execs"), 1u);  // within the same event, no area needed
-    EXPECT_EQ(B("Test_LastFunc"), 0x42u);
-    EXPECT_EQ(B("Test_LastSize"), 1192u);
-    EXPECT_EQ(std::memcmp(b.Fn<const unsigned char* (*)()>("Test_LastData")(), data.data(), 1192), 0);
-    EXPECT_EQ(B("Test_LastOnIsrThread"), 1u);
-    setAction(kActExec, sb, 0x43, 1193, nullptr, 0);
+    EXPECT_EQ(a.ServiceResult(), 1);  // called, its own result not passed back
+    ASSERT_EQ(Execs().size(), 1u);    // within the same event, no area needed
+    EXPECT_EQ(Execs()[0].first, 0x42u);
+    EXPECT_EQ(std::memcmp(b.LastData(), data.data(), 1192), 0);
+    EXPECT_EQ(Execs()[0].onIsrThread, 1u);
+    a.CallServiceOn(ZOR_FN_INTERRUPT, SERV_ExecISRFunc, {sb, 0x43, d, 1193, 1});
     irq.Fire(2);
-    EXPECT_EQ(result(), 0);
-    EXPECT_EQ(B("Test_Execs"), 1u);
+    EXPECT_EQ(a.ServiceResult(), 0);
+    EXPECT_EQ(Execs().size(), 1u);
     EXPECT_TRUE(log.Contains("ZOR: ExecISRFunc (within ISR!) ISR#" + std::to_string(sb) + ": Argument too large!\n\r"));
     log.Clear();
-    setAction(kActExec, 77, 0x44, 4, nullptr, 0);  // no such module: refused silently
+    a.CallServiceOn(ZOR_FN_INTERRUPT, SERV_ExecISRFunc, {77, 0x44, d, 4, 1});  // no such module: refused silently
     irq.Fire(3);
-    EXPECT_EQ(result(), 0);
+    EXPECT_EQ(a.ServiceResult(), 0);
     EXPECT_EQ(log.LinesOf(2, 0), std::vector<std::string>{});
 }
 
@@ -91,11 +91,11 @@ TEST_F(ExecTest, QueuedRequestsRunAtTheNextEventUpToTheQueueCapacity) {
     EXPECT_EQ(Exec(1, data.data(), 77, 0), 0);
     EXPECT_TRUE(log.Contains(Refusal("Argument too large")));
     EXPECT_EQ(Exec(1, data.data(), 76, 0), 1);  // 24 + 76 = capacity, queue empty
-    EXPECT_EQ(B("Test_Execs"), 0u);
+    EXPECT_EQ(Execs().size(), 0u);
     irq.Fire(1);
-    EXPECT_EQ(B("Test_Execs"), 1u);
-    EXPECT_EQ(B("Test_LastContext"), os::current_process_id());
-    EXPECT_EQ(B("Test_LastOnIsrThread"), 1u);
+    ASSERT_EQ(Execs().size(), 1u);
+    EXPECT_EQ(Execs()[0].context, os::current_process_id());
+    EXPECT_EQ(Execs()[0].onIsrThread, 1u);
     EXPECT_EQ(Word(ZOR_SSA_ENTRY_COUNT), 0u);
 }
 
@@ -123,15 +123,16 @@ TEST_F(ExecTest, ManyThreadsQueueWithAndWithoutWaitingAndEachGetsItsOwnResult) {
         });
     }
     for (auto& th : threads) th.join();
-    for (int i = 0; i < 1000 && B("Test_Execs") < kThreads * kEach; ++i) os::sleep_ms(1);
+    for (int i = 0; i < 1000 && Execs().size() < kThreads * kEach; ++i) os::sleep_ms(1);
     stop = true;
     pump.join();
     EXPECT_EQ(wrong.load(), 0u);
-    EXPECT_EQ(B("Test_Execs"), kThreads * kEach);
-    std::uint64_t sum = 0;
+    std::uint64_t sum = 0, want = 0;
+    for (const auto& c : Execs()) sum += c.first;
     for (std::uint32_t t = 0; t < kThreads; ++t)
-        for (std::uint32_t i = 0; i < kEach; ++i) sum += 1000 * (t + 1) + i;
-    EXPECT_EQ(b.Fn<std::uint64_t (*)()>("Test_FuncSum")(), sum);
+        for (std::uint32_t i = 0; i < kEach; ++i) want += 1000 * (t + 1) + i;
+    EXPECT_EQ(Execs().size(), kThreads * kEach);
+    EXPECT_EQ(sum, want);
     EXPECT_TRUE(NoSlotKept());  // every slot given back
 }
 
@@ -167,8 +168,8 @@ TEST_F(ExecTest, The1024thWaitingRequestOverflowsTheSlotsButStillRuns) {
     irq.Fire(1);
     waiter.join();
     EXPECT_EQ(r.load(), 0);  // its result was not kept ...
-    EXPECT_EQ(B("Test_Execs"), 1024u);  // ... but it ran
-    EXPECT_EQ(B("Test_LastFunc"), 5000u);
+    ASSERT_EQ(Execs().size(), 1024u);  // ... but it ran
+    EXPECT_EQ(Execs().back().first, 5000u);
 }
 
 }  // namespace

@@ -33,8 +33,8 @@ TEST_F(ServicesTest, MemoryServicesUseTheSlotsOwnLockerAndRefuseEverythingElse) 
     const std::uint32_t s = AddSlot(true);
     static unsigned char range[256];
     const auto addr = reinterpret_cast<std::uintptr_t>(range);
-    TestModule mod("service_isr");
-    const auto inModule = reinterpret_cast<std::uintptr_t>(mod.Fn<void*>("Test_Number"));
+    TestModule mod("test_isr");
+    const auto inModule = reinterpret_cast<std::uintptr_t>(mod.Fn<void*>("Test_Count"));
     const std::uint32_t systemBefore = h.sysLocker.Count();
     EXPECT_EQ(Svc(SERV_MemLock, (std::uintptr_t{1} << 32) + s, addr, sizeof range), 1);  // 32-bit number
     EXPECT_EQ(Svc(SERV_ModuleLock, s, inModule), 1);
@@ -65,65 +65,36 @@ TEST_F(ServicesTest, MemoryServicesUseTheSlotsOwnLockerAndRefuseEverythingElse) 
     }
 }
 
-TEST_F(ServicesTest, QueriesAnswerWithoutAreaDriverOrContext) {
-    EXPECT_EQ(Svc(SERV_GetIRQTime), 0);  // no system area yet
-    EXPECT_EQ(Svc(SERV_IRQQuery), 1000);
-    EXPECT_EQ(Svc(SERV_IsISRThread), 0);
-    EXPECT_EQ(Svc(SERV_GetCallContext), 0);
-    ASSERT_NE(h.shm.SysMem(os::current_process_id(), ZOR_SSA_QUEUE + 64), 0u);
-    IrqThread irq;
-    irq.Fire(0xFFFFFFF0u);
-    EXPECT_EQ(Svc(SERV_GetIRQTime), 0xFFFFFFF0ll);  // unsigned, zero-extended
-    const std::uint32_t s = AddSlot(false);
-    wcopy(h.slots[s].name, 20, u"some_isr.dll");
-    EXPECT_EQ(reinterpret_cast<const char16_t*>(Svc(SERV_GetISRName, s)), h.slots[s].name);
-    EXPECT_EQ(Utf8(reinterpret_cast<const char16_t*>(Svc(SERV_GetISRName, 55))), "UNKNOWN");
-    EXPECT_TRUE(log.Contains("ZOR: SERV_SetISRPrio: invalid DLL handle! (55)\n\r"));
-}
-
-// service_isr and service_isr_b registered; each does on its next Interrupt
-// what it is told and records the outcome.
+// test_isr and test_isr_b registered, sharing an order clock.
 class ModuleServicesTest : public ServicesTest {
 protected:
-    struct Mod {
-        explicit Mod(const char* name) : mod(name) { mod.Fn<void (*)()>("Test_Reset")(); }
-        void Act(std::uint32_t action, std::uintptr_t a1 = 0, std::uintptr_t a2 = 0) {
-            mod.Fn<void (*)(std::uint32_t, std::uintptr_t, std::uintptr_t, std::uintptr_t, const void*,
-                            std::uint32_t)>("Test_SetAction")(action, a1, a2, 0, nullptr, 0);
-        }
-        std::int64_t Result() { return mod.Fn<std::int64_t (*)()>("Test_ActionResult")(); }
-        std::uint32_t Get(const char* fn) { return mod.Fn<std::uint32_t (*)()>(fn)(); }
-        std::int64_t Call(std::uint32_t code) {
-            return mod.Fn<std::int64_t (*)(std::uint32_t, std::uintptr_t, std::uintptr_t, std::uintptr_t)>(
-                "Test_CallService")(code, 0, 0, 0);
-        }
-        std::string File() { return Utf8(mod.FileName()); }
-        TestModule mod;
-    };
-    enum : std::uint32_t { kBlockSelf = 1, kSetPrio = 2, kInstall = 3, kIsIsrThread = 5 };
     void SetUp() override {
-        sa = RegisterIsr(h, "service_isr");
-        sb = RegisterIsr(h, "service_isr_b");
+        sa = RegisterIsr(h, "test_isr");
+        sb = RegisterIsr(h, "test_isr_b");
         ASSERT_TRUE(sa && sb);
-        for (Mod* m : {&a, &b}) m->mod.Fn<void (*)(std::atomic<std::uint32_t>*)>("Test_SetOrderCounter")(&order);
+        a.SetClock(&clock);
+        b.SetClock(&clock);
     }
-    void TearDown() override {
-        for (Mod* m : {&a, &b}) m->mod.Fn<void (*)(std::atomic<std::uint32_t>*)>("Test_SetOrderCounter")(nullptr);
+    void TearDown() override { a.Reset(), b.Reset(); }
+    std::uint32_t LastStamp(const TestIsr& m) {
+        std::uint32_t stamp = 0;
+        for (const auto& c : m.Calls()) stamp = c.code == ZOR_FN_INTERRUPT ? c.stamp : stamp;
+        return stamp;
     }
-    bool AFirst() { return a.Get("Test_LastStamp") < b.Get("Test_LastStamp"); }
+    bool AFirst() { return LastStamp(a) < LastStamp(b); }
+    std::string File(const TestIsr& m) { return Utf8(m.FileName()); }
 
-    Mod a{"service_isr"}, b{"service_isr_b"};
-    std::uint32_t sa = 0, sb = 0;
-    std::atomic<std::uint32_t> order{0};
+    TestIsr a{"test_isr"}, b{"test_isr_b"};
+    std::uint32_t sa = 0, sb = 0, clock = 0;
     IrqThread irq;
 };
 
 TEST_F(ModuleServicesTest, SetISRPrioReordersFromTheNextEvent) {
     irq.Fire(1);
     EXPECT_TRUE(AFirst());
-    b.Act(kSetPrio, sb, 0);  // B moves itself ahead during event 2
+    b.CallServiceOn(ZOR_FN_INTERRUPT, SERV_SetISRPrio, {0, 0}, 1);  // B moves itself ahead in event 2
     irq.Fire(2);
-    EXPECT_EQ(b.Result(), 0);
+    EXPECT_EQ(b.ServiceResult(), 0);
     EXPECT_TRUE(AFirst());  // not within the same event
     irq.Fire(3);
     EXPECT_FALSE(AFirst());
@@ -136,35 +107,33 @@ TEST_F(ModuleServicesTest, SetISRPrioReordersFromTheNextEvent) {
 
 TEST_F(ModuleServicesTest, OnTheDispatchThreadAnIsrBlocksItselfWithoutWaiting) {
     h.dispatcher.processorCount.store(2);  // elsewhere the block would wait for the call's end
-    a.Act(kBlockSelf);
+    a.CallServiceOn(ZOR_FN_INTERRUPT, SERV_BlockISR, {0, 1}, 1);
     irq.Fire(1);
-    EXPECT_EQ(a.Result(), 0);
+    EXPECT_EQ(a.ServiceResult(), 0);
     EXPECT_EQ(Svc(SERV_ISRBlocked, sa), 1);
     irq.Fire(2);
-    EXPECT_EQ(a.Get("Test_Interrupts"), 1u);
-    EXPECT_EQ(b.Get("Test_Interrupts"), 2u);
+    EXPECT_EQ(a.CountOf(ZOR_FN_INTERRUPT), 1u);
+    EXPECT_EQ(b.CountOf(ZOR_FN_INTERRUPT), 2u);
     EXPECT_FALSE(log.ContainsSubstr("BlockISR timeout"));
+    a.CallServiceOn(ZOR_FN_INTERRUPT, SERV_IsISRThread, {});
     EXPECT_EQ(Svc(SERV_BlockISR, sa, 0), 0);
     irq.Fire(3);
-    EXPECT_EQ(a.Get("Test_Interrupts"), 2u);
-    a.Act(kIsIsrThread);
-    irq.Fire(4);
-    EXPECT_EQ(a.Result(), 1);
-    EXPECT_EQ(a.Call(SERV_IsISRThread), 0);
+    EXPECT_EQ(a.CountOf(ZOR_FN_INTERRUPT), 2u);
+    EXPECT_EQ(a.ServiceResult(), 1);
+    EXPECT_EQ(a.CallService(SERV_IsISRThread), 0);
 }
 
 TEST_F(ModuleServicesTest, CustomServicesInstallDuplicateAndLeaveWithTheirOwner) {
     constexpr std::uint32_t kCode = 0x5000;
-    a.Act(kInstall, kCode);
-    irq.Fire(1);
-    EXPECT_EQ(a.Result(), 0);
-    EXPECT_EQ(Svc(kCode, 7), std::int64_t{0xC0000000} | (sa << 16) | 7);  // zero-extended
-    b.Act(kInstall, kCode);
-    irq.Fire(2);
-    EXPECT_EQ(b.Result(), 0);
-    EXPECT_TRUE(log.Contains("ZOR: Duplicate custom service 5000 registration! (" + b.File() + " & " +
-                             a.File() + ")\n"));
-    EXPECT_EQ(Svc(kCode, 7), std::int64_t{0xC0000000} | (sa << 16) | 7);  // the lower entry wins
+    for (const TestIsr* m : {&a, &b}) {
+        m->CallServiceOn(ZOR_FN_INTERRUPT, SERV_InstallService, {0, kCode, m->Custom()}, 1);
+        irq.Fire(1);
+        m->CallServiceOn(0, 0, {});
+        EXPECT_EQ(m->ServiceResult(), 0);
+    }
+    EXPECT_TRUE(log.Contains("ZOR: Duplicate custom service 5000 registration! (" + File(b) + " & " +
+                             File(a) + ")\n"));
+    EXPECT_EQ(Svc(kCode, 7), std::int64_t{0xC0000000} | (sa << 16) | 7);  // the lower entry wins, zero-extended
     h.registry.UnregisterISR(sa);
     EXPECT_EQ(Svc(kCode, 7), std::int64_t{0xC0000000} | (sb << 16) | 7);
     h.registry.UnregisterISR(sb);
@@ -196,12 +165,12 @@ TEST_F(ModuleServicesTest, UnknownCallsAreLoggedAtTheFirstAndEvery16384thCallAnd
     log.Clear();
     h.services.ReportUnknownServiceCalls();  // nothing recorded: nothing printed
     EXPECT_TRUE(log.Lines().empty());
-    for (std::uint32_t i = 0; i < 2 * 16384 + 1; ++i) ASSERT_EQ(a.Call(0x7777), 0);
-    b.Call(0x7777);  // another caller of the same code is a record of its own
+    for (std::uint32_t i = 0; i < 2 * 16384 + 1; ++i) ASSERT_EQ(a.CallService(0x7777), 0);
+    b.CallService(0x7777);  // another caller of the same code is a record of its own
     const std::string msg = "ZOR: Unknown service call (00007777) called ";
     EXPECT_EQ(log.LinesOf(2, 2),
-              (std::vector<std::string>{msg + " by " + a.File() + "\n", msg + "16384 times by " + a.File() + "\n",
-                                        msg + "32768 times by " + a.File() + "\n", msg + " by " + b.File() + "\n"}));
+              (std::vector<std::string>{msg + " by " + File(a) + "\n", msg + "16384 times by " + File(a) + "\n",
+                                        msg + "32768 times by " + File(a) + "\n", msg + " by " + File(b) + "\n"}));
     log.Clear();
     h.services.ReportUnknownServiceCalls();
     auto row = [](const char* count, const std::string& name) {
@@ -211,14 +180,14 @@ TEST_F(ModuleServicesTest, UnknownCallsAreLoggedAtTheFirstAndEvery16384thCallAnd
     EXPECT_EQ(log.LinesOf(2, 2),
               (std::vector<std::string>{"ZOR: List of unknown service calls\n", rule,
                                         "ZOR: - Func      - # Called - Caller              -\n", rule,
-                                        row("   32769", a.File()), row("       1", b.File()), rule}));
+                                        row("   32769", File(a)), row("       1", File(b)), rule}));
     // A full table still logs every new call; recorded ones count silently.
-    for (std::uint32_t i = 2; i < Services::kUnknown; ++i) a.Call(0x100 + i);
+    for (std::uint32_t i = 2; i < Services::kUnknown; ++i) a.CallService(0x100 + i);
     log.Clear();
-    a.Call(0x999);
-    a.Call(0x999);
-    a.Call(0x100 + 2);
-    const std::string line = "ZOR: Unknown service call (00000999) called  by " + a.File() + "\n";
+    a.CallService(0x999);
+    a.CallService(0x999);
+    a.CallService(0x100 + 2);
+    const std::string line = "ZOR: Unknown service call (00000999) called  by " + File(a) + "\n";
     EXPECT_EQ(log.LinesOf(2, 2), (std::vector<std::string>{line, line}));
 }
 

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "common/test_host.h"
-#include "modules/heap_area_os.h"
+#include "common/heap_area_os.h"
 #include "modules/tdl_writer.h"
 
 namespace zor {
@@ -104,40 +104,6 @@ TEST_F(SharedMemTest, ReleaseUnmapsThenClosesAndTheSequenceWordStopsBeingWritten
     test::IrqThread irq;
     irq.Fire(1);  // would write into freed memory if the view were kept
     EXPECT_EQ(h.services.Call(SERV_GetIRQTime, 0, 0, 0, 0, 0, 0, nullptr), 0);
-}
-
-TEST_F(SharedMemTest, ModuleMemoryIsDuplicatedByNumberAndRefusedOtherwise) {
-    auto addSlot = [&](os::Handle mapping) {
-        const std::uint32_t s = h.slots.Alloc();
-        h.slots[s].number.store(s);
-        h.slots[s].kind.store(kKindIsr);
-        h.slots[s].mapping = mapping;
-        h.slots[s].inUse.store(1);
-        return s;
-    };
-    EXPECT_EQ(h.shm.GetIsrMem(9, 1), 0u);  // no slot at all
-    const os::Handle mapping = os::mapping_create(64);
-    const std::uint32_t s = addSlot(mapping);
-    const std::uint32_t bare = addSlot(0);
-    EXPECT_EQ(h.shm.GetIsrMem(9, 0x100000000ull + s), 0u);  // compared in 64 bits
-    EXPECT_EQ(h.shm.GetIsrMem(9, 50), 0u);
-    fake.events.clear();
-    EXPECT_NE(h.shm.GetIsrMem(9, s), 0u);
-    h.slots.Free(s);  // a released slot keeps its number and is still found
-    EXPECT_NE(h.shm.GetIsrMem(9, s), 0u);
-    EXPECT_EQ(h.shm.GetIsrMem(9, bare), 0u);  // no mapping: duplication fails
-    fake.failing = "open";
-    h.slots[bare].mapping = mapping;
-    EXPECT_EQ(h.shm.GetIsrMem(9, bare), 0u);
-    EXPECT_EQ(fake.events, (Events{"open", "dup", "close process", "open", "dup", "close process",
-                                   "open", "dup", "close process", "open failed"}));
-    std::uint32_t refusals = 0;
-    for (const std::string& l : log.Lines())
-        refusals += l.rfind("ZOR: GetIsrMem of failed to duplicate handle for shared memory (", 0) == 0;
-    EXPECT_EQ(2u, refusals);
-    EXPECT_EQ(fake.openProcesses, 0);
-    h.slots[bare].mapping = 0;
-    os::handle_close(mapping);
 }
 
 }  // namespace

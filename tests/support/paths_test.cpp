@@ -18,14 +18,6 @@ std::u16string AppData() {
     return dir;
 }
 
-TEST(Paths, StartupDirIsTheTestProgramsFolder) {
-    char16_t dir[260];
-    ASSERT_TRUE(FU_GetProcessStartupDir(dir));
-    EXPECT_EQ(std::u16string(wfile_part(dir, true)), u"bin");
-    FU_FormatPath(dir, u'\\');
-    EXPECT_EQ(dir[wlen(dir) - 1], u'\\');
-}
-
 TEST(Paths, FormatPathAddsTheSeparatorOnlyWhereMissingAndRoomy) {
     char16_t p[260] = u"C:\\dir";
     EXPECT_EQ(FU_FormatPath(p, u'\\'), p);
@@ -65,27 +57,6 @@ TEST(Paths, ReplacePathExpandsTheUsersCompanyFolder) {
     char16_t tight[260] = u"?{UserCompanyAppData}ZOR.ini";
     EXPECT_FALSE(FU_ReplacePath(tight, static_cast<std::uint32_t>(want.size())));
     EXPECT_EQ(std::u16string(tight), u"?{UserCompanyAppData}ZOR.ini");
-}
-
-TEST(Paths, ReplacePathWithAShortFolderMovesTheRestLeft) {
-    AppDataEnv env("APPDATA", u"/a");
-    std::u16string base = AppData();
-    ASSERT_LT(base.size() + 5, std::u16string(u"?{UserCompanyAppData}").size());
-    char16_t p[260] = u"?{UserCompanyAppData}sub\\file.ini";
-    ASSERT_TRUE(FU_ReplacePath(p, 260));
-    EXPECT_EQ(std::u16string(p), base + u"\\ZOR\\sub\\file.ini");
-}
-
-TEST(Paths, ReplacePathLeavesOtherPathsAlone) {
-    char16_t plain[260] = u"C:\\ZOR\\ZOR.INI";
-    EXPECT_TRUE(FU_ReplacePath(plain, 260));
-    EXPECT_EQ(std::u16string(plain), u"C:\\ZOR\\ZOR.INI");
-    char16_t unknown[260] = u"?{CommonAppData}x.ini";
-    EXPECT_FALSE(FU_ReplacePath(unknown, 260));
-    EXPECT_EQ(std::u16string(unknown), u"?{CommonAppData}x.ini");
-    char16_t cut[260] = u"?{UserCompanyApp";
-    EXPECT_FALSE(FU_ReplacePath(cut, 260));
-    EXPECT_EQ(std::u16string(cut), u"?{UserCompanyApp");
 }
 
 }  // namespace

@@ -1,2 +1,0 @@
-// counting_isr under another file name.
-#include "counting_isr.cpp"
