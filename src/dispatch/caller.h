@@ -27,9 +27,17 @@ public:
 
     explicit Caller(Host& host) : h_(host) {}
 
-    // The caller has validated `slot`.
+    // Calls above this many milliseconds are slow: logged on the dispatch thread.
+    static constexpr double kSlowCallMs = 2.0;
+
+    // The caller has validated `slot`. With `boundary` (the dispatch loop)
+    // the call starts at *boundary instead of a reading of its own, and
+    // *boundary receives the reading that ends it, so that consecutive calls
+    // share one clock reading; a slow or faulting call reads the clock again
+    // after its report, which the next call does not pay for.
     std::uint32_t CallModule(std::uint32_t slot, std::uint32_t code, std::uint64_t arg,
-                             std::uint32_t flags = 0, std::uint32_t context = 0);
+                             std::uint32_t flags = 0, std::uint32_t context = 0,
+                             double* boundary = nullptr);
     void ReportCall(std::uint32_t slot, double elapsed, std::uint32_t code,
                     std::uint64_t arg, std::uint32_t flags);
 
