@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench_report.h"
 #include "host/host.h"
 #include "support/stopwatch.h"
 #include "support/wstr.h"
@@ -51,7 +52,7 @@ void Print(const char* what, std::vector<double>& us, std::uint32_t wrong) {
 }
 
 // Round trips of waited requests from this thread while events arrive.
-void RoundTrips(Host& h, std::uint32_t slot, std::uint32_t n, const char* what) {
+std::vector<double> RoundTrips(Host& h, std::uint32_t slot, std::uint32_t n, const char* what) {
     std::vector<double> us;
     us.reserve(n);
     std::uint32_t wrong = 0;
@@ -63,6 +64,32 @@ void RoundTrips(Host& h, std::uint32_t slot, std::uint32_t n, const char* what) 
         if (static_cast<std::uint32_t>(r) != i + 1) ++wrong;
     }
     Print(what, us, wrong);
+    return us;
+}
+
+// The bare work: a request handed to a thread that spins like a free-running
+// dispatch thread, and the answer handed back, through one shared word; the
+// requester waits the way ExecISRFunc does (yielding).
+std::vector<double> BareHandOff(std::uint32_t n) {
+    std::atomic<std::uint32_t> word{0};
+    std::atomic<bool> stop{false};
+    std::thread partner([&] {
+        while (!stop.load(std::memory_order_relaxed)) {
+            const std::uint32_t w = word.load(std::memory_order_acquire);
+            if (w & 1) word.store(w + 1, std::memory_order_release);
+        }
+    });
+    std::vector<double> us;
+    us.reserve(n);
+    for (std::uint32_t i = 0; i < n; ++i) {
+        const double t0 = ClockMs();
+        word.store(2 * i + 1, std::memory_order_release);
+        while (word.load(std::memory_order_acquire) != 2 * i + 2) std::this_thread::yield();
+        us.push_back((ClockMs() - t0) * 1000.0);
+    }
+    stop = true;
+    partner.join();
+    return us;
 }
 
 // Asks the driver for one event per millisecond until stopped.
@@ -154,8 +181,11 @@ int main(int argc, char** argv) {
                     (h.irq.Query() - e0) * 1000.0 / (ClockMs() - t0));
     }
     h.irq.Control(ZOR_TRIGGER_FREE_RUN);
-    RoundTrips(h, slot, n * 10, "waited round trip, free-running events:");
+    auto waited = RoundTrips(h, slot, n * 10, "waited round trip, free-running events:");
     h.irq.Control(ZOR_TRIGGER_STOP);
+    auto bare = BareHandOff(n * 10);
+    bench::Rows("waited ExecISRFunc, free-running events", waited,
+                "hand-off between two threads through a shared word", bare, "us");
     os::sleep_ms(20);
     QueueCost(h, slot);
     const std::uint32_t events = h.irq.Query();

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "bench_report.h"
 #include "os/os.h"
 
 namespace os = zor::os;
@@ -51,8 +52,7 @@ int main() {
     double now = BestNs(300, 10000, [&] { sink = os::now_ms(); });
     double tick = BestNs(300, 10000, [&] { tsink = os::tick_ms(); });
 
-    std::printf("plain indirect call     %8.2f ns\n", plain);
-    std::printf("guarded empty call      %8.2f ns  (+%.2f ns)\n", guarded, guarded - plain);
+    bench::Row("guarded empty call", guarded, "plain indirect call", plain, "ns");
     std::printf("two nested guards       %8.2f ns\n", nested);
     std::printf("caught fault            %8.2f us\n", caught / 1000.0);
     std::printf("now_ms()                %8.2f ns\n", now);

@@ -26,6 +26,7 @@ struct CallFrame {
     std::uint32_t threadId;
     std::uint32_t result;
     bool nullEntry;
+    double* boundary;
 };
 
 void GuardedCall(void* p) {
@@ -39,10 +40,12 @@ void GuardedCall(void* p) {
         f.nullEntry = true;
         return;
     }
-    const double t0 = ClockMs();
+    const double t0 = f.boundary ? *f.boundary : ClockMs();
     f.result = entry(f.code, static_cast<std::uintptr_t>(f.arg));
     const double t1 = ClockMs();
+    if (f.boundary) *f.boundary = t1;
     f.caller->ReportCall(f.slotNumber, t1 - t0, f.code, f.arg, f.flags);
+    if (f.boundary && t1 - t0 > Caller::kSlowCallMs) *f.boundary = ClockMs();
 }
 
 
@@ -96,7 +99,8 @@ void ModuleNameOfAddress(const void* address, char16_t* buf, unsigned size) {
 }
 
 std::uint32_t Caller::CallModule(std::uint32_t slot, std::uint32_t code, std::uint64_t arg,
-                                 std::uint32_t flags, std::uint32_t context, bool* gone) {
+                                 std::uint32_t flags, std::uint32_t context, bool* gone,
+                                 double* boundary) {
     ModuleSlot& s = h_.slots[slot];
     // Entering the count and seeing the closing bit are one operation, so
     // an unloading thread either sees this call or this call sees it.
@@ -105,10 +109,11 @@ std::uint32_t Caller::CallModule(std::uint32_t slot, std::uint32_t code, std::ui
         if (gone) *gone = true;
         return 0;
     }
-    CallFrame f{this, &s, slot, code, arg, flags, context, 0, 0, false};
+    CallFrame f{this, &s, slot, code, arg, flags, context, 0, 0, false, boundary};
     os::Fault fault{};
     if (!os::guarded_run(GuardedCall, &f, &fault)) {
         ReportFault(slot, fault.address);
+        if (boundary) *boundary = ClockMs();
     } else if (f.nullEntry) {
         // Cleared by an unloading, or not yet set by a registration.
         if (gone && ((s.calls.load(std::memory_order_acquire) & ModuleSlot::kClosing) ||
@@ -117,6 +122,7 @@ std::uint32_t Caller::CallModule(std::uint32_t slot, std::uint32_t code, std::ui
         } else {
             // What a call through null reports: the fault returns into the host.
             ReportFault(slot, reinterpret_cast<const void*>(&GuardedCall));
+            if (boundary) *boundary = ClockMs();
         }
     }
     if (context != 0) RemoveThreadContext(f.threadId);
@@ -181,7 +187,7 @@ void Caller::ReportCall(std::uint32_t slot, double elapsed, std::uint32_t code,
                         std::uint64_t arg, std::uint32_t flags) {
     ModuleSlot& s = h_.slots[slot];
     const char16_t* suffix = (flags & kFlagTdl) ? u" (TDL)" : u"";
-    if (elapsed > 2.0 && h_.dispatcher.IsDispatchThread() &&
+    if (elapsed > kSlowCallMs && h_.dispatcher.IsDispatchThread() &&
         h_.log.wPrintf_IsUserLevelActive(0, 1)) {
         if (code > 21) {
             h_.log.wPrintf(0, 1, u"ZOR: %s used %3.2f ms (unknown func=%ld)%s\n\r", s.name,

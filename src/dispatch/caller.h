@@ -27,13 +27,21 @@ public:
 
     explicit Caller(Host& host) : h_(host) {}
 
+    // Calls above this many milliseconds are slow: logged on the dispatch thread.
+    static constexpr double kSlowCallMs = 2.0;
+
     // The caller has validated `slot`. A slot whose module is being unloaded
     // is not called: the result is 0 and *gone (when given) is set. With
     // `gone` given, a null entry of a slot not in use counts as gone too
     // instead of being reported as a fault.
+    // With `boundary` (the dispatch loop) the call starts at *boundary instead
+    // of a reading of its own, and *boundary receives the reading that ends
+    // it, so that consecutive calls share one clock reading; a slow or
+    // faulting call reads the clock again after its report, which the next
+    // call does not pay for.
     std::uint32_t CallModule(std::uint32_t slot, std::uint32_t code, std::uint64_t arg,
                              std::uint32_t flags = 0, std::uint32_t context = 0,
-                             bool* gone = nullptr);
+                             bool* gone = nullptr, double* boundary = nullptr);
     // Unloading a slot's module: lets no new call in, clears the entry and
     // waits up to `waitMs` for the calls in flight on other threads (the
     // calling thread's own calls into the slot are not waited for). False

@@ -45,15 +45,18 @@ std::uint32_t Dispatcher::OnInterrupt(std::uint32_t sequence) {
     DoTDL();
     if (orderValid_.exchange(1, std::memory_order_acq_rel) == 0) RebuildOrder();
 
+    // One clock reading per boundary between calls: the reading that ends
+    // one ISR's call starts the next one's, and the last one ends the event.
+    double boundary = ClockMs();
     for (std::uint32_t i = 0; i < dispatchCount_.load(std::memory_order_relaxed); ++i) {
         ModuleSlot& s = h_.slots[order_[i]];
         if (s.blocked.load(std::memory_order_acquire) != 0) continue;
         s.busy.store(1, std::memory_order_release);
-        h_.caller.CallModule(order_[i], ZOR_FN_INTERRUPT, sequence, 0, 0);
+        h_.caller.CallModule(order_[i], ZOR_FN_INTERRUPT, sequence, 0, 0, nullptr, &boundary);
         s.busy.store(0, std::memory_order_release);
     }
 
-    EndOfInterrupt(sequence);
+    EndOfInterrupt(sequence, boundary);
     inDispatch.store(0, std::memory_order_release);
     return 0;
 }

@@ -27,8 +27,10 @@ public:
     std::uint32_t BlockISR(std::uint32_t handle, std::uint32_t block);
     std::int32_t ISRBlocked(std::uint32_t handle);
 
-    // Statistics report (end of every dispatched event).
+    // Statistics report (end of every dispatched event); `now` is the time at
+    // which the event's work ended.
     void EndOfInterrupt(std::uint32_t sequence);
+    void EndOfInterrupt(std::uint32_t sequence, double now);
     // Deferred list (start of every dispatched event).
     void DoTDL();
 

@@ -26,9 +26,11 @@ void PrintRow(Logger& log, const char16_t* who, const CStatistic& s) {
 
 }  // namespace
 
-void Dispatcher::EndOfInterrupt(std::uint32_t sequence) {
+void Dispatcher::EndOfInterrupt(std::uint32_t sequence) { EndOfInterrupt(sequence, ClockMs()); }
+
+void Dispatcher::EndOfInterrupt(std::uint32_t sequence, double now) {
     Logger& log = h_.log;
-    double total = ClockMs() - wakeTime_;
+    double total = now - wakeTime_;
     double hz = irqFrequencyHz.load(std::memory_order_relaxed);
     if (hz != 0.0) {
         irqLoadPercent.store(total / (1000.0 / hz) * 100.0, std::memory_order_relaxed);

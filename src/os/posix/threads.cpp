@@ -7,6 +7,11 @@
 // record so that thread_wait can time out, and closing the handle of a
 // running thread simply lets it run on, as CloseHandle does.
 //
+// A thread still runs a few instructions of the trampoline after it has
+// signalled its end, and the trampoline may live in a module (a driver) that
+// is unloaded as soon as the wait returns. So a successful wait also joins
+// the thread; only a handle closed without one detaches it.
+//
 // Priorities are recorded, not applied: raising them needs privileges a
 // sanitizer build does not have, and lowering them could not be undone.
 #include <atomic>
@@ -34,6 +39,7 @@ struct ThreadRecord {
     bool finished = false;
     std::uint32_t exit_code = 0;
     std::atomic<int> refs{2};
+    std::atomic<bool> reaped{false};  // joined or detached
     std::atomic<int> priority{kThreadPriorityNormal};
     IoCancel io;
 };
@@ -44,6 +50,15 @@ std::atomic<std::uint32_t> g_priority_class{kNormalPriorityClass};
 
 void release(ThreadRecord* r) {
     if (r->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete r;
+}
+
+void reap(ThreadRecord* r, bool join) {
+    if (r->reaped.exchange(true, std::memory_order_acq_rel)) return;
+    if (join) {
+        pthread_join(r->tid, nullptr);
+    } else {
+        pthread_detach(r->tid);
+    }
 }
 
 ThreadRecord* record(Thread t) {
@@ -103,11 +118,7 @@ Thread thread_create(ThreadProc proc, void* arg) {
     r->proc = proc;
     r->arg = arg;
     cancel_signal();  // installed before any thread can wait for it
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    int e = pthread_create(&r->tid, &attr, trampoline, r);
-    pthread_attr_destroy(&attr);
+    int e = pthread_create(&r->tid, nullptr, trampoline, r);
     if (e != 0) {
         delete r;
         errno = e;
@@ -137,9 +148,12 @@ std::uint32_t thread_wait(Thread t, std::uint32_t timeout_ms) {
     auto done = [r] { return r->finished; };
     if (timeout_ms == kInfinite) {
         r->ended.wait(lock, done);
-        return 0;
+    } else if (!r->ended.wait_for(lock, std::chrono::milliseconds(timeout_ms), done)) {
+        return kWaitTimeout;
     }
-    return r->ended.wait_for(lock, std::chrono::milliseconds(timeout_ms), done) ? 0 : kWaitTimeout;
+    lock.unlock();
+    reap(r, true);
+    return 0;
 }
 
 // Like CancelSynchronousIo: only a read that is waiting now is cancelled;
@@ -168,6 +182,7 @@ bool thread_handle_close(Thread t) {
         errno = EBADF;
         return false;
     }
+    reap(r, false);
     release(r);
     return true;
 }

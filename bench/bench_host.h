@@ -1,0 +1,38 @@
+// What the benchmarks that drive a host in-process share: trivial ISRs
+// registered by hand, without module files.
+#pragma once
+
+#include <cstdint>
+
+#include "host/host.h"
+#include "support/wstr.h"
+
+namespace bench {
+
+inline std::uint64_t g_trivialCalls = 0;
+inline std::uint32_t Trivial(std::uint32_t code, std::uintptr_t arg) {
+    g_trivialCalls += code + arg;
+    return 0;
+}
+
+// Registers `n` slots that hold `entry`, all named "trivial".
+inline void AddIsrs(zor::Host& h, int n, ZorGetSetProc entry = Trivial) {
+    for (int i = 0; i < n; ++i) {
+        const std::uint32_t s = h.slots.Alloc();
+        zor::wcopy(h.slots[s].name, 20, u"trivial");
+        h.slots[s].kind.store(zor::kKindIsr);
+        h.slots[s].number.store(s);
+        h.slots[s].entry.store(entry);
+        h.slots[s].inUse.store(1);
+    }
+    h.dispatcher.InvalidateDispatchOrder();
+}
+
+// Frees the slots of ISRs registered by hand (the IRQ driver's is left).
+inline void FreeIsrs(zor::Host& h) {
+    for (std::uint32_t s = 1; s < h.slots.HighWater(); ++s) {
+        if (h.slots[s].kind.load() == zor::kKindIsr) h.slots.Free(s);
+    }
+}
+
+}  // namespace bench
