@@ -17,7 +17,7 @@ zor_fuzz_all() {  # seconds per entry
     (cd "$bin" && ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 "./$name" -max_total_time="$1" \
         -timeout=20 -rss_limit_mb=2048 -print_final_stats=1 "${dict[@]}" \
         -artifact_prefix="$ZOR_ROOT/build/fuzz/artifacts/$name-" \
-        "$work" "$ZOR_ROOT/tests/fuzz/corpus/$name" 2>&1 | grep -E "^(#[0-9]+ +DONE|stat::|==[0-9]+==|SUMMARY|Done|INFO: seed|.*ERROR)" ; exit "${PIPESTATUS[0]}") \
+        "$work" "$ZOR_ROOT/tests/fuzz/corpus/$name" 2>&1 | grep -E "^(#[0-9]+[[:space:]]+DONE|stat::|==[0-9]+==|SUMMARY|Done|INFO: seed|.*ERROR)" ; exit "${PIPESTATUS[0]}") \
       || { zor_log "$name FAILED"; status=1; }
   done
   return $status

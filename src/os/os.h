@@ -54,6 +54,10 @@ std::uint32_t current_process_id();
 // True while a process with this id exists (GetProcessVersion != 0).
 bool process_alive(std::uint32_t pid);
 std::uint32_t processor_count();
+// What the process holds, for soak figures: resident bytes and open handles
+// (descriptors on posix); 0 when unknown.
+std::uint64_t resident_bytes();
+std::uint32_t open_handle_count();
 // Last error of the calling thread (GetLastError / errno).
 std::uint32_t last_error();
 // The system's text for an error code of last_error(), UTF-8, without a
