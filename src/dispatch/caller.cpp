@@ -101,6 +101,7 @@ std::uint32_t Caller::CallModule(std::uint32_t slot, std::uint32_t code, std::ui
     os::Fault fault{};
     if (!os::guarded_run(GuardedCall, &f, &fault)) {
         ReportFault(slot, fault.address);
+        if (code == ZOR_FN_INTERRUPT) h_.stats.OnIsrFault(slot, faultModuleName_);
     } else if (f.nullEntry) {
         // What a call through null reports: the fault returns into the host.
         ReportFault(slot, reinterpret_cast<const void*>(&GuardedCall));
@@ -149,8 +150,14 @@ void Caller::ReportCall(std::uint32_t slot, double elapsed, std::uint32_t code,
         }
         LogSlowCall(h_.log, s.name, elapsed, code, arg, suffix, BlockBytes(flags, arg));
     }
-    if (code == 20) s.interruptStat.Add(elapsed);
-    if (code == 5) s.execStat.Add(elapsed);
+    if (code == 20) {
+        s.interruptStat.Add(elapsed);
+        h_.stats.OnIsrCall(slot, elapsed);
+    }
+    if (code == 5) {
+        s.execStat.Add(elapsed);
+        h_.stats.OnExecCall();
+    }
 }
 
 void Caller::AddThreadContext(std::uint32_t threadId, std::uint32_t context) {

@@ -22,12 +22,14 @@ int RunZorApp(const char16_t* commandLine, DialogShell& shell) {
     SetRunningHost(host);
     LoadConfig(*host);
     host->registry.PrepareTables();
+    host->stats.Publish();
 
     shell.RunDialog(*host, hide);
 
     // No pipe thread may be inside a module while the modules go.
     host->clients.StopAll();
     host->registry.UnloadAll();
+    host->stats.Release();
     SetRunningHost(nullptr);
     delete host;
     logger.End();

@@ -36,6 +36,8 @@ double now_ms();
 // 32-bit millisecond tick that wraps (GetTickCount semantics).
 std::uint32_t tick_ms();
 void sleep_ms(std::uint32_t ms);
+// Wall clock: milliseconds since 1970-01-01 UTC.
+std::uint64_t wall_clock_ms();
 // Which clock now_ms() uses ("tsc", "qpc", "clock_gettime"), for the log.
 const char* clock_name();
 
@@ -161,6 +163,12 @@ struct Calls {
 
     bool (*priority_class_set)(std::uint32_t cls);
     bool (*thread_priority_set)(Thread t, int priority);
+
+    // A mapping of `size` bytes under a session-wide name ("Local\\..."),
+    // writable through this handle only: other processes may open it for
+    // reading. Fails (0, *existed true) when an object of that name already
+    // exists: whoever made it could write it.
+    Handle (*mapping_create_named)(const char16_t* name, std::uint32_t size, bool* existed);
 };
 extern Calls calls;
 
@@ -189,5 +197,12 @@ inline bool thread_close(Thread t) { return calls.handle_close(t); }
 inline bool thread_cancel_io(Thread t) { return calls.thread_cancel_io(t); }
 inline bool priority_class_set(std::uint32_t c) { return calls.priority_class_set(c); }
 inline bool thread_priority_set(Thread t, int p) { return calls.thread_priority_set(t, p); }
+inline Handle mapping_create_named(const char16_t* n, std::uint32_t s, bool* e) {
+    return calls.mapping_create_named(n, s, e);
+}
+// Removes the name of a mapping made by mapping_create_named once it is no
+// longer to be found (posix: shm_unlink; Windows: the name goes with the
+// last handle, nothing to do).
+void mapping_remove_name(const char16_t* name);
 
 }  // namespace zor::os

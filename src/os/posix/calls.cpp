@@ -23,6 +23,7 @@ constexpr Calls kNative = {
     .thread_cancel_io = posix::thread_cancel_io,
     .priority_class_set = posix::priority_class_set,
     .thread_priority_set = posix::thread_priority_set,
+    .mapping_create_named = posix::mapping_create_named,
 };
 }  // namespace
 

@@ -12,6 +12,7 @@ constexpr Calls kNative = {
     win32::handle_close,    win32::pipe_read,         win32::pipe_write,
     win32::thread_create,   win32::thread_wait,       win32::thread_cancel_io,
     win32::priority_class_set, win32::thread_priority_set,
+    win32::mapping_create_named,
 };
 }  // namespace
 

@@ -33,5 +33,6 @@ std::uint32_t thread_wait(Thread t, std::uint32_t timeout_ms);
 bool thread_cancel_io(Thread t);
 bool priority_class_set(std::uint32_t cls);
 bool thread_priority_set(Thread t, int priority);
+Handle mapping_create_named(const char16_t* name, std::uint32_t size, bool* existed);
 
 }  // namespace zor::os::win32
