@@ -28,6 +28,13 @@
  * process, and the host ends by itself a few seconds after the last such
  * process has exited. Tools that only ask questions therefore avoid it.
  *
+ * The statistics area: every host publishes its live figures (zor_stats.h)
+ * in a named mapping, "Local\ZOR.stats.<host pid>", that any process of the
+ * session may open for reading (OpenFileMappingW with FILE_MAP_READ) and no
+ * other process may write. Reading it is not command 3: the host records
+ * nothing and its automatic shut-down is not affected. zor_stats_map()
+ * opens it; zor_stats_copy() takes a consistent copy.
+ *
  * Names are UTF-8 here and UTF-16 on the wire; a module file name is at most
  * 19 UTF-16 units (the host's limit) and is looked up by the host's own
  * module search (its executable directory first).
@@ -42,6 +49,7 @@
 #include <stdint.h>
 
 #include "zor/zor_module.h"
+#include "zor/zor_stats.h"
 
 #if defined(_WIN32) && defined(ZORCLIENT_BUILD_DLL)
 #define ZOR_CLIENT_API ZOR_EXTERN_C __declspec(dllexport)
@@ -64,7 +72,8 @@ typedef enum ZorStatus {
     ZOR_E_NOT_CONNECTED = -10, /* no pipe open on this connection */
     ZOR_E_PIPE = -11,          /* the pipe broke or lost step; reopen it */
     ZOR_E_NAME_TOO_LONG = -12, /* module name over 19 UTF-16 units or bad UTF-8 */
-    ZOR_E_NO_SLOT = -13        /* every async result slot is taken */
+    ZOR_E_NO_SLOT = -13,       /* every async result slot is taken */
+    ZOR_E_LAYOUT = -14         /* the statistics area has another layout */
 } ZorStatus;
 
 /* A sentence for a status (English, static storage, never null). */
@@ -146,6 +155,21 @@ ZOR_CLIENT_API int zor_system_area(ZorConnection* c, uint32_t size,
  * (maps the area on first use). */
 ZOR_CLIENT_API int zor_read_counters(ZorConnection* c, uint32_t* sequence,
                                      uint32_t* run_counter);
+
+/* ------------------------------------------------------- statistics area */
+
+/* Maps the statistics area of host `host_pid` for reading into *view;
+ * *stats points at it. ZOR_E_NO_HOST when there is none (no such host, or
+ * one running without the area). ZOR_E_LAYOUT when its magic, layout or
+ * size are not this header's, or it claims more bytes than are mapped:
+ * then only magic, layout and size may be read, and the view is still
+ * mapped (zor_unmap it). Needs no connection. */
+ZOR_CLIENT_API int zor_stats_map(uint32_t host_pid, const ZorStats** stats,
+                                 ZorView* view);
+/* Copies the area into *out, each guarded record (event figures, every
+ * slot, the texts) taken whole under its sequence word. ZOR_E_TIMEOUT when
+ * a record kept changing (the host writes each within microseconds). */
+ZOR_CLIENT_API int zor_stats_copy(const ZorStats* stats, ZorStats* out);
 
 /* ----------------------------------------------------------- ExecISRFunc */
 

@@ -2,7 +2,8 @@
 # Debian's packages and prepares the private Wine prefix. Idempotent.
 ZOR_ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)"
 ZOR_PACKAGES=(g++-mingw-w64-x86-64-posix wine64 wine xvfb cmake ninja-build googletest
-              g++ clang libclang-rt-14-dev imagemagick x11-apps procps)
+              g++ clang libclang-rt-14-dev imagemagick x11-apps procps
+              librsvg2-bin)
 export WINEPREFIX="$ZOR_ROOT/build/wineprefix"
 export WINEDEBUG=-all
 export WINEDLLOVERRIDES="winedbg.exe=d;mscoree=d;mshtml=d"

@@ -114,6 +114,7 @@ std::uint32_t Caller::CallModule(std::uint32_t slot, std::uint32_t code, std::ui
     if (!os::guarded_run(GuardedCall, &f, &fault)) {
         ReportFault(slot, fault.address);
         if (boundary) *boundary = ClockMs();
+        if (code == ZOR_FN_INTERRUPT) h_.stats.OnIsrFault(slot, faultModuleName_);
     } else if (f.nullEntry) {
         // Cleared by an unloading, or not yet set by a registration.
         if (gone && ((s.calls.load(std::memory_order_acquire) & ModuleSlot::kClosing) ||
@@ -196,8 +197,14 @@ void Caller::ReportCall(std::uint32_t slot, double elapsed, std::uint32_t code,
         }
         LogSlowCall(h_.log, s.name, elapsed, code, arg, suffix, BlockBytes(flags, arg));
     }
-    if (code == 20) s.interruptStat.Add(elapsed);
-    if (code == 5) s.execStat.Add(elapsed);
+    if (code == 20) {
+        s.interruptStat.Add(elapsed);
+        h_.stats.OnIsrCall(slot, elapsed);
+    }
+    if (code == 5) {
+        s.execStat.Add(elapsed);
+        h_.stats.OnExecCall();
+    }
 }
 
 void Caller::AddThreadContext(std::uint32_t threadId, std::uint32_t context) {

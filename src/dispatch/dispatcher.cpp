@@ -27,18 +27,23 @@ std::uint32_t Dispatcher::OnInterrupt(std::uint32_t sequence) {
     wakeupStat_.Add(interval);
     if (interval != 0.0) irqFrequencyHz.store(1000.0 / interval, std::memory_order_relaxed);
     wakeTime_ = now;
+    h_.stats.OnWake(interval, sequence);
 
     if (unsigned char* area = h_.shm.Area()) {
         std::atomic_ref<std::uint32_t>(*reinterpret_cast<std::uint32_t*>(area))
             .store(sequence, std::memory_order_release);
     }
 
-    if (paused.load(std::memory_order_acquire) != 0) return 1;
+    if (paused.load(std::memory_order_acquire) != 0) {
+        h_.stats.OnPaused();
+        return 1;
+    }
     // Announce the event, then look at the pause flag once more: a pause that
     // began in between either sees InDispatch or is seen here (both seq_cst).
     inDispatch.store(1, std::memory_order_seq_cst);
     if (paused.load(std::memory_order_seq_cst) != 0) {
         inDispatch.store(0, std::memory_order_release);
+        h_.stats.OnPaused();
         return 1;
     }
 
@@ -81,6 +86,7 @@ void Dispatcher::RebuildOrder() {
         ++n;
     }
     dispatchCount_.store(n, std::memory_order_relaxed);
+    h_.stats.PublishTable();
 }
 
 bool Dispatcher::IsDispatchThread() const {
@@ -108,6 +114,7 @@ std::uint32_t Dispatcher::BlockISR(std::uint32_t handle, std::uint32_t block) {
     }
     ModuleSlot& s = h_.slots[handle];
     s.blocked.store(block, std::memory_order_release);
+    h_.stats.OnBlocked(handle, block);
     if (block == 0 || processorCount.load(std::memory_order_relaxed) <= 1) return 0;
     // An ISR may block itself or another from inside the dispatch.
     if (IsDispatchThread()) return 0;

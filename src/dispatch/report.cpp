@@ -39,6 +39,7 @@ void Dispatcher::EndOfInterrupt(std::uint32_t sequence, double now) {
         log.wPrintf(0, 1, u"ZOR: total ISR used %3.2f ms (TDL %3.2f ms)\n\r", total, tdlTime_);
     }
     totalStat_.Add(total);
+    h_.stats.OnEventEnd(total);
 
     if ((eventCounter_ & kReportMask) == 0) {
         log.wPrintf(2, 6, u"                             Standard ISR                     ExecISRFunc\n");

@@ -50,6 +50,7 @@ void RunEntries(Host& h, unsigned char* area, std::uint32_t areaSize) {
         } else if (e.result_index != 0) {
             TdlWord(area, ZOR_SSA_RESULTS + 4 * e.result_index).store(r, std::memory_order_relaxed);
         }
+        h.stats.OnTdlEntryRun();
         p += kTdlEntryHeader + e.size;
     }
 }
@@ -62,6 +63,7 @@ void Dispatcher::DoTDL() {
     if (!TdlAreaUsable(area, areaSize)) return;
     auto sync = TdlWord(area, ZOR_SSA_SYNC_TDL);
     if (sync.exchange(1, std::memory_order_acquire) != 0) {
+        h_.stats.OnTdlSkipped();
         h_.log.wPrintf(2, 6, u"ZOR: DoTDL skipps due to SyncTDL=1\n");
         return;
     }

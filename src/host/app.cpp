@@ -28,6 +28,7 @@ int RunZorApp(const char16_t* commandLine, DialogShell& shell) {
     SetRunningHost(host);
     LoadConfig(*host);
     host->registry.PrepareTables();
+    host->stats.Publish();
 
     shell.RunDialog(*host, hide);
 
@@ -37,6 +38,7 @@ int RunZorApp(const char16_t* commandLine, DialogShell& shell) {
     const bool stopped = host->clients.StopAll();
     host->registry.UnloadAll();
     if (stopped) {
+        host->stats.Release();
         SetRunningHost(nullptr);
         delete host;
     } else {

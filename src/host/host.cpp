@@ -13,6 +13,7 @@ Host::Host(Logger& logger)
       sysLocker(logger, lockedNames),
       caller(*this),
       dispatcher(*this),
+      stats(*this),
       shm(*this),
       services(*this),
       registry(*this),

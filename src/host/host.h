@@ -9,6 +9,7 @@
 #include "clients/client_registry.h"
 #include "dispatch/caller.h"
 #include "dispatch/dispatcher.h"
+#include "dispatch/stats.h"
 #include "host/config.h"
 #include "irq/irq_driver.h"
 #include "lock/page_locker.h"
@@ -37,6 +38,7 @@ struct Host {
     SlotTable slots;
     Caller caller;
     Dispatcher dispatcher;
+    StatsArea stats;
     SharedMemory shm;
     Services services;
     Registry registry;

@@ -71,6 +71,8 @@ std::uint32_t SelectAndLoadIrq(Host& h, const SelectionUi& ui) {
     }
     std::uint32_t level = ConfiguredPriority(h);
     if (level < 3) h.irq.SetIrqPriority(level);
+    const std::uint32_t slot = h.irq.CurrentIrqSlot();
+    h.stats.SetDriver(h.irq.Loaded() ? h.slots[slot].name : u"", level);
     return level;
 }
 

@@ -196,6 +196,11 @@ struct Calls {
     // Closes a handle value valid in `process` (DuplicateHandle with
     // DUPLICATE_CLOSE_SOURCE): takes back what handle_dup_to gave.
     bool (*handle_close_in)(Handle process, std::uint64_t remote);
+    // A mapping of `size` bytes under a session-wide name ("Local\\..."),
+    // writable through this handle only: other processes may open it for
+    // reading. Fails (0, *existed true) when an object of that name already
+    // exists: whoever made it could write it.
+    Handle (*mapping_create_named)(const char16_t* name, std::uint32_t size, bool* existed);
 };
 extern Calls calls;
 
@@ -227,5 +232,12 @@ inline bool priority_class_set(std::uint32_t c) { return calls.priority_class_se
 inline bool thread_priority_set(Thread t, int p) { return calls.thread_priority_set(t, p); }
 inline Handle file_open_append(const char16_t* p) { return calls.file_open_append(p); }
 inline bool file_write(Handle h, const void* b, std::uint32_t n) { return calls.file_write(h, b, n); }
+inline Handle mapping_create_named(const char16_t* n, std::uint32_t s, bool* e) {
+    return calls.mapping_create_named(n, s, e);
+}
+// Removes the name of a mapping made by mapping_create_named once it is no
+// longer to be found (posix: shm_unlink; Windows: the name goes with the
+// last handle, nothing to do).
+void mapping_remove_name(const char16_t* name);
 
 }  // namespace zor::os

@@ -145,6 +145,8 @@ public:
         std::vector<std::string> binFiles{"trigger.irq"};
         std::vector<std::string> testModules{"test_isr.dll"};
         bool connect = true;
+        // Runs before the host's first instruction, with its process id.
+        void (*beforeStart)(DWORD pid) = nullptr;
     };
 
     ZorInstance() : ZorInstance(Options()) {}
@@ -172,7 +174,12 @@ public:
         std::wstring cmd = L"\"" + dir_ + L"\\zor.exe\"" + (o.args.empty() ? L"" : L" " + o.args);
         STARTUPINFOW si{};
         si.cb = sizeof si;
-        ok = ok && CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, FALSE, 0, nullptr, dir_.c_str(), &si, &pi_);
+        ok = ok && CreateProcessW(nullptr, cmd.data(), nullptr, nullptr, FALSE, o.beforeStart ? CREATE_SUSPENDED : 0,
+                                  nullptr, dir_.c_str(), &si, &pi_);
+        if (ok && o.beforeStart) {
+            o.beforeStart(pi_.dwProcessId);
+            ResumeThread(pi_.hThread);
+        }
         SetEnvironmentVariableW(L"ZOR_LOG_FILE", nullptr);
         EXPECT_TRUE(ok) << "zor.exe not started";
         if (ok && o.connect) WaitWindow(15000);

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "client/payloads.h"
+#include "stats_commands.h"
 #include "zor/zor_client.h"
 #include "zor/zor_version.h"
 
@@ -41,13 +42,19 @@ const char kHelp[] =
     "  exec N FUNC [HEXBYTES] [--wait [MS]]\n"
     "                              run function FUNC of module N on the dispatch thread;\n"
     "                              --wait prints its result (default wait 2000 ms)\n"
-    "  watch [--seconds N]         live sequence number, event rate and missed events,\n"
+    "  stats [--json]              the host's figures: events, rate, load, gaps, and\n"
+    "                              per module calls, call-time percentiles, faults\n"
+    "  watch [--seconds N]         the stats table once a second, with per-second rates,\n"
     "                              until Ctrl-C or N seconds\n"
+    "  plot --svg FILE [--seconds N]\n"
+    "                              histograms of N seconds (default 10) as an SVG page\n"
     "  quit                        end the host\n"
     "\n"
     "Options: --pid P talks to the host window of process P; --timeout MS bounds each\n"
     "command (default 5000). Numbers may be decimal or 0x-hex.\n"
-    "exec and watch map the system shared area: the host then counts this process\n"
+    "stats, watch and plot only read the host's statistics area; they exit 2 when its\n"
+    "layout is not the one this zorctl knows.\n"
+    "exec maps the system shared area: the host then counts this process\n"
     "as a client and ends by itself a few seconds after its last such client exits,\n"
     "unless another one is still running.\n"
     "\n"
@@ -76,7 +83,8 @@ int Fail(const char* what, int status) {
 struct Args {
     std::vector<const char*> pos;  // positional words after the command
     std::uint32_t shm = 0, tag = 0, wait = 0, seconds = 0;
-    bool pipe = false, waitSet = false, secondsSet = false;
+    bool pipe = false, waitSet = false, secondsSet = false, json = false;
+    const char* svg = nullptr;
 };
 
 // Options after the command word; returns an error text or null.
@@ -87,6 +95,11 @@ const char* ParseOptions(int argc, char** argv, int i, Args* a) {
             if (++i >= argc || !ParseU32(argv[i], &a->shm)) return "--shm needs a byte count";
         } else if (!std::strcmp(s, "--tag")) {
             if (++i >= argc || !ParseU32(argv[i], &a->tag)) return "--tag needs a number";
+        } else if (!std::strcmp(s, "--json")) {
+            a->json = true;
+        } else if (!std::strcmp(s, "--svg")) {
+            if (++i >= argc || argv[i][0] == '\0') return "--svg needs a file name";
+            a->svg = argv[i];
         } else if (!std::strcmp(s, "--pipe")) {
             a->pipe = true;
         } else if (!std::strcmp(s, "--wait")) {
@@ -106,12 +119,6 @@ const char* ParseOptions(int argc, char** argv, int i, Args* a) {
     return nullptr;
 }
 
-volatile LONG g_stop = 0;
-BOOL WINAPI OnCtrl(DWORD) {
-    InterlockedExchange(&g_stop, 1);
-    return TRUE;
-}
-
 int Status(ZorConnection* c) {
     std::uint32_t q = 0;
     int st = zor_irq_query(c, &q);
@@ -124,45 +131,14 @@ int Status(ZorConnection* c) {
     return kOk;
 }
 
-int Watch(ZorConnection* c, const Args& a) {
-    std::uint32_t seq = 0, run = 0;
-    int st = zor_read_counters(c, &seq, &run);
-    if (st != ZOR_OK) return Fail("system area", st);
-    SetConsoleCtrlHandler(OnCtrl, TRUE);
-    DWORD mode;
-    // Refresh in place on a console or terminal; one line a second into
-    // files and pipes, where carriage returns would only pile up.
-    const HANDLE out = GetStdHandle(STD_OUTPUT_HANDLE);
-    const bool console = GetConsoleMode(out, &mode) != 0 || GetFileType(out) == FILE_TYPE_CHAR;
-    const ULONGLONG t0 = GetTickCount64();
-    ULONGLONG last = t0;
-    std::uint32_t lastSeq = seq, lastRun = run;
-    std::uint64_t missed = 0;
-    while (!g_stop) {
-        Sleep(console ? 250 : 1000);
-        const ULONGLONG now = GetTickCount64();
-        if (!zor_host_alive(c)) {
-            std::printf("%shost ended\n", console ? "\n" : "");
-            return kNoHost;
-        }
-        zor_read_counters(c, &seq, &run);
-        // Each dispatched event runs the deferred list once; sequence numbers
-        // that advanced beyond those are missed events: periods the driver
-        // skipped, or events a paused host did not dispatch.
-        const std::uint32_t dSeq = seq - lastSeq, dRun = run - lastRun;
-        if (dSeq > dRun) missed += dSeq - dRun;
-        const double rate = (now > last) ? dSeq * 1000.0 / static_cast<double>(now - last) : 0;
-        std::printf("%ssequence %10lu   rate %9.1f /s   missed %llu   %s", console ? "\r" : "",
-                    static_cast<unsigned long>(seq), rate, static_cast<unsigned long long>(missed),
-                    console ? "  " : "\n");
-        std::fflush(stdout);
-        lastSeq = seq;
-        lastRun = run;
-        last = now;
-        if (a.secondsSet && now - t0 >= a.seconds * 1000ull) break;
-    }
-    if (console) std::printf("\n");
-    return kOk;
+int RunStatsCommand(const std::string& cmd, std::uint32_t pid, std::uint32_t timeout, const Args& a) {
+    if (!a.pos.empty()) return Usage("stats, watch and plot take no positional arguments");
+    zorctl::StatsOptions o{pid, timeout, a.json, a.svg, a.seconds, a.secondsSet};
+    if (cmd == "stats") return zorctl::Stats(o);
+    if (cmd == "watch") return zorctl::Watch(o);
+    if (a.svg == nullptr) return Usage("plot --svg FILE [--seconds N]");
+    if (!a.secondsSet) o.seconds = 10;
+    return zorctl::Plot(o);
 }
 
 int Run(ZorConnection* c, const std::string& cmd, const Args& a) {
@@ -254,10 +230,6 @@ int Run(ZorConnection* c, const std::string& cmd, const Args& a) {
         std::printf("%lu\n", static_cast<unsigned long>(r));
         return kOk;
     }
-    if (cmd == "watch") {
-        if (!p.empty()) return Usage("watch [--seconds N]");
-        return Watch(c, a);
-    }
     if (cmd == "quit") {
         if (!p.empty()) return Usage("quit takes no arguments");
         st = zor_quit(c);
@@ -335,8 +307,9 @@ int Main(int argc, char** argv) {
         for (std::uint32_t k = 0; k < n && k < 64; ++k) std::printf("%lu\n", static_cast<unsigned long>(pids[k]));
         return n ? kOk : kNoHost;
     }
+    if (cmd == "stats" || cmd == "watch" || cmd == "plot") return RunStatsCommand(cmd, pid, timeout, a);
     static const char* const known[] = {"status", "register", "unregister", "find", "info",
-                                        "irq-query", "irq-control", "call", "exec", "watch", "quit"};
+                                        "irq-query", "irq-control", "call", "exec", "quit"};
     bool ok = false;
     for (const char* k : known) ok = ok || cmd == k;
     if (!ok) return Usage("unknown command");

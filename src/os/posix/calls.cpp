@@ -26,6 +26,7 @@ constexpr Calls kNative = {
     .file_open_append = posix::file_open_append,
     .file_write = posix::file_write,
     .handle_close_in = posix::handle_close_in,
+    .mapping_create_named = posix::mapping_create_named,
 };
 }  // namespace
 

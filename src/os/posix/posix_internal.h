@@ -78,5 +78,6 @@ bool priority_class_set(std::uint32_t cls);
 bool thread_priority_set(Thread t, int priority);
 Handle file_open_append(const char16_t* path);
 bool file_write(Handle h, const void* buf, std::uint32_t n);
+Handle mapping_create_named(const char16_t* name, std::uint32_t size, bool* existed);
 
 }  // namespace zor::os::posix

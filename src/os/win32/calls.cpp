@@ -14,6 +14,7 @@ constexpr Calls kNative = {
     win32::priority_class_set, win32::thread_priority_set,
     win32::file_open_append, win32::file_write,
     win32::handle_close_in,
+    win32::mapping_create_named,
 };
 }  // namespace
 

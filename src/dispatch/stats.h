@@ -1,0 +1,123 @@
+// The statistics area: live figures that any process may read (layout in
+// zor/zor_stats.h). The host is its only writer; every figure of the event
+// path is a single-writer word of the dispatch thread, updated with plain
+// loads and stores inside a per-record sequence word, so the hooks below
+// cost a few plain instructions: no lock, no allocation, no system call.
+// Without an area (not published, or its name was taken) every hook is one
+// test of a null pointer.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "os/os.h"
+#include "zor/zor_stats.h"
+
+namespace zor {
+
+struct Host;
+
+// Stores are release (a plain mov on x86-64): none moves above the odd
+// sequence word stored before it, so no fence is needed. Readers load with
+// acquire, word by word (zor_stats_copy).
+namespace stats_detail {
+template <class T>
+inline void Put(T& w, T v) { std::atomic_ref<T>(w).store(v, std::memory_order_release); }
+template <class T>
+inline T Get(T& w) { return std::atomic_ref<T>(w).load(std::memory_order_relaxed); }
+inline void Bump(std::uint64_t& w) { Put(w, Get(w) + 1); }
+inline void Begin(std::uint32_t& seq) { Put(seq, Get(seq) + 1); }
+inline void End(std::uint32_t& seq) { Put(seq, Get(seq) + 1); }
+// zor_stats_bucket_of_ns without the integer conversion: a double's
+// exponent and its top three mantissa bits are the octave and the eighth of
+// it. The sign is dropped (durations are not negative).
+inline std::uint32_t BucketOfMs(double ms) {
+    std::uint64_t bits;
+    const double ns = ms * 1e6;
+    __builtin_memcpy(&bits, &ns, sizeof bits);
+    const std::int64_t i = static_cast<std::int64_t>((bits << 1) >> 50) - ((1023 + 4) << 3) + 1;
+    return i < 1 ? 0 : i >= ZOR_STATS_BUCKETS ? ZOR_STATS_BUCKETS - 1 : static_cast<std::uint32_t>(i);
+}
+inline void Count(ZorStatsHistogram& h, double ms) { Bump(h.count[BucketOfMs(ms)]); }
+}  // namespace stats_detail
+
+class StatsArea {
+public:
+    explicit StatsArea(Host& host) : h_(host) {}
+    ~StatsArea() { Release(); }
+    StatsArea(const StatsArea&) = delete;
+    StatsArea& operator=(const StatsArea&) = delete;
+
+    // Creates the area "Local\ZOR.stats.<pid>" and fills its header. A name
+    // that already exists is refused and logged; the host then runs
+    // without the area (false).
+    bool Publish();
+    void Release();
+    ZorStats* Area() const { return area_.load(std::memory_order_acquire); }
+
+    // Written on the window thread when the IRQ driver has been selected.
+    void SetDriver(const char16_t* name, std::uint32_t stage);
+    // The slot table as it now is (numbers, names, kinds, priorities); on
+    // the dispatch thread, whenever the dispatch order is rebuilt.
+    void PublishTable();
+
+    // Dispatch thread, every event, paused or not.
+    void OnWake(double intervalMs, std::uint32_t sequence) {
+        using namespace stats_detail;
+        ZorStats* a = Area();
+        if (!a) return;
+        Begin(a->ev.seq);
+        Put(a->ev.sequence, sequence);
+        // The first interval runs from the clock's origin: not an interval.
+        if (woken_) Count(a->ev.wakeup, intervalMs);
+        Put(a->ev.interval_ms, intervalMs);
+        End(a->ev.seq);
+        woken_ = true;
+    }
+    void OnPaused() {
+        if (ZorStats* a = Area()) stats_detail::Bump(a->ev.paused_events);
+    }
+    // Dispatch thread, at the end of every dispatched event.
+    void OnEventEnd(double totalMs);
+    // Dispatch thread: one completed Interrupt call of `slot`.
+    void OnIsrCall(std::uint32_t slot, double ms) {
+        using namespace stats_detail;
+        ZorStats* a = Area();
+        if (!a) return;
+        ZorStatsSlot& s = a->slots[slot];
+        Begin(s.seq);
+        Bump(s.calls);
+        Count(s.call, ms);
+        if (ms > ZOR_STATS_SLOW_MS) Bump(s.slow_calls);
+        End(s.seq);
+    }
+    // Any thread: SERV_BlockISR changed a slot's flag.
+    void OnBlocked(std::uint32_t slot, std::uint32_t blocked) {
+        if (ZorStats* a = Area()) stats_detail::Put(a->slots[slot].blocked, blocked);
+    }
+    // Dispatch thread: a fault caught in an Interrupt call.
+    void OnIsrFault(std::uint32_t slot, const char16_t* module);
+    void OnTdlEntryRun() {
+        if (ZorStats* a = Area()) stats_detail::Bump(a->ev.tdl_entries_run);
+    }
+    void OnTdlSkipped() {
+        if (ZorStats* a = Area()) stats_detail::Bump(a->ev.tdl_skipped);
+    }
+    // Any thread: a completed ExecISRFunc call.
+    void OnExecCall() {
+        if (ZorStats* a = Area())
+            std::atomic_ref<std::uint64_t>(a->exec_calls).fetch_add(1, std::memory_order_relaxed);
+    }
+
+private:
+    Host& h_;
+    std::atomic<ZorStats*> area_{nullptr};
+    os::Handle mapping_ = 0;
+    char16_t name_[40] = {};
+    // Dispatch thread only.
+    bool woken_ = false;
+    bool dispatched_ = false;
+    std::uint32_t lastSequence_ = 0;
+};
+
+}  // namespace zor

@@ -1,0 +1,141 @@
+// The statistics area of the real host: figures that follow a known load,
+// zorctl reading them without becoming a client, and a host whose area name
+// was taken before it started.
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "e2e_support.h"
+
+namespace zor::e2e {
+namespace {
+
+// A strict enough JSON check: one value, nothing after it.
+bool JsonValue(const char*& p);
+void Space(const char*& p) {
+    while (*p == ' ' || *p == '\n' || *p == '\r' || *p == '\t') ++p;
+}
+bool JsonString(const char*& p) {
+    if (*p++ != '"') return false;
+    for (; *p != '"'; ++p) {
+        if (*p == '\0' || static_cast<unsigned char>(*p) < 0x20) return false;
+        if (*p == '\\' && *++p == '\0') return false;
+    }
+    return *p++ == '"';
+}
+bool JsonList(const char*& p, char close, bool object) {
+    Space(++p);
+    if (*p == close) return ++p, true;
+    for (;;) {
+        if (object && !(JsonString(p) && (Space(p), *p++ == ':'))) return false;
+        if (!JsonValue(p)) return false;
+        Space(p);
+        if (*p == close) return ++p, true;
+        if (*p++ != ',') return false;
+        Space(p);
+    }
+}
+bool JsonValue(const char*& p) {
+    Space(p);
+    if (*p == '{') return JsonList(p, '}', true);
+    if (*p == '[') return JsonList(p, ']', false);
+    if (*p == '"') return JsonString(p);
+    for (const char* w : {"true", "false", "null"})
+        if (std::strncmp(p, w, std::strlen(w)) == 0) return p += std::strlen(w), true;
+    char* end = nullptr;
+    std::strtod(p, &end);
+    if (end == p) return false;
+    p = end;
+    return true;
+}
+bool IsJson(const std::string& text) {
+    const char* p = text.c_str();
+    if (!JsonValue(p)) return false;
+    Space(p);
+    return *p == '\0';
+}
+
+// The bucket that holds half of the counts.
+std::uint32_t MedianBucket(const ZorStatsHistogram& h, std::uint64_t n) {
+    std::uint64_t sum = 0;
+    for (std::uint32_t i = 0; i < ZOR_STATS_BUCKETS; ++i)
+        if ((sum += h.count[i]) * 2 >= n) return i;
+    return ZOR_STATS_BUCKETS;
+}
+
+RunResult Ctl(DWORD pid, const std::wstring& args) {
+    return RunTool(BinFile("zorctl.exe"), L"--pid " + std::to_wstring(pid) + L" " + args);
+}
+
+TEST(StatsArea, FiguresFollowAKnownLoadAndReadersAreNoClients) {
+    ZorInstance::Options o;
+    o.testModules = {"busy_isr.dll", "faulting_isr.dll"};
+    ZorInstance zor(o);
+    std::uint32_t busy = 0, faulting = 0, r = 0;
+    ASSERT_EQ(zor_register_module(zor.conn(), "busy_isr.dll", 0, &busy, nullptr), ZOR_OK);
+    ASSERT_EQ(zor_register_module(zor.conn(), "faulting_isr.dll", 0, &faulting, nullptr), ZOR_OK);
+    const ZorStats* area = nullptr;
+    ZorView view{};
+    ASSERT_EQ(zor_stats_map(zor.Pid(), &area, &view), ZOR_OK);
+    ASSERT_EQ(zor_irq_control(zor.conn(), 100, &r), ZOR_OK);
+    auto s = std::make_unique<ZorStats>();
+    for (int waited = 0; zor_stats_copy(area, s.get()) == ZOR_OK && s->ev.events < 100 && waited < 10000; waited += 50)
+        Sleep(50);
+    EXPECT_EQ(s->ev.events, 100u);
+    EXPECT_EQ(s->ev.sequence, 100u);
+    EXPECT_EQ(s->ev.sequence_gaps, 0u);
+    EXPECT_EQ(s->host_pid, zor.Pid());
+    EXPECT_EQ(Narrow(reinterpret_cast<const wchar_t*>(s->info.irq_driver)), "trigger.irq");
+    const ZorStatsSlot& b = s->slots[busy];
+    EXPECT_EQ(Narrow(reinterpret_cast<const wchar_t*>(b.name)), "busy_isr.dll");
+    EXPECT_EQ(b.calls, 100u);
+    EXPECT_EQ(b.faults, 0u);
+    // 1 ms busy: the bucket from 0.98 to 1.05 ms; a preempted majority may
+    // reach the next one.
+    const std::uint32_t want = zor_stats_bucket_of_ns(1000000);
+    EXPECT_GE(MedianBucket(b.call, b.calls), want);
+    EXPECT_LE(MedianBucket(b.call, b.calls), want + 1);
+    EXPECT_GE(MedianBucket(s->ev.event, 100), want);
+    const ZorStatsSlot& f = s->slots[faulting];
+    EXPECT_EQ(f.faults, 100u);
+    EXPECT_EQ(f.calls, 0u);
+    EXPECT_EQ(Narrow(reinterpret_cast<const wchar_t*>(f.fault_module)), "faulting_isr.dll");
+    zor_unmap(&view);
+
+    auto json = Ctl(zor.Pid(), L"stats --json");
+    EXPECT_EQ(json.code, 0u);
+    EXPECT_TRUE(IsJson(json.out)) << json.out;
+    EXPECT_NE(json.out.find("\"name\": \"faulting_isr.dll\", \"kind\": \"isr\", \"priority\": 1, \"blocked\": false, "
+                            "\"calls\": 0, \"faults\": 100, \"slow_calls\": 0"),
+              std::string::npos) << json.out;
+    // The old watch mapped the system area and so ended the host a few
+    // seconds after it exited.
+    auto watch = Ctl(zor.Pid(), L"watch --seconds 1");
+    EXPECT_EQ(watch.code, 0u) << watch.out;
+    EXPECT_NE(watch.out.find("busy_isr.dll"), std::string::npos) << watch.out;
+    EXPECT_FALSE(zor.Exited(6000));
+}
+
+TEST(StatsArea, ANameTakenBeforeStartIsRefusedAndTheHostRunsWithout) {
+    static HANDLE planted = nullptr;
+    ZorInstance::Options o;
+    o.beforeStart = [](DWORD pid) {
+        const std::wstring name = L"" ZOR_STATS_NAME_PREFIX + std::to_wstring(pid);
+        planted = CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 4096, name.c_str());
+    };
+    ZorInstance zor(o);
+    ASSERT_NE(planted, nullptr);
+    const std::string line = "ZOR: statistics area 'Local\\ZOR.stats." + std::to_string(zor.Pid()) +
+                             "' already exists, not ours to use! Running without it.\n\r";
+    EXPECT_TRUE(zor.WaitLog(line));
+    std::uint32_t q = 0;
+    EXPECT_EQ(zor_irq_query(zor.conn(), &q), ZOR_OK);
+    // The planted object's zeros are no statistics area.
+    auto r = Ctl(zor.Pid(), L"stats");
+    EXPECT_EQ(r.code, 2u) << r.out;
+    EXPECT_NE(r.out.find("has magic 0x00000000, layout 0, 0 bytes"), std::string::npos) << r.out;
+    CloseHandle(planted);
+}
+
+}  // namespace
+}  // namespace zor::e2e

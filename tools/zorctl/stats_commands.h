@@ -1,0 +1,25 @@
+// zorctl's commands that read the statistics area: stats, watch, plot. They
+// need no connection to the host's window and never make zorctl a client.
+#pragma once
+
+#include <cstdint>
+
+namespace zorctl {
+
+struct StatsOptions {
+    std::uint32_t pid = 0;      // 0: the one running host
+    std::uint32_t timeout = 0;  // for finding the host window
+    bool json = false;
+    const char* svg = nullptr;
+    std::uint32_t seconds = 0;
+    bool secondsSet = false;
+};
+
+int Stats(const StatsOptions& o);
+int Watch(const StatsOptions& o);
+int Plot(const StatsOptions& o);
+
+// The host's pid: o.pid, or the running host's. 0 with the reason printed.
+std::uint32_t ResolvePid(const StatsOptions& o);
+
+}  // namespace zorctl
