@@ -25,7 +25,7 @@ TEST(Stress, EveryThreadAtOnce) {
     ASSERT_NE(0u, h.shm.SysMem(os::current_process_id(), ZOR_SSA_QUEUE + 4096));
     const std::uint32_t a = test::RegisterIsr(h, "test_isr");
     ASSERT_NE(0u, a);
-    test::CountingIsr isr;
+    test::TestIsr isr;
     // Kept loaded by the test: ThreadSanitizer does not see the unmapping of
     // an unloaded library and would take a fresh load's initialisation for
     // a race with the calls into the previous one.
