@@ -52,7 +52,7 @@ TEST(UnregisterRace, CallsInFlightNeverMeetAnUnloadedModule) {
         }
     });
     std::thread command5([&] {
-        std::uint32_t request[3] = {kEmptyBody, slot, 0};
+        std::uint32_t request[4] = {kEmptyBody, slot, 0, 0};  // the module reads a first word
         while (!done) check(static_cast<std::uint32_t>(HandleClientRequest(h, request)));
     });
     std::uint32_t reloaded = 0;
