@@ -78,7 +78,9 @@ std::uint32_t Answer(std::uint32_t code, std::uintptr_t arg, Call& c) {
     }
     if (code == ZOR_FN_EXEC_REMOTE_FUNC) {
         c.context = static_cast<std::uint32_t>(Service(SERV_GetCallContext, none));
-        const std::uint32_t length = c.context & 0x80000000u ? c.context & 0x7FFFFFFFu : 0;
+        // Before SetServiceProc (a call racing a registration) there is no context.
+        const bool tagged = (c.context & 0x80000000u) && c.context != 0xFFFFFFFFu;
+        const std::uint32_t length = tagged ? c.context & 0x7FFFFFFFu : 0;
         auto* body = reinterpret_cast<unsigned char*>(arg);
         std::uint32_t sum = 0;
         for (std::uint32_t i = 0; i < length; ++i) sum += body[i];
