@@ -120,7 +120,8 @@ static inline uint64_t zor_stats_bucket_low_ns(uint32_t i) {
 /* Bucket of a duration in nanoseconds. */
 static inline uint32_t zor_stats_bucket_of_ns(uint64_t ns) {
     if (ns < 16) return 0;
-    uint32_t o = 63u - (uint32_t)__builtin_clzll(ns);
+    uint32_t o = 4; /* the highest set bit; a loop, so that every C compiler takes it */
+    while (o < 63u && (ns >> (o + 1)) != 0) ++o;
     uint32_t i = (o - 4) * ZOR_STATS_SUB + (uint32_t)((ns >> (o - 3)) & 7u) + 1;
     return i < ZOR_STATS_BUCKETS ? i : ZOR_STATS_BUCKETS - 1;
 }

@@ -11,9 +11,9 @@ zor_release_check() {  # build folder of the windows preset
   ( cd "$build" && cpack -G ZIP >/dev/null ) || { echo "release: cpack failed"; return 1; }
   ( cd "$tmp" && cmake -E tar xf "$build/zor-$version-win64.zip" ) || { echo "release: unpacking failed"; return 1; }
   pkg="$tmp/zor-$version-win64"
-  for h in zor_module.h zor_client.h; do
-    clang --target=x86_64-pc-windows-msvc -fsyntax-only -x c -std=c11 -Wall -Wextra -Werror \
-      -I"$pkg/include" "$pkg/include/zor/$h" || { echo "release: $h is not C for MSVC"; rc=1; }
+  for h in zor_module.h zor_client.h zor_stats.h; do
+    echo "#include <zor/$h>" | clang --target=x86_64-pc-windows-msvc -fsyntax-only -x c -std=c11 \
+      -Wall -Wextra -Werror -I"$pkg/include" - || { echo "release: $h is not C for MSVC"; rc=1; }
   done
   if cmake -S "$pkg/samples" -B "$tmp/samples" -G Ninja --toolchain "$ZOR_ROOT/cmake/mingw-w64-x86_64.cmake" \
        -DCMAKE_BUILD_TYPE=Release -Dzor_DIR="$pkg/lib/cmake/zor" >/dev/null && cmake --build "$tmp/samples" >/dev/null; then
