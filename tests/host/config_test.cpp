@@ -16,14 +16,9 @@
 
 namespace fs = std::filesystem;
 using zor::FindSwitch;
+using zor::test::Utf8;
 
 namespace {
-
-std::string Utf8(const char16_t* s) {
-    char buf[2048];
-    zor::utf16_to_utf8(s, buf, sizeof buf);
-    return buf;
-}
 
 // Only lower case after '/' or '-'; longer words match; a partial match does
 // not swallow the next switch; the first one wins. Offset just after it.

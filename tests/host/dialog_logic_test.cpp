@@ -13,15 +13,11 @@
 #include "support/wformat.h"
 #include "support/wstr.h"
 
+using zor::test::Utf8;
+
 namespace {
 
 constexpr std::uint32_t kDeadPid = 0x3FFFFFF0u;
-
-std::string Utf8(const char16_t* s) {
-    char buf[512];
-    zor::utf16_to_utf8(s, buf, sizeof buf);
-    return buf;
-}
 
 class Dialog : public ::testing::Test {
 protected:

@@ -78,7 +78,7 @@ protected:
         char16_t f[128], out[600];
         utf8_to_utf16(fmt, f, 128);
         wformat(out, 600, f, arg.c_str());
-        return Narrow(out);
+        return Utf8(out);
     }
 };
 
@@ -116,7 +116,7 @@ TEST(IrqDriverRegistration, InitializeAnswersStrictAndNot) {
             EXPECT_EQ(h.irq.CurrentIrqSlot(), refused ? 0u : 1u);
             EXPECT_EQ(h.slots[1].inUse.load(), refused ? 0u : 1u);
             EXPECT_EQ(h.slots[1].startPending.load(), answer == 2 ? 1u : 0u);
-            const std::string error = "ZOR: '" + Narrow(drv.Path()) + "' returned error 00000005\n\r";
+            const std::string error = "ZOR: '" + Utf8(drv.Path()) + "' returned error 00000005\n\r";
             EXPECT_EQ(th.log().Contains(error), answer == 5);
             if (!refused) {
                 EXPECT_EQ(std::u16string(h.slots[1].name), u"test_irq.irq");

@@ -11,11 +11,7 @@
 namespace zor {
 namespace {
 
-std::string Utf8(const char16_t* s) {
-    char buf[1024];
-    utf16_to_utf8(s, buf, sizeof buf);
-    return buf;
-}
+using test::Utf8;
 
 class PageLockerTest : public ::testing::Test {
 protected:
