@@ -84,7 +84,9 @@ TestModule::TestModule(const char* name) : fileName_(ModuleFileName(name)) {
 }
 
 TestModule::~TestModule() {
-    if (module_) os::module_free(module_);
+    if (module_) {
+        EXPECT_TRUE(os::module_free(module_));
+    }
 }
 
 TestIsr::TestIsr(const char* name) : module_(name) {
