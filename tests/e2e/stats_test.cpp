@@ -53,10 +53,6 @@ std::uint32_t MedianBucket(const ZorStatsHistogram& h, std::uint64_t n) {
     return ZOR_STATS_BUCKETS;
 }
 
-RunResult Ctl(DWORD pid, const std::wstring& args) {
-    return RunTool(BinFile("zorctl.exe"), L"--pid " + std::to_wstring(pid) + L" " + args);
-}
-
 TEST(StatsArea, FiguresFollowAKnownLoadAndReadersAreNoClients) {
     ZorInstance::Options o;
     o.testModules = {"busy_isr.dll", "faulting_isr.dll"};
