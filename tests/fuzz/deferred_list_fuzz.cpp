@@ -8,7 +8,7 @@
 #include <atomic>
 #include <thread>
 
-#include "../modules/heap_area_os.h"
+#include "common/heap_area_os.h"
 #include "common/fuzz_host.h"
 #include "common/test_host.h"
 #include "modules/tdl_writer.h"

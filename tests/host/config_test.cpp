@@ -12,7 +12,6 @@
 #include "host/config.h"
 #include "host/host.h"
 #include "os/os.h"
-#include "support/wformat.h"
 #include "support/wstr.h"
 
 namespace fs = std::filesystem;

@@ -6,18 +6,12 @@
 #include <string>
 
 #include "common/test_log.h"
-#include "host/config.h"
 #include "host/dialog_logic.h"
 #include "host/host.h"
-#include "os/os.h"
-#include "support/wformat.h"
-#include "support/wstr.h"
 
 using zor::test::Utf8;
 
 namespace {
-
-constexpr std::uint32_t kDeadPid = 0x3FFFFFF0u;
 
 class Dialog : public ::testing::Test {
 protected:

@@ -6,7 +6,6 @@
 
 #include "common/test_host.h"
 #include "lock/page_locker.h"
-#include "support/wformat.h"
 
 namespace zor {
 namespace {
