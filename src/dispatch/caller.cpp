@@ -91,10 +91,8 @@ void GuardedCall(void* p) {
 void ModuleNameOfAddress(const void* address, char16_t* buf, unsigned size) {
     if (size == 0) return;
     wcopy(buf, size, u"unknown");
-    os::Region r;
-    if (!os::region_query(address, &r)) return;
     char16_t path[260] = {};
-    if (os::module_file_name(r.alloc_base, path, 260) == 0) return;
+    if (os::module_name_of(address, path, 260) == 0) return;
     wcopy(buf, size, wfile_part(path, true));
 }
 

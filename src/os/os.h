@@ -113,6 +113,10 @@ void app_address_range(std::uint64_t* lo, std::uint64_t* hi);
 // (GetModuleFileNameW). Returns the units written, 0 on failure.
 std::uint32_t module_file_name(std::uint64_t alloc_base, char16_t* buf,
                                std::uint32_t size);
+// Full path of the loaded module holding `addr` (what a fault report names);
+// 0 when no module holds it. Cheaper than region_query + module_file_name
+// where the platform's loader can answer by itself.
+std::uint32_t module_name_of(const void* addr, char16_t* buf, std::uint32_t size);
 
 // ---------------------------------------------------------------- fault guard
 // Runs body(ctx) so that a machine fault raised inside it (access

@@ -28,6 +28,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     zor::test::FuzzHost fh;
     zor::Host& h = fh.host;
     zor::test::RegisterIsr(h, "test_isr");
+    // The module's echo trusts the length in the caller's tag; a fuzzed tag must not lead it astray.
+    zor::test::TestIsr("test_isr").SetAnswer(ZOR_FN_EXEC_REMOTE_FUNC, 1);
     zor::os::Handle reqRead = 0, reqWrite = 0, repRead = 0, repWrite = 0;
     if (!zor::os::pipe_create(&reqRead, &reqWrite) || !zor::os::pipe_create(&repRead, &repWrite)) abort();
     const std::uint32_t pid = zor::os::current_process_id();

@@ -5,7 +5,8 @@
 // stay pending, or call a host service when a given function code arrives.
 // ExecISRFunc packets are answered func * 7 + size + first data byte;
 // ExecRemoteFunc bodies, whose length the caller passes as its tag with the
-// top bit set, (sum of the bytes) ^ 0x5A000000. Initialize writes "ECHO"
+// top bit set, (sum of the bytes) ^ 0x5A000000 unless an answer is set for
+// code 6. Initialize writes "ECHO"
 // into the module's shared memory.
 #include <atomic>
 #include <cstdint>
@@ -76,9 +77,11 @@ std::uint32_t Answer(std::uint32_t code, std::uintptr_t arg, Call& c) {
         c.onIsrThread = static_cast<std::uint32_t>(Service(SERV_IsISRThread, none));
         return func * 7 + size + (size ? p[8] : 0u);
     }
-    if (code == ZOR_FN_EXEC_REMOTE_FUNC) {
+    if (code == ZOR_FN_EXEC_REMOTE_FUNC && g_answer[code].load() == 0) {  // else a set answer, body unread
         c.context = static_cast<std::uint32_t>(Service(SERV_GetCallContext, none));
-        const std::uint32_t length = c.context & 0x80000000u ? c.context & 0x7FFFFFFFu : 0;
+        // Before SetServiceProc (a call racing a registration) there is no context.
+        const bool tagged = (c.context & 0x80000000u) && c.context != 0xFFFFFFFFu;
+        const std::uint32_t length = tagged ? c.context & 0x7FFFFFFFu : 0;
         auto* body = reinterpret_cast<unsigned char*>(arg);
         std::uint32_t sum = 0;
         for (std::uint32_t i = 0; i < length; ++i) sum += body[i];

@@ -16,6 +16,7 @@
 // address and ends where its mapping ends.
 #include <cerrno>
 #include <climits>
+#include <dlfcn.h>
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
@@ -240,6 +241,25 @@ std::uint32_t module_file_name(std::uint64_t alloc_base, char16_t* buf, std::uin
     buf[n] = 0;
     if (wide[n]) errno = ERANGE;  // ERROR_INSUFFICIENT_BUFFER
     return n;
+}
+
+// The loader's own table answers without reading /proc/self/maps (a fault
+// report then costs microseconds, not a walk of every mapping); the main
+// program, which the loader may list without a path, falls back to the walk.
+std::uint32_t module_name_of(const void* addr, char16_t* buf, std::uint32_t size) {
+    if (!buf || size == 0) return 0;
+    Dl_info info{};
+    if (dladdr(addr, &info) && info.dli_fname && info.dli_fname[0] == '/') {
+        char16_t wide[PATH_MAX];
+        if (!posix::to_utf16_path(info.dli_fname, wide, PATH_MAX)) return 0;
+        std::uint32_t n = 0;
+        for (; wide[n] && n + 1 < size; ++n) buf[n] = wide[n];
+        buf[n] = 0;
+        return n;
+    }
+    Region r;
+    if (!region_query(addr, &r)) return 0;
+    return module_file_name(r.alloc_base, buf, size);
 }
 
 }  // namespace zor::os

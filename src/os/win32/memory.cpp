@@ -39,4 +39,10 @@ std::uint32_t module_file_name(std::uint64_t alloc_base, char16_t* buf, std::uin
     return n;
 }
 
+std::uint32_t module_name_of(const void* addr, char16_t* buf, std::uint32_t size) {
+    Region r;
+    if (!buf || size == 0 || !region_query(addr, &r)) return 0;
+    return module_file_name(r.alloc_base, buf, size);
+}
+
 }  // namespace zor::os
