@@ -1,6 +1,8 @@
-// The client table: registration, pipe connection, stop and removal,
-// including the failure paths of the connection.
+// The client table: registration, pipe connection, stop and removal, the
+// failure paths of the connection with every handle counted, and a bounded
+// shut-down with threads stuck in a module.
 #include "client_test_util.h"
+#include "common/test_host.h"
 
 #include <vector>
 
@@ -52,61 +54,113 @@ TEST_F(Registry, UnregisteringStopsThePipeAndReleasesItsHandles) {
     EXPECT_EQ(Answer(), 0xDEADDEADu);
 }
 
-// Failure paths of the connection, with the platform calls replaced.
-struct Injected {
-    static inline int dupCalls = 0;
-    static inline int failDupAt = 0;  // 1 = the request end, 2 = the reply end
-    static inline os::Handle process = 0;
-    static inline std::vector<os::Handle> closed;
-
-    static os::Handle Open(std::uint32_t pid) { return process = os::native_calls().process_open(pid); }
-    static bool Dup(os::Handle p, std::uint64_t remote, os::Handle* h) {
-        if (++dupCalls == failDupAt) return false;
-        return os::native_calls().handle_dup_from(p, remote, h);
-    }
-    static bool Close(os::Handle h) {
-        closed.push_back(h);
-        return os::native_calls().handle_close(h);
-    }
+// Every handle the host opens, duplicates or starts is counted, and must be
+// closed again once the client's pipe is stopped or its connection failed.
+struct Live {
+    static inline std::atomic<int> n{0};
+    static const os::Calls& N() { return os::native_calls(); }
+    static os::Handle Open(std::uint32_t pid) { return Count(N().process_open(pid)); }
+    static bool DupFrom(os::Handle p, std::uint64_t r, os::Handle* h) { return Count(N().handle_dup_from(p, r, h)); }
+    static bool DupTo(os::Handle p, os::Handle h, std::uint64_t* r) { return Count(N().handle_dup_to(p, h, r)); }
+    static os::Thread Start(os::ThreadProc f, void* a) { return Count(N().thread_create(f, a)); }
+    static os::Handle Mapping(std::uint32_t size) { return Count(N().mapping_create(size)); }
+    static bool Close(os::Handle h) { return Uncount(N().handle_close(h)); }
+    static bool CloseIn(os::Handle p, std::uint64_t r) { return Uncount(N().handle_close_in(p, r)); }
+    template <class T>
+    static T Count(T made) { if (made) ++n; return made; }
+    static bool Uncount(bool closed) { if (closed) --n; return closed; }
 };
 
-class RegistryInjected : public ClientFixture {
+class HandleLeak : public ClientFixture {
 protected:
     void SetUp() override {
         ClientFixture::SetUp();
-        Injected::dupCalls = 0;
-        Injected::closed.clear();
-        os::calls.process_open = &Injected::Open;
-        os::calls.handle_dup_from = &Injected::Dup;
-        os::calls.handle_close = &Injected::Close;
+        Live::n = 0;
+        os::calls.process_open = &Live::Open;
+        os::calls.handle_dup_from = &Live::DupFrom;
+        os::calls.handle_dup_to = &Live::DupTo;
+        os::calls.thread_create = &Live::Start;
+        os::calls.mapping_create = &Live::Mapping;
+        os::calls.handle_close = &Live::Close;
+        os::calls.handle_close_in = &Live::CloseIn;
     }
     void TearDown() override {
-        os::calls = os::native_calls();
         ClientFixture::TearDown();
+        os::calls = os::native_calls();
+    }
+    std::uint32_t pid_ = os::current_process_id();
+};
+
+// Either end failing to duplicate, again and again: no thread, no handle kept.
+TEST_F(HandleLeak, ConnectWithAnUnduplicableEndKeepsNothing) {
+    const std::uint32_t i = host_->clients.RegisterClient(pid_);
+    for (int k = 0; k < 20; ++k) {
+        EXPECT_EQ(host_->clients.ConnectClientPipe(i, k % 2 ? 0xBAD0 : reqRead_, k % 2 ? repWrite_ : 0xBAD0, pid_), 0u);
+        EXPECT_EQ(host_->clients.Record(i).pipeThread.load(), 0u);
+        EXPECT_EQ(host_->clients.Record(i).requestPipe.load(), 0u);
+    }
+    EXPECT_EQ(Live::n.load(), 0);
+    EXPECT_TRUE(log_.Lines().empty());
+}
+
+TEST_F(HandleLeak, ASecondConnectStopsTheFirstPipe) {
+    const std::uint32_t i = host_->clients.RegisterClient(pid_);
+    // A client repeating command 8 with the same pipe.
+    for (int k = 0; k < 2; ++k) host_->clients.ConnectClientPipe(i, reqRead_, repWrite_, pid_);
+    SendRequest(slot_, {7, 8});
+    EXPECT_EQ(Answer(), Expected({7, 8}));
+    EXPECT_EQ(Live::n.load(), 3);  // one thread, two pipe ends
+    host_->clients.StopClientPipe(i);
+    EXPECT_EQ(Live::n.load(), 0);
+}
+
+TEST_F(HandleLeak, AFailedRegistrationTakesBackTheClientsHandle) {
+    // Shared memory is made and handed to the client before the load fails.
+    const auto payload = RegisterPayload(pid_, 4096, u"no_such_module.dll");
+    EXPECT_EQ(host_->registry.RegisterISRProc(payload.data(), static_cast<std::uint32_t>(payload.size())), 0u);
+    EXPECT_TRUE(log_.ContainsSubstr("ZOR: Failed to load ISR: 'no_such_module.dll'"));
+    EXPECT_EQ(Live::n.load(), 0);
+}
+
+// Shut-down with pipe threads stuck in a module that does not return: the
+// threads share one bounded wait, and what they use is left in place.
+struct Waits {
+    static inline std::atomic<std::uint32_t> total{0};
+    // A stuck thread: the wait is counted and reported over at once.
+    static std::uint32_t Wait(os::Thread t, std::uint32_t ms) {
+        if (!FakeModule::block) return os::native_calls().thread_wait(t, ms);
+        total += ms;
+        return os::kWaitTimeout;
     }
 };
 
-TEST_F(RegistryInjected, AFailedDuplicationStartsNoThreadAndClosesTheProcess) {
-    ClientRegistry& c = host_->clients;
-    std::uint32_t i = c.RegisterClient(os::current_process_id());
-
-    Injected::failDupAt = 1;
-    EXPECT_EQ(c.ConnectClientPipe(i, reqRead_, repWrite_, os::current_process_id()), 0u);
-    EXPECT_EQ(c.Record(i).pipeThread.load(), 0u);
-    EXPECT_EQ(c.Record(i).requestPipe.load(), 0u);
-    EXPECT_EQ(Injected::closed, std::vector<os::Handle>{Injected::process});
-
-    // The reply end fails: the request end already duplicated is closed too.
-    Injected::dupCalls = 0;
-    Injected::failDupAt = 2;
-    Injected::closed.clear();
-    EXPECT_EQ(c.ConnectClientPipe(i, reqRead_, repWrite_, os::current_process_id()), 0u);
-    EXPECT_EQ(c.Record(i).pipeThread.load(), 0u);
-    EXPECT_EQ(c.Record(i).requestPipe.load(), 0u);
-    EXPECT_EQ(c.Record(i).replyPipe.load(), 0u);
-    ASSERT_EQ(Injected::closed.size(), 2u);
-    EXPECT_EQ(Injected::closed[0], Injected::process);
-    EXPECT_TRUE(log_.Lines().empty());
+TEST_F(Registry, ThreadsStuckInAModuleShareOneBoundedWaitAndKeepTheirRecords) {
+    FakeModule::block = true;
+    os::Handle req2Read = 0, req2Write = 0, rep2Read = 0, rep2Write = 0;
+    ASSERT_TRUE(os::pipe_create(&req2Read, &req2Write) && os::pipe_create(&rep2Read, &rep2Write));
+    const std::uint32_t pid = os::current_process_id();
+    const std::uint32_t i = host_->clients.RegisterClient(pid);
+    host_->clients.ConnectClientPipe(0, req2Read, rep2Write, pid);  // record 0: an unregistered pid
+    Connect(i);
+    SendRequest(slot_, {1});
+    const std::uint32_t frame[4] = {12, 0, slot_, 0};
+    std::uint32_t done = 0;
+    ASSERT_TRUE(os::pipe_write(req2Write, frame, 16, &done));
+    while (FakeModule::calls < 2) os::sleep_ms(1);
+    Waits::total = 0;
+    os::calls.thread_wait = &Waits::Wait;
+    EXPECT_FALSE(host_->clients.StopAll());
+    os::calls = os::native_calls();
+    EXPECT_LE(Waits::total.load(), ClientRegistry::kStopWaitMs);
+    for (std::uint32_t r : {0u, i}) {
+        EXPECT_NE(host_->clients.Record(r).pipeThread.load(), 0u) << r;
+        EXPECT_NE(host_->clients.Record(r).replyPipe.load(), 0u) << r;
+    }
+    // The module returns after all: both requests are answered.
+    FakeModule::block = false;
+    EXPECT_EQ(Answer(), Expected({1}));
+    EXPECT_TRUE(host_->clients.StopAll());
+    for (os::Handle h : {req2Read, req2Write, rep2Read, rep2Write}) os::handle_close(h);
 }
 
 }  // namespace

@@ -9,48 +9,45 @@
 #include <memory>
 #include <vector>
 
-#include "common/test_log.h"
+#include "common/test_host.h"
 #include "host/host.h"
 #include "os/os.h"
 
 namespace zor::test {
+
+// The next 32-bit word from a pipe; 0xDEADDEAD when it ends first.
+inline std::uint32_t ReadWord(os::Handle pipe) {
+    std::uint32_t v = 0;
+    auto* p = reinterpret_cast<unsigned char*>(&v);
+    for (std::uint32_t got = 0, done = 0; got < 4; got += done)
+        if (!os::pipe_read(pipe, p + got, 4 - got, &done)) return 0xDEADDEADu;
+    return v;
+}
 
 // The module behind the slot: sums the body bytes the test announced.
 struct FakeModule {
     static inline std::atomic<std::uint32_t> bodyLength{0};
     static inline std::atomic<std::uint32_t> calls{0};
     static inline std::atomic<bool> block{false};
-    static inline std::atomic<bool> entered{false};
 
     static std::uint32_t Entry(std::uint32_t code, std::uintptr_t arg) {
         if (code != ZOR_FN_EXEC_REMOTE_FUNC) return 0;
         ++calls;
-        entered = true;
         while (block.load()) os::sleep_ms(1);
         const auto* body = reinterpret_cast<const unsigned char*>(arg);
         std::uint32_t sum = 0;
         for (std::uint32_t i = 0; i < bodyLength.load(); ++i) sum += body[i];
         return sum ^ 0x5A000000u;
     }
-    static void Reset() {
-        bodyLength = 0;
-        calls = 0;
-        block = false;
-        entered = false;
-    }
+    static void Reset() { bodyLength = 0, calls = 0, block = false; }
 };
 
 class ClientFixture : public ::testing::Test {
 protected:
     void SetUp() override {
         FakeModule::Reset();
-        slot_ = host_->slots.Alloc();
+        slot_ = AddFakeIsr(*host_, &FakeModule::Entry);
         ASSERT_NE(slot_, 0u);
-        ModuleSlot& s = host_->slots[slot_];
-        s.kind = kKindIsr;
-        s.number = slot_;
-        s.entry = &FakeModule::Entry;
-        s.inUse = 1;
         ASSERT_TRUE(os::pipe_create(&reqRead_, &reqWrite_));
         ASSERT_TRUE(os::pipe_create(&repRead_, &repWrite_));
     }
@@ -83,16 +80,7 @@ protected:
         FakeModule::bodyLength = static_cast<std::uint32_t>(body.size());
         SendRaw(frame.data(), static_cast<std::uint32_t>(frame.size()));
     }
-    std::uint32_t Answer() {
-        std::uint32_t v = 0, got = 0;
-        while (got < 4) {
-            std::uint32_t done = 0;
-            if (!os::pipe_read(repRead_, reinterpret_cast<unsigned char*>(&v) + got, 4 - got, &done))
-                return 0xDEADDEADu;
-            got += done;
-        }
-        return v;
-    }
+    std::uint32_t Answer() { return ReadWord(repRead_); }
     static std::uint32_t Expected(const std::vector<unsigned char>& body) {
         std::uint32_t sum = 0;
         for (unsigned char c : body) sum += c;

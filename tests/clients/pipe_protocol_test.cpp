@@ -1,6 +1,6 @@
-// The pipe protocol over real pipes in this process: frames of every
-// accepted size, refused lengths, the failure count over the thread's life,
-// and stopping a thread that is waiting or serving.
+// The pipe protocol over real pipes in this process: refused lengths and
+// split frames, the failure count over the thread's life, and stopping a
+// thread that is waiting or serving.
 #include "client_test_util.h"
 
 #include <chrono>
@@ -47,6 +47,35 @@ TEST_F(Pipe, StopEndsAThreadWaitingOnASilentClientAtOnce) {
     EXPECT_EQ(r.replyPipe.load(), 0u);
     EXPECT_EQ(r.inUse.load(), 1u);  // still registered
     EXPECT_EQ(Failures(), 0u);      // a stop is not a failure
+}
+
+// A frame whose length the host refuses is consumed whole, so the client's
+// next frames are served.
+TEST_F(Pipe, EachRefusedLengthIsConsumedAndTheNextFramesAnswered) {
+    for (std::uint32_t length : {0u, 11u, ZOR_PIPE_BUFFER_SIZE + 1}) {
+        SendLength(length);
+        // Bytes that would read as lengths, were the refused body left behind.
+        std::vector<unsigned char> body(length, 0x20);
+        if (length) SendRaw(body.data(), length);
+        SendRequest(slot_, {1, 2, 3});
+        EXPECT_EQ(Answer(), Expected({1, 2, 3})) << length;
+        SendRequest(slot_, {});
+        EXPECT_EQ(Answer(), Expected({})) << length;
+    }
+    EXPECT_EQ(Failures(), 3u);
+    EXPECT_EQ(FakeModule::calls.load(), 6u);
+}
+
+TEST_F(Pipe, ASplitFrameIsServedWhenComplete) {
+    const std::uint32_t frame[5] = {16, 0, slot_, 0, 0x04030201u};
+    FakeModule::bodyLength = 4;
+    const auto* bytes = reinterpret_cast<const unsigned char*>(frame);
+    for (std::uint32_t at : {0u, 2u, 9u}) {
+        SendRaw(bytes + at, (at == 0 ? 2u : at == 2 ? 7u : 11u));
+        os::sleep_ms(20);
+    }
+    EXPECT_EQ(Answer(), Expected({1, 2, 3, 4}));
+    EXPECT_EQ(Failures(), 0u);
 }
 
 }  // namespace

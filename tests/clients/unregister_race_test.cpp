@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "clients/client_registry.h"
+#include "clients/client_test_util.h"
 #include "common/test_host.h"
 
 namespace zor::test {
@@ -14,12 +15,6 @@ namespace {
 constexpr std::uint32_t kEmptyBody = 0x80000000u;  // test_isr: body of 0 bytes
 constexpr std::uint32_t kEchoAnswer = 0x5A000000u;
 
-bool ReadAnswer(os::Handle h, std::uint32_t* v) {
-    auto* p = reinterpret_cast<unsigned char*>(v);
-    for (std::uint32_t got = 0, done = 0; got < 4; got += done)
-        if (!os::pipe_read(h, p + got, 4 - got, &done)) return false;
-    return true;
-}
 
 TEST(UnregisterRace, CallsInFlightNeverMeetAnUnloadedModule) {
     TestHost th;
@@ -42,13 +37,10 @@ TEST(UnregisterRace, CallsInFlightNeverMeetAnUnloadedModule) {
     };
     std::thread pipeClient([&] {
         const std::uint32_t frame[4] = {12, kEmptyBody, slot, 0};
-        std::uint32_t n = 0, a = 0;
+        std::uint32_t n = 0;
         while (!done) {
-            if (!os::pipe_write(reqWrite, frame, sizeof frame, &n) || !ReadAnswer(repRead, &a)) {
-                ++bad;
-                return;
-            }
-            check(a);
+            if (!os::pipe_write(reqWrite, frame, sizeof frame, &n)) return void(++bad);
+            check(ReadWord(repRead));  // the end of the pipe counts as bad
         }
     });
     std::thread command5([&] {

@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "support/wstr.h"
+
 namespace zor::test {
 
 TestHost::TestHost(bool prepareTables) : host_(log_.log()) {
@@ -82,7 +84,9 @@ TestModule::TestModule(const char* name) : fileName_(ModuleFileName(name)) {
 }
 
 TestModule::~TestModule() {
-    if (module_) os::module_free(module_);
+    if (module_) {
+        EXPECT_TRUE(os::module_free(module_));
+    }
 }
 
 TestIsr::TestIsr(const char* name) : module_(name) {
@@ -129,6 +133,18 @@ std::vector<unsigned char> RegisterPayload(std::uint32_t pid, std::uint32_t shar
     std::memcpy(p.data() + 4, &sharedSize, 4);
     std::memcpy(p.data() + 16, name.c_str(), 2 * (name.size() + 1));
     return p;
+}
+
+std::uint32_t AddFakeIsr(Host& h, ZorGetSetProc entry, const char16_t* name) {
+    const std::uint32_t s = h.slots.Alloc();
+    ModuleSlot& slot = h.slots[s];
+    slot.kind.store(kKindIsr);
+    slot.number.store(s);
+    wcopy(slot.name, 20, name);
+    slot.entry.store(entry);
+    slot.inUse.store(1);
+    h.dispatcher.InvalidateDispatchOrder();
+    return s;
 }
 
 std::uint32_t RegisterIsr(Host& h, const char* name, std::uint32_t sharedSize) {

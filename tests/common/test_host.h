@@ -25,8 +25,6 @@ class TestHost {
 public:
     explicit TestHost(bool prepareTables = false);
     ~TestHost();
-    TestHost(const TestHost&) = delete;
-    TestHost& operator=(const TestHost&) = delete;
 
     Host& host() { return host_; }
     TestLog& log() { return log_; }
@@ -51,8 +49,6 @@ class IrqThread {
 public:
     IrqThread();
     ~IrqThread();
-    IrqThread(const IrqThread&) = delete;
-    IrqThread& operator=(const IrqThread&) = delete;
 
     // One event through OnInterrupt on the thread; waits for its result.
     std::uint32_t Fire(std::uint32_t sequence);
@@ -154,6 +150,9 @@ std::u16string ModuleFileName(const char* name);
 // The bytes of a command 1 payload (name copied as given, terminated).
 std::vector<unsigned char> RegisterPayload(std::uint32_t pid, std::uint32_t sharedSize,
                                            const std::u16string& name);
+// A slot in use with `entry` behind it and no module loaded: its number.
+std::uint32_t AddFakeIsr(Host& h, ZorGetSetProc entry = nullptr, const char16_t* name = u"fake");
+
 // Registers the module through command 1 on behalf of this process and
 // returns its slot (0 when it did not register).
 std::uint32_t RegisterIsr(Host& h, const char* name, std::uint32_t sharedSize = 0);

@@ -60,6 +60,12 @@ void TestLog::Clear() {
     entries_.clear();
 }
 
+std::string Utf8(const std::u16string& s) {
+    std::string out(s.size() * 3 + 1, '\0');
+    out.resize(utf16_to_utf8(s.c_str(), out.data(), out.size()));
+    return out;
+}
+
 std::u16string HostDir(const char* dir) {
     std::string narrow = std::string(dir) + "/";
     std::u16string path(narrow.size() + 1, u'\0');

@@ -25,8 +25,6 @@ public:
     explicit TestLog(const char16_t* file = u"",
                      std::size_t queueBytes = Logger::kDefaultQueueBytes);
     ~TestLog();
-    TestLog(const TestLog&) = delete;
-    TestLog& operator=(const TestLog&) = delete;
 
     Logger& log() { return log_; }
 
@@ -48,6 +46,9 @@ private:
     std::vector<Entry> entries_;
     Logger log_;
 };
+
+// The UTF-8 form of a host string.
+std::string Utf8(const std::u16string& s);
 
 // A build directory as the host sees it, with a trailing separator: what
 // LoadLibraryW accepts under Wine ("Z:\\work\\...\\"), as is on posix.

@@ -6,7 +6,6 @@
 
 #include "dispatch/dispatch_util.h"
 #include "support/stopwatch.h"
-#include "support/wstr.h"
 
 namespace zor::test {
 namespace {
@@ -23,14 +22,7 @@ TEST_F(HostTest, EachIsrIsTimedOverItsOwnCallOnly) {
     // Called in slot order: a slow call (logged), a fast one, an empty one.
     const ZorGetSetProc entries[] = {Spin<5>, Spin<1>, Spin<0>};
     const char16_t* names[] = {u"spin5", u"spin1", u"quick"};
-    for (int i = 0; i < 3; ++i) {
-        const std::uint32_t s = h.slots.Alloc();
-        wcopy(h.slots[s].name, 20, names[i]);
-        h.slots[s].kind.store(kKindIsr);
-        h.slots[s].entry.store(entries[i]);
-        h.slots[s].inUse.store(1);
-    }
-    h.dispatcher.InvalidateDispatchOrder();
+    for (int i = 0; i < 3; ++i) AddFakeIsr(h, entries[i], names[i]);
     // The first event's statistics go into the first table and are reset.
     for (std::uint32_t seq = 1; seq <= 4; ++seq) h.dispatcher.OnInterrupt(seq);
     EXPECT_GE(h.slots[1].interruptStat.Min(), 5.0);

@@ -10,7 +10,6 @@
 #include "common/heap_area_os.h"
 #include "common/test_host.h"
 #include "modules/tdl_writer.h"
-#include "support/wstr.h"
 
 namespace zor {
 namespace {
@@ -52,17 +51,7 @@ protected:
         size = h.shm.AreaSize();
     }
     template <std::uint32_t Id>
-    std::uint32_t AddFake() {
-        const std::uint32_t s = h.slots.Alloc();
-        ModuleSlot& slot = h.slots[s];
-        slot.kind.store(kKindIsr);
-        slot.number.store(s);
-        wcopy(slot.name, 20, u"fake");
-        slot.entry.store(&FakeEntry<Id>);
-        slot.inUse.store(1);
-        h.dispatcher.InvalidateDispatchOrder();
-        return s;
-    }
+    std::uint32_t AddFake() { return test::AddFakeIsr(h, &FakeEntry<Id>); }
     std::uint32_t Word(std::uint32_t offset) { return TdlWord(area, offset).load(); }
     void SetWord(std::uint32_t offset, std::uint32_t v) { TdlWord(area, offset).store(v); }
     std::uint32_t Result(std::uint32_t k) { return Word(ZOR_SSA_RESULTS + 4 * k); }

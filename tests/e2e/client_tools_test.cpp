@@ -27,9 +27,7 @@ protected:
     // Mapping the system area makes this test a live client: the host does
     // not end by itself when a tool that mapped it exits.
     void SetUp() override { ASSERT_EQ(zor_system_area(zor_.conn(), 0, nullptr), ZOR_OK); }
-    RunResult Ctl(const std::wstring& args) {
-        return RunTool(BinFile("zorctl.exe"), L"--pid " + std::to_wstring(zor_.Pid()) + L" " + args);
-    }
+    RunResult Ctl(const std::wstring& args) { return e2e::Ctl(zor_.Pid(), args); }
     ZorInstance zor_{TimerHost()};
 };
 

@@ -135,6 +135,11 @@ inline RunResult RunTool(const std::wstring& exe, const std::wstring& args) {
     return {code, p.Output()};
 }
 
+// zorctl run against the host with this process id.
+inline RunResult Ctl(DWORD pid, const std::wstring& args) {
+    return RunTool(BinFile("zorctl.exe"), L"--pid " + std::to_wstring(pid) + L" " + args);
+}
+
 // zor.exe in a folder of its own, connected to through the client library.
 class ZorInstance {
 public:

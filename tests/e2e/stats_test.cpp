@@ -11,48 +11,38 @@ namespace zor::e2e {
 namespace {
 
 // A strict enough JSON check: one value, nothing after it.
-bool JsonValue(const char*& p);
-void Space(const char*& p) {
-    while (*p == ' ' || *p == '\n' || *p == '\r' || *p == '\t') ++p;
-}
+void Space(const char*& p) { p += std::strspn(p, " \t\r\n"); }
 bool JsonString(const char*& p) {
-    if (*p++ != '"') return false;
-    for (; *p != '"'; ++p) {
-        if (*p == '\0' || static_cast<unsigned char>(*p) < 0x20) return false;
-        if (*p == '\\' && *++p == '\0') return false;
-    }
-    return *p++ == '"';
-}
-bool JsonList(const char*& p, char close, bool object) {
-    Space(++p);
-    if (*p == close) return ++p, true;
-    for (;;) {
-        if (object && !(JsonString(p) && (Space(p), *p++ == ':'))) return false;
-        if (!JsonValue(p)) return false;
-        Space(p);
-        if (*p == close) return ++p, true;
-        if (*p++ != ',') return false;
-        Space(p);
-    }
+    if (*p != '"') return false;
+    for (++p; *p != '"'; ++p)
+        if (static_cast<unsigned char>(*p) < 0x20 || (*p == '\\' && *++p == '\0')) return false;
+    return ++p, true;
 }
 bool JsonValue(const char*& p) {
     Space(p);
-    if (*p == '{') return JsonList(p, '}', true);
-    if (*p == '[') return JsonList(p, ']', false);
     if (*p == '"') return JsonString(p);
+    if (*p == '{' || *p == '[') {  // members or elements, comma-separated
+        const char close = *p == '{' ? '}' : ']';
+        Space(++p);
+        if (*p == close) return ++p, true;
+        for (;;) {
+            if (close == '}' && !(JsonString(p) && (Space(p), *p++ == ':'))) return false;
+            if (!JsonValue(p)) return false;
+            Space(p);
+            if (*p == close) return ++p, true;
+            if (*p++ != ',') return false;
+            Space(p);
+        }
+    }
     for (const char* w : {"true", "false", "null"})
         if (std::strncmp(p, w, std::strlen(w)) == 0) return p += std::strlen(w), true;
     char* end = nullptr;
     std::strtod(p, &end);
-    if (end == p) return false;
-    p = end;
-    return true;
+    return end != p && (p = end, true);
 }
 bool IsJson(const std::string& text) {
     const char* p = text.c_str();
-    if (!JsonValue(p)) return false;
-    Space(p);
-    return *p == '\0';
+    return JsonValue(p) && (Space(p), *p == '\0');
 }
 
 // The bucket that holds half of the counts.
@@ -61,10 +51,6 @@ std::uint32_t MedianBucket(const ZorStatsHistogram& h, std::uint64_t n) {
     for (std::uint32_t i = 0; i < ZOR_STATS_BUCKETS; ++i)
         if ((sum += h.count[i]) * 2 >= n) return i;
     return ZOR_STATS_BUCKETS;
-}
-
-RunResult Ctl(DWORD pid, const std::wstring& args) {
-    return RunTool(BinFile("zorctl.exe"), L"--pid " + std::to_wstring(pid) + L" " + args);
 }
 
 TEST(StatsArea, FiguresFollowAKnownLoadAndReadersAreNoClients) {

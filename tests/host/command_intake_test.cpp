@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "common/test_log.h"
+#include "common/test_host.h"
 #include "host/command_intake.h"
 #include "host/config.h"
 #include "host/host.h"
@@ -96,13 +96,8 @@ std::uint32_t WritingModule(std::uint32_t code, std::uintptr_t arg) {
 }
 
 TEST_F(Intake, ModuleCallGetsAPrivateCopyOfTheBody) {
-    std::uint32_t slot = host_->slots.Alloc();
+    const std::uint32_t slot = zor::test::AddFakeIsr(*host_, &WritingModule);
     ASSERT_NE(slot, 0u);
-    zor::ModuleSlot& s = host_->slots[slot];
-    s.kind = zor::kKindIsr;
-    s.number = slot;
-    s.entry = &WritingModule;
-    s.inUse = 1;
 
     Block req(12 + 8);
     req.Put<std::uint32_t>(0, 0);

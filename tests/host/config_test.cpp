@@ -12,18 +12,13 @@
 #include "host/config.h"
 #include "host/host.h"
 #include "os/os.h"
-#include "support/wformat.h"
+#include "support/wstr.h"
 
 namespace fs = std::filesystem;
 using zor::FindSwitch;
+using zor::test::Utf8;
 
 namespace {
-
-std::string Utf8(const char16_t* s) {
-    char buf[2048];
-    zor::utf16_to_utf8(s, buf, sizeof buf);
-    return buf;
-}
 
 // Only lower case after '/' or '-'; longer words match; a partial match does
 // not swallow the next switch; the first one wins. Offset just after it.
@@ -52,22 +47,14 @@ protected:
         host_ = std::make_unique<zor::Host>(log_.log());
         Path(host_->config.szIni, dir_ / "install.ini");
         Path(host_->config.szIniW, dir_ / "user.ini");
-        Copy(host_->config.szExe, u"C:\\zor\\");
+        zor::wcopy(host_->config.szExe, 260, u"C:\\zor\\");
     }
     void TearDown() override {
         host_.reset();
         std::error_code ec;
         fs::remove_all(dir_, ec);
     }
-    static void Path(char16_t* out, const fs::path& p) {
-        std::u16string s = p.u16string();
-        Copy(out, s.c_str());
-    }
-    static void Copy(char16_t* out, const char16_t* s) {
-        std::size_t i = 0;
-        for (; s[i] && i < 259; ++i) out[i] = s[i];
-        out[i] = 0;
-    }
+    static void Path(char16_t* out, const fs::path& p) { zor::wcopy(out, 260, p.u16string().c_str()); }
     void Write(const char* file, const std::string& text) {
         std::ofstream(dir_ / file, std::ios::binary) << "[INIT]\r\n" << text;
     }

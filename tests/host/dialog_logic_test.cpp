@@ -6,22 +6,12 @@
 #include <string>
 
 #include "common/test_log.h"
-#include "host/config.h"
 #include "host/dialog_logic.h"
 #include "host/host.h"
-#include "os/os.h"
-#include "support/wformat.h"
-#include "support/wstr.h"
+
+using zor::test::Utf8;
 
 namespace {
-
-constexpr std::uint32_t kDeadPid = 0x3FFFFFF0u;
-
-std::string Utf8(const char16_t* s) {
-    char buf[512];
-    zor::utf16_to_utf8(s, buf, sizeof buf);
-    return buf;
-}
 
 class Dialog : public ::testing::Test {
 protected:

@@ -28,35 +28,32 @@ const std::uint64_t kInterrupt = Addr(reinterpret_cast<const void*>(&OnInterrupt
 class InitRet {
 public:
     InitRet() : file_(TestDir(), u"test_irq.irq") {
-        configure_ = file_.Fn<void (*)(std::uint32_t, std::uint32_t, std::uint32_t)>("Test_Configure");
-        mark_ = file_.Fn<void (*)(std::uint32_t)>("Test_Mark");
-        record_ = file_.Fn<std::uint32_t (*)(std::uint32_t*, std::uint64_t*, std::uint32_t)>(
-            "Test_Record");
-        probe_ = file_.Fn<std::int64_t (*)()>("Test_ProbeAtWithdrawal");
-        EXPECT_TRUE(configure_ && mark_ && record_ && probe_) << "test_irq not found";
+        EXPECT_TRUE(file_.Fn<void*>("Test_Record")) << "test_irq not found";
         s_self = this;
     }
     ~InitRet() {
         s_self = nullptr;
         os::calls.module_free = os::native_calls().module_free;
     }
-
     void Configure(std::uint32_t initAnswer, std::uint32_t threadAnswer = 0, std::uint32_t faultCode = 0) {
-        configure_(initAnswer, threadAnswer, faultCode);
+        file_.Fn<void (*)(std::uint32_t, std::uint32_t, std::uint32_t)>("Test_Configure")(initAnswer, threadAnswer,
+                                                                                          faultCode);
     }
     std::vector<Command> Commands() const {
         std::uint32_t codes[64];
         std::uint64_t args[64];
-        std::uint32_t n = record_(codes, args, 64);
+        const std::uint32_t n =
+            file_.Fn<std::uint32_t (*)(std::uint32_t*, std::uint64_t*, std::uint32_t)>("Test_Record")(codes, args, 64);
         std::vector<Command> out;
         for (std::uint32_t i = 0; i < n && i < 64; ++i) out.push_back({codes[i], args[i]});
         return out;
     }
-    std::int64_t ProbeAtWithdrawal() const { return probe_(); }
+    std::int64_t ProbeAtWithdrawal() const { return file_.Fn<std::int64_t (*)()>("Test_ProbeAtWithdrawal")(); }
     // From now on every module_free of this driver also lands in its record.
     void MarkFrees() {
         os::calls.module_free = [](os::Module m) {
-            if (s_self && m == s_self->file_.Module()) s_self->mark_(kFreedMark);
+            if (s_self && m == s_self->file_.Module())
+                s_self->file_.Fn<void (*)(std::uint32_t)>("Test_Mark")(kFreedMark);
             return os::native_calls().module_free(m);
         };
     }
@@ -65,10 +62,6 @@ public:
 private:
     static inline InitRet* s_self = nullptr;
     DriverFile file_;
-    void (*configure_)(std::uint32_t, std::uint32_t, std::uint32_t) = nullptr;
-    void (*mark_)(std::uint32_t) = nullptr;
-    std::uint32_t (*record_)(std::uint32_t*, std::uint64_t*, std::uint32_t) = nullptr;
-    std::int64_t (*probe_)() = nullptr;
 };
 
 class IrqDriverTest : public HostTest {
@@ -78,7 +71,7 @@ protected:
         char16_t f[128], out[600];
         utf8_to_utf16(fmt, f, 128);
         wformat(out, 600, f, arg.c_str());
-        return Narrow(out);
+        return Utf8(out);
     }
 };
 
@@ -116,7 +109,7 @@ TEST(IrqDriverRegistration, InitializeAnswersStrictAndNot) {
             EXPECT_EQ(h.irq.CurrentIrqSlot(), refused ? 0u : 1u);
             EXPECT_EQ(h.slots[1].inUse.load(), refused ? 0u : 1u);
             EXPECT_EQ(h.slots[1].startPending.load(), answer == 2 ? 1u : 0u);
-            const std::string error = "ZOR: '" + Narrow(drv.Path()) + "' returned error 00000005\n\r";
+            const std::string error = "ZOR: '" + Utf8(drv.Path()) + "' returned error 00000005\n\r";
             EXPECT_EQ(th.log().Contains(error), answer == 5);
             if (!refused) {
                 EXPECT_EQ(std::u16string(h.slots[1].name), u"test_irq.irq");

@@ -15,12 +15,6 @@ namespace zor::test {
 inline std::u16string TestDir() { return HostDir(ZOR_TEST_BIN_DIR); }
 inline std::u16string ProductDir() { return HostDir(ZOR_BIN_DIR); }
 
-inline std::string Narrow(const std::u16string& s) {
-    std::string out(s.size() * 3 + 1, '\0');
-    out.resize(utf16_to_utf8(s.c_str(), out.data(), out.size()));
-    return out;
-}
-
 // The same file the host loads, so the same instance.
 class DriverFile {
 public:
@@ -29,8 +23,6 @@ public:
     ~DriverFile() {
         if (module_) os::module_free(module_);
     }
-    DriverFile(const DriverFile&) = delete;
-    DriverFile& operator=(const DriverFile&) = delete;
 
     template <class F>
     F Fn(const char* symbol) const {

@@ -43,7 +43,7 @@ protected:
         std::ofstream(p) << "[INIT]\r\n" << body;
     }
     std::string LoadLine(const char16_t* file) {
-        return "LoadIRQ " + Narrow(TestDir() + file) + "\n\r";
+        return "LoadIRQ " + Utf8(TestDir() + file) + "\n\r";
     }
 
     struct Shown {
@@ -61,7 +61,7 @@ TEST_F(SelectionTest, NameMatchesIgnoringCaseAndTheSearchIsLogged) {
 
     EXPECT_EQ(SelectAndLoadIrq(h, ui), 0u);
 
-    EXPECT_TRUE(log.Contains("Searching for '" + Narrow(TestDir()) + "*.irq' ...\n\r"));
+    EXPECT_TRUE(log.Contains("Searching for '" + Utf8(TestDir()) + "*.irq' ...\n\r"));
     EXPECT_TRUE(log.Contains("Found 'test_irq.irq'\n\r"));
     EXPECT_TRUE(log.Contains("Found 'test_irq_b.irq'\n\r"));
     EXPECT_GE(h.irq.search.fileCount, 3u);

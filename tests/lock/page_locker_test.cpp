@@ -6,16 +6,11 @@
 
 #include "common/test_host.h"
 #include "lock/page_locker.h"
-#include "support/wformat.h"
 
 namespace zor {
 namespace {
 
-std::string Utf8(const char16_t* s) {
-    char buf[1024];
-    utf16_to_utf8(s, buf, sizeof buf);
-    return buf;
-}
+using test::Utf8;
 
 class PageLockerTest : public ::testing::Test {
 protected:

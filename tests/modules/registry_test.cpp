@@ -9,7 +9,6 @@
 namespace zor::test {
 namespace {
 
-std::string Utf8(const std::u16string& s) { return std::string(s.begin(), s.end()); }
 using Codes = std::vector<std::uint32_t>;
 
 TEST_F(HostTest, RegistrationNumbersAndStartsTheModuleAndAnnouncesItToTheOthers) {

@@ -11,7 +11,6 @@
 namespace zor::test {
 namespace {
 
-std::string Utf8(const char16_t* s) { return std::string(s, s + std::char_traits<char16_t>::length(s)); }
 
 class ServicesTest : public HostTest {
 protected:
@@ -20,11 +19,8 @@ protected:
     }
     // A slot in use without a module behind it.
     std::uint32_t AddSlot(bool withLocker) {
-        const std::uint32_t s = h.slots.Alloc();
-        h.slots[s].kind.store(kKindIsr);
-        h.slots[s].number.store(s);
+        const std::uint32_t s = AddFakeIsr(h);
         if (withLocker) h.slots[s].locker = new PageLocker(h.log, h.lockedNames);
-        h.slots[s].inUse.store(1);
         return s;
     }
 };

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "common/module_names.h"
+#include "common/test_host.h"
 #include "os/os.h"
 
 namespace os = zor::os;
@@ -36,22 +37,14 @@ void ExpectGuardStillWorks() {
 }
 
 // A test module opened by the test, and its exports.
-struct Lib {
-    explicit Lib(const char* name) : file(std::u16string(name, name + std::char_traits<char>::length(name)) + ZOR_MODULE_SUFFIX) {
-        m = os::module_load(file.c_str());
-    }
-    ~Lib() {
-        if (m) {
-            EXPECT_TRUE(os::module_free(m));
-        }
-    }
+struct Lib : zor::test::TestModule {
+    using TestModule::TestModule;
     template <class F>
     void Get(F& f, const char* symbol) {
-        f = reinterpret_cast<F>(os::module_symbol(m, symbol));
+        f = Fn<F>(symbol);
         EXPECT_NE(reinterpret_cast<void*>(f), nullptr) << symbol;
     }
-    std::u16string file;
-    os::Module m = nullptr;
+    std::u16string File() const { return FileName(); }
 };
 
 // Registers a callee keeps: the code around a guarded call holds values
@@ -75,7 +68,7 @@ struct Kept {
 class FaultLib : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_NE(lib.m, nullptr);
+        ASSERT_TRUE(lib.Loaded());
         lib.Get(noUnwind, "fault_lib_no_unwind");
         lib.Get(privateStack, "fault_lib_private_stack");
         lib.Get(deep, "fault_lib_deep");
@@ -91,7 +84,7 @@ protected:
         os::Fault fault{};
         EXPECT_FALSE(Guard(f, &fault));
         EXPECT_NE(fault.code, 0u);
-        EXPECT_EQ(ModuleFileOf(fault.address), lib.file);
+        EXPECT_EQ(ModuleFileOf(fault.address), lib.File());
         ExpectGuardStillWorks();
     }
 
@@ -173,7 +166,7 @@ constexpr std::uint32_t kExecuteHandler = 1, kContinueSearch = 0;
 
 struct SehLib : Lib {
     SehLib() : Lib("win32_seh_lib") {
-        if (!m) return;
+        if (!Loaded()) return;
         Get(setAnswer, "seh_lib_set_answer");
         Get(filterCalls, "seh_lib_filter_calls");
         Get(readOwn, "seh_lib_read_own");
@@ -212,7 +205,7 @@ protected:
     }
     std::unique_ptr<SehLib> lib = [] {
         auto l = std::make_unique<SehLib>();
-        return l->m ? std::move(l) : nullptr;
+        return l->Loaded() ? std::move(l) : nullptr;
     }();
 };
 
@@ -235,7 +228,7 @@ TEST_F(Win32Seh, FaultsThatTheModuleOrTheSystemHandlesStayTheirs) {
     before = lib->filterCalls();
     EXPECT_FALSE(Guard([&] { result = lib->readOwn(kBadAddress); }, &f));
     EXPECT_EQ(f.code, kAccessViolation);
-    EXPECT_EQ(ModuleFileOf(f.address), lib->file);
+    EXPECT_EQ(ModuleFileOf(f.address), lib->File());
     EXPECT_EQ(lib->filterCalls(), before + 1);
     lib->setAnswer(kExecuteHandler);
     ExpectGuardStillWorks();
@@ -268,7 +261,7 @@ TEST_F(Win32Seh, ALibraryWithItsOwnGuardCanBeUnloaded) {
     lib.reset();
     ExpectGuardStillWorks();
     SehLib again;
-    ASSERT_NE(again.m, nullptr);
+    ASSERT_TRUE(again.Loaded());
     ExpectProbeAnswers(again);
     EXPECT_EQ(again.guardedFault(), kAccessViolation);
 }

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "common/module_names.h"
+#include "common/test_log.h"
 #include "os/os.h"
 
 namespace os = zor::os;
@@ -11,14 +12,6 @@ using zor::test::ModuleFileOf;
 
 namespace {
 
-std::u16string Widen(const char* s) { return std::u16string(s, s + std::char_traits<char>::length(s)); }
-
-std::u16string BinDir() {
-    std::u16string p = Widen(ZOR_TEST_BIN_DIR);
-    for (char16_t& c : p)
-        if (c == u'/') c = u'\\';
-    return p;
-}
 
 void ReadBad(void*) { (void)*zor::test::kBadAddress; }
 void Nothing(void* ctx) { ++*static_cast<int*>(ctx); }
@@ -54,7 +47,7 @@ TEST(OsFaultGuard, MachineFaultsAreCaughtAndTheThreadGoesOn) {
 
 // A call through null has no code address: the caller inside the module is named.
 TEST(OsFaultGuard, ACallThroughNullNamesTheCallingModule) {
-    os::Module m = os::module_load((BinDir() + u"\\os_probe_lib" + ZOR_MODULE_SUFFIX).c_str());
+    os::Module m = os::module_load(zor::test::TestModulePath("os_probe_lib").c_str());
     ASSERT_NE(m, nullptr);
     static void (*call)(void (*)()) = reinterpret_cast<void (*)(void (*)())>(os::module_symbol(m, "os_probe_call"));
     ASSERT_NE(call, nullptr);

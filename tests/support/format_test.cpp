@@ -7,17 +7,14 @@
 #include <cstdint>
 #include <string>
 
+#include "common/test_log.h"
 #include "support/wformat.h"
 #include "support/wstr.h"
 
 namespace zor {
 namespace {
 
-std::string Utf8(const char16_t* s) {
-    char b[4096];
-    utf16_to_utf8(s, b, sizeof b);
-    return b;
-}
+using test::Utf8;
 
 std::string F(const char16_t* fmt, ...) {
     char16_t out[1024];

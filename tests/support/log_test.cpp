@@ -123,26 +123,17 @@ TEST(Log, ActivePairsSyntax) {
     TestLog t;
     Logger& log = t.log();
     auto on = [&](std::uint32_t l, std::uint32_t m) { return log.wPrintf_IsUserLevelActive(l, m); };
-    struct Case {
-        const char* list;
-        bool l0m1, l2m6, l2m2, l2m100, l20m6;
-    } cases[] = {
-        {"", true, true, true, true, true},
-        {"all", true, true, true, true, true},
-        {"none", false, false, false, false, false},
-        {"0:*,2:6", true, true, false, false, false},
-        {"0:*,2:6,-2:2", true, true, false, false, false},
-        {"all,-2:*,2:6", true, true, false, false, true},
-        {"none,2:*,-2:6", false, false, true, true, false},
-        {"NONE,+0:1", true, false, false, false, false},
+    // Whether 0:1, 2:6, 2:2, 2:100 and 20:6 are active after each list.
+    const std::pair<std::uint32_t, std::uint32_t> kPairs[] = {{0, 1}, {2, 6}, {2, 2}, {2, 100}, {20, 6}};
+    const char* cases[][2] = {
+        {"", "11111"},         {"all", "11111"},          {"none", "00000"},          {"0:*,2:6", "11000"},
+        {"0:*,2:6,-2:2", "11000"}, {"all,-2:*,2:6", "11001"}, {"none,2:*,-2:6", "00110"}, {"NONE,+0:1", "10000"},
     };
-    for (const auto& c : cases) {
-        ASSERT_TRUE(log.SetActive(c.list)) << c.list;
-        EXPECT_EQ(on(0, 1), c.l0m1) << c.list;
-        EXPECT_EQ(on(2, 6), c.l2m6) << c.list;
-        EXPECT_EQ(on(2, 2), c.l2m2) << c.list;
-        EXPECT_EQ(on(2, 100), c.l2m100) << c.list;
-        EXPECT_EQ(on(20, 6), c.l20m6) << c.list;
+    for (const auto& [list, want] : cases) {
+        ASSERT_TRUE(log.SetActive(list)) << list;
+        std::string got;
+        for (auto [l, m] : kPairs) got += on(l, m) ? '1' : '0';
+        EXPECT_EQ(got, want) << list;
     }
     ASSERT_TRUE(log.SetActive("2:6"));
     for (const char* bad : {"2:64", "16:1", "2:", ":6", "x", "2:6,", ",", "2:6:1", "2;6", "-", "alll"}) {

@@ -70,12 +70,9 @@ fault_lib_private_stack_asm:
 # Overwrites every register that both calling conventions make the callee
 # keep, then faults.
 fault_lib_clobber_asm:
-    movabsq $0x0bad0bad0bad0b01, %rbx
-    movabsq $0x0bad0bad0bad0b02, %rbp
-    movabsq $0x0bad0bad0bad0b03, %r12
-    movabsq $0x0bad0bad0bad0b04, %r13
-    movabsq $0x0bad0bad0bad0b05, %r14
-    movabsq $0x0bad0bad0bad0b06, %r15
+    .irp r, rbx, rbp, r12, r13, r14, r15
+    movabsq $0x0bad0bad0bad0b01, %\r
+    .endr
     xorl %eax, %eax
     movl %eax, (%rax)
     ret
@@ -92,12 +89,9 @@ fault_lib_clobber_asm:
 # Loads known values into the callee-kept registers, calls the function in
 # rcx and returns a bit per register whose value did not survive.
 fault_lib_preserved_asm:
-    pushq %rbx
-    pushq %rbp
-    pushq %r12
-    pushq %r13
-    pushq %r14
-    pushq %r15
+    .irp r, rbx, rbp, r12, r13, r14, r15
+    pushq %\r
+    .endr
     subq $40, %rsp
     movq %rcx, %rax
     movabsq $0x1111111111111111, %rbx
@@ -115,12 +109,9 @@ fault_lib_preserved_asm:
     kept_check r14, 0x5555555555555555, 16
     kept_check r15, 0x6666666666666666, 32
     addq $40, %rsp
-    popq %r15
-    popq %r14
-    popq %r13
-    popq %r12
-    popq %rbp
-    popq %rbx
+    .irp r, r15, r14, r13, r12, rbp, rbx
+    popq %\r
+    .endr
     ret
 )");
 

@@ -148,10 +148,7 @@ ZOR_EXPORT void Test_Reset() {
     g_claimed.store(0);
     g_clock.store(nullptr);
     for (auto& a : g_answer) a.store(0);
-    g_delayCode.store(0);
-    g_faultCode.store(0);
-    g_pending.store(0);
-    g_requestOn.store(0);
+    for (auto* w : {&g_delayCode, &g_faultCode, &g_pending, &g_requestOn}) w->store(0);
     g_serviceResult.store(0);
 }
 ZOR_EXPORT void Test_SetAnswer(uint32_t code, uint32_t value) {
