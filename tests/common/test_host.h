@@ -102,7 +102,7 @@ public:
     struct Call {
         std::uint32_t code;
         std::uint64_t arg;
-        std::uint32_t first;    // first word of the block of codes 5 and 6
+        std::uint32_t first;    // first word of an ExecISRFunc packet
         std::uint32_t stamp;    // shared order clock, 0 without one
         std::uint32_t thread;   // os thread id of the caller
         std::uint32_t context;  // call context seen by codes 5 and 6

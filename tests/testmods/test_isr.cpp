@@ -22,7 +22,7 @@ constexpr std::uint32_t kMaxCalls = 16384, kCodes = 32;
 struct Call {
     std::uint32_t code;
     std::uint64_t arg;
-    std::uint32_t first;   // first word of an ExecISRFunc / ExecRemoteFunc block
+    std::uint32_t first;   // first word of an ExecISRFunc packet
     std::uint32_t stamp;   // from the shared order clock, 0 without one
     std::uint32_t thread;  // os thread id of the caller
     std::uint32_t context;  // SERV_GetCallContext during ExecISRFunc / ExecRemoteFunc
@@ -102,7 +102,7 @@ ZOR_EXPORT uint32_t ISR_GetSet(uint32_t code, uintptr_t arg) {
     c.code = code;
     c.arg = arg;
     c.first = 0;  // queued packets are unpadded: read bytewise
-    if ((code == ZOR_FN_EXEC_ISR_FUNC || code == ZOR_FN_EXEC_REMOTE_FUNC) && arg)
+    if (code == ZOR_FN_EXEC_ISR_FUNC && arg)  // a packet has its header; a client body may be empty
         std::memcpy(&c.first, reinterpret_cast<const void*>(arg), 4);
     std::uint32_t* clock = g_clock.load(std::memory_order_acquire);
     c.stamp = clock ? std::atomic_ref<std::uint32_t>(*clock).fetch_add(1) + 1 : 0;
