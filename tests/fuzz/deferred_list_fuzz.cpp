@@ -1,9 +1,10 @@
 // The system shared area as the deferred-list run walks it. The input gives
 // the queue size, the header words (capacity, SyncTDL, entry count, bytes
 // used) and the queue bytes; with flag bit 0 a second thread keeps rewriting
-// words of the area while the host walks it. test_isr (module 1) and
-// rewriting_isr (module 2, which rewrites its own entry during its call)
-// are registered. The area is a heap block of exactly its size, so that any
+// words of the area while the host walks it. busy_isr (module 1, which
+// leaves its packet unread: a module trusting a size the racer rewrites
+// would overrun by its own fault) and rewriting_isr (module 2, which
+// rewrites its own entry during its call) are registered. The area is a heap block of exactly its size, so that any
 // access outside it is an AddressSanitizer error.
 #include <atomic>
 #include <thread>
@@ -20,7 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     zor::test::HeapAreaOs os;
     zor::test::FuzzHost fh;
     zor::Host& h = fh.host;
-    zor::test::RegisterIsr(h, "test_isr");
+    zor::test::RegisterIsr(h, "busy_isr");
     zor::test::RegisterIsr(h, "rewriting_isr");
     if (h.shm.SysMem(zor::os::current_process_id(), ZOR_SSA_QUEUE + queueBytes) == 0) return 0;
     unsigned char* area = h.shm.Area();
