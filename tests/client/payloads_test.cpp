@@ -12,15 +12,11 @@ using namespace zor::client;
 
 namespace {
 
+// The name as the host reads it: UTF-16 units from byte 16.
 std::u16string NameAt(const ZorRegisterPayload& p) {
-    const auto* b = reinterpret_cast<const unsigned char*>(&p) + 16;
-    std::u16string s;
-    for (int i = 0;; i += 2) {
-        char16_t c = static_cast<char16_t>(b[i] | b[i + 1] << 8);
-        if (!c) break;
-        s += c;
-    }
-    return s;
+    std::u16string s(20, u'\0');
+    std::memcpy(s.data(), reinterpret_cast<const unsigned char*>(&p) + 16, 40);
+    return s.substr(0, s.find(u'\0'));
 }
 
 }  // namespace

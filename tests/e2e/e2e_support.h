@@ -20,11 +20,7 @@
 namespace zor::e2e {
 
 inline std::wstring Widen(const std::string& s) { return std::wstring(s.begin(), s.end()); }
-inline std::string Narrow(const std::wstring& w) {
-    std::string s;
-    for (wchar_t c : w) s += static_cast<char>(c);
-    return s;
-}
+inline std::string Narrow(const std::wstring& w) { return std::string(w.begin(), w.end()); }
 // A build folder as Windows sees it (Wine maps the Linux root to Z:).
 inline std::wstring WinPath(const char* path) {
     std::wstring w = path[0] == '/' ? L"Z:" : L"";
@@ -53,13 +49,6 @@ inline HWND WaitDialog(DWORD pid, const wchar_t* caption, DWORD ms) {
         if (waited >= ms) return nullptr;
         Sleep(20);
     }
-}
-inline bool WaitVisible(HWND w, bool visible, DWORD ms) {
-    for (DWORD waited = 0; (IsWindowVisible(w) != FALSE) != visible; waited += 20) {
-        if (waited >= ms) return false;
-        Sleep(20);
-    }
-    return true;
 }
 inline std::string WindowText(HWND w) {
     wchar_t buf[512] = {};

@@ -1,10 +1,10 @@
 // A client process the end-to-end tests can kill: it finds the host window
 // of the given process id (0 = the first one) and then
-//   zor_client <hostPid> hold               maps the system area (command 3)
-//   zor_client <hostPid> pipe-hold <module> opens a pipe (commands 11 and 8)
-//                                           and sends one empty request
+//   zor_client <hostPid> pipe-hold <module> maps the system area (command 3),
+//                                           opens a pipe (commands 11 and 8),
+//                                           sends one empty request, prints
+//                                           "ready" and waits to be killed
 //   zor_client <hostPid> click <control id> clicks a button of the dialog
-// The holding forms print "ready" and wait to be killed.
 #include <windows.h>
 
 #include <cstdint>
@@ -42,6 +42,8 @@ int PipeHold(std::uint32_t module) {
     HANDLE reqRead, reqWrite, repRead, repWrite;
     if (!CreatePipe(&reqRead, &reqWrite, nullptr, 0) || !CreatePipe(&repRead, &repWrite, nullptr, 0)) return 1;
     const std::uint32_t pid = GetCurrentProcessId();
+    const ZorSysMemPayload area{pid, 0x2000};  // maps the system area: a live client
+    if (!Send(ZOR_CMD_SYSMEM, area)) return 1;
     Send(ZOR_CMD_CLIENT_ADD, pid);
     ZorPipePayload c{};
     c.request_pipe = reinterpret_cast<std::uintptr_t>(reqRead);
@@ -75,13 +77,6 @@ int main(int argc, char** argv) {
     if (op == "click") {
         SendMessageW(g_host, WM_COMMAND, MAKEWPARAM(arg, BN_CLICKED), reinterpret_cast<LPARAM>(GetDlgItem(g_host, arg)));
         return 0;
-    }
-    if (op == "hold") {
-        ZorSysMemPayload p{GetCurrentProcessId(), 0x2000};
-        if (!Send(ZOR_CMD_SYSMEM, p)) return 3;
-        std::printf("ready\n");
-        std::fflush(stdout);
-        Sleep(INFINITE);
     }
     return 64;
 }
