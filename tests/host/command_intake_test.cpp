@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <random>
 #include <memory>
 #include <string>
 #include <vector>
@@ -22,10 +21,6 @@ struct Block {
     explicit Block(std::size_t n) : bytes(new unsigned char[n ? n : 1]()), size(n) {}
     template <class T>
     void Put(std::size_t off, T v) { std::memcpy(bytes.get() + off, &v, sizeof v); }
-    void PutName(std::size_t off, const char16_t* name, bool terminate = true) {
-        std::size_t n = std::char_traits<char16_t>::length(name) + (terminate ? 1 : 0);
-        std::memcpy(bytes.get() + off, name, n * 2);
-    }
     std::unique_ptr<unsigned char[]> bytes;
     std::size_t size;
 };
@@ -35,17 +30,9 @@ protected:
     std::uint32_t Send(std::uint64_t cmd, const Block& b) {
         return zor::OnCopyData(*host_, cmd, b.bytes.get(), static_cast<std::uint32_t>(b.size), ender_);
     }
-    static void OnEnd(void* ctx, std::intptr_t result) {
-        auto* self = static_cast<Intake*>(ctx);
-        ++self->ends_;
-        self->endResult_ = result;
-    }
-
     zor::test::TestLog log_;
     std::unique_ptr<zor::Host> host_ = std::make_unique<zor::Host>(log_.log());
-    zor::DialogEnder ender_{this, &Intake::OnEnd};
-    int ends_ = 0;
-    std::intptr_t endResult_ = 0;
+    zor::DialogEnder ender_{nullptr, [](void*, std::intptr_t) {}};  // no command here ends the dialog
 };
 
 struct MinSize {

@@ -65,28 +65,17 @@ protected:
     std::unique_ptr<zor::Host> host_;
 };
 
-TEST_F(ConfigFiles, InstallationValuesAreUsedWhenTheUserFileHasNone) {
-    Write("install.ini",
-          "DLLDIR=D:\\drivers\r\nLASTIRQ=timer.irq\r\nFALLBACKIRQ=trigger.irq\r\n"
-          "ALLOWLOWINTEGRITY=1\r\n");
-    Write("user.ini", "OTHER=1\r\n");
-    zor::ReadConfigFiles(*host_);
-    // DLLDIR is taken as it stands: no backslash is added.
-    EXPECT_EQ(Utf8(config().szExe), "D:\\drivers");
-    EXPECT_EQ(Utf8(config().lastIrqName), "timer.irq");
-    EXPECT_EQ(Utf8(config().fallbackIrqName), "trigger.irq");
-    EXPECT_EQ(config().allowLowIntegrity, 1u);
-}
-
+// The per-user file is read for LASTIRQ only; DLLDIR is taken as it
+// stands (no backslash is added).
 TEST_F(ConfigFiles, UserFileWinsForLastIrqOnly) {
-    Write("install.ini", "LASTIRQ=timer.irq\r\n");
+    Write("install.ini", "DLLDIR=D:\\drivers\r\nLASTIRQ=timer.irq\r\nFALLBACKIRQ=trigger.irq\r\n");
     Write("user.ini",
           "LASTIRQ=mine.irq\r\nFALLBACKIRQ=user.irq\r\nDLLDIR=E:\\elsewhere\\\r\n"
           "ALLOWLOWINTEGRITY=1\r\n");
     zor::ReadConfigFiles(*host_);
     EXPECT_EQ(Utf8(config().lastIrqName), "mine.irq");
-    EXPECT_EQ(Utf8(config().fallbackIrqName), "");
-    EXPECT_EQ(Utf8(config().szExe), "C:\\zor\\");
+    EXPECT_EQ(Utf8(config().fallbackIrqName), "trigger.irq");
+    EXPECT_EQ(Utf8(config().szExe), "D:\\drivers");
     EXPECT_EQ(config().allowLowIntegrity, 0u);
 }
 

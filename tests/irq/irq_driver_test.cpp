@@ -67,12 +67,6 @@ private:
 class IrqDriverTest : public HostTest {
 protected:
     PriorityRecorder priorities;
-    std::string Line(const char* fmt, const std::u16string& arg) {
-        char16_t f[128], out[600];
-        utf8_to_utf16(fmt, f, 128);
-        wformat(out, 600, f, arg.c_str());
-        return Utf8(out);
-    }
 };
 
 std::vector<Command> Registration(std::uint32_t slot) {
@@ -121,9 +115,6 @@ TEST(IrqDriverRegistration, InitializeAnswersStrictAndNot) {
 }
 
 TEST_F(IrqDriverTest, WithdrawalRunsInItsFixedOrderAndReloadReplaces) {
-    // Commands 6 and 7 reach a driver only while one is loaded.
-    EXPECT_EQ(h.irq.Query(), 1000u);
-    EXPECT_EQ(h.irq.Control(7), 0u);
     InitRet drv;
     drv.Configure(0);
     ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"test_irq.irq", false), 1u);
@@ -146,7 +137,7 @@ TEST_F(IrqDriverTest, WithdrawalRunsInItsFixedOrderAndReloadReplaces) {
     EXPECT_EQ(h.irq.CurrentIrqSlot(), 0u);
     EXPECT_EQ(h.slots.HighWater(), 0u);
     EXPECT_TRUE(log.Contains("Unregister IRQ\n\r"));
-    EXPECT_EQ(h.irq.Query(), 1000u);
+    EXPECT_EQ(h.irq.Query(), 1000u);  // commands 6 and 7 reach a driver only while one is loaded
 
     // Loading twice: the first instance leaves before the second comes.
     ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"test_irq.irq", false), 1u);
@@ -175,11 +166,10 @@ TEST_F(IrqDriverTest, FailedLoadsLeaveNoDriverAndNothingLoaded) {
     const std::u16string dir = TestDir();
 
     EXPECT_EQ(h.irq.LoadIRQ(dir.c_str(), u"absent_irq.irq", true), 0u);
-    EXPECT_TRUE(log.Contains(Line("ZOR: Failed to load IRQ: '%s'\n\r", dir + u"absent_irq.irq")));
+    EXPECT_TRUE(log.Contains("ZOR: Failed to load IRQ: '" + Utf8(dir) + "absent_irq.irq'\n\r"));
 
     EXPECT_EQ(h.irq.LoadIRQ(dir.c_str(), u"noexport_irq.irq", true), 0u);
-    EXPECT_TRUE(log.Contains(
-        Line("ZOR: Failed to locate IRQ_GetSet in module '%s'\n\r", dir + u"noexport_irq.irq")));
+    EXPECT_TRUE(log.Contains("ZOR: Failed to locate IRQ_GetSet in module '" + Utf8(dir) + "noexport_irq.irq'\n\r"));
     EXPECT_EQ(loads, 1);
     EXPECT_EQ(frees, 1);
 
@@ -192,7 +182,6 @@ TEST_F(IrqDriverTest, FailedLoadsLeaveNoDriverAndNothingLoaded) {
     EXPECT_FALSE(h.irq.Loaded());
     EXPECT_EQ(h.irq.CurrentIrqSlot(), 0u);
     os::calls = os::native_calls();
-
 }
 
 TEST_F(IrqDriverTest, FaultsInsideTheDriverAreSurvived) {
@@ -216,12 +205,12 @@ TEST_F(IrqDriverTest, PriorityStagesEscalateAndStopOnReadBack) {
     const os::Thread self = os::current_thread();
     auto cls = [](std::uint32_t c) { return PriorityCall{true, 0, c}; };
     auto thr = [](os::Thread t, int p) { return PriorityCall{false, t, p}; };
-    const std::vector<PriorityCall> stage0 = {cls(0x20), thr(self, 0), thr(0x1234, 1)};
-    const std::vector<PriorityCall> stage1 = {cls(0x20), thr(self, 0), thr(0x1234, 15)};
-    const std::vector<PriorityCall> stage2 = {cls(0x100), thr(self, 0), thr(0x1234, 15)};
-    auto join = [](std::initializer_list<std::vector<PriorityCall>> parts) {
+    const std::vector<PriorityCall> stages[] = {{cls(0x20), thr(self, 0), thr(0x1234, 1)},
+                                                {cls(0x20), thr(self, 0), thr(0x1234, 15)},
+                                                {cls(0x100), thr(self, 0), thr(0x1234, 15)}};
+    auto ramp = [&](int from) {  // the stages from `from` to the last
         std::vector<PriorityCall> all;
-        for (const auto& p : parts) all.insert(all.end(), p.begin(), p.end());
+        for (int i = from; i < 3; ++i) all.insert(all.end(), stages[i].begin(), stages[i].end());
         return all;
     };
 
@@ -230,26 +219,26 @@ TEST_F(IrqDriverTest, PriorityStagesEscalateAndStopOnReadBack) {
 
     // Loading resets: the whole ramp from the first stage.
     ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"test_irq.irq", false), 1u);
-    EXPECT_EQ(priorities.Take(), join({stage0, stage1, stage2}));
+    EXPECT_EQ(priorities.Take(), ramp(0));
     EXPECT_EQ(h.irq.PriorityLevel(), 0u);
 
     h.irq.SetIrqPriority(1);
-    EXPECT_EQ(priorities.Take(), join({stage1, stage2}));
+    EXPECT_EQ(priorities.Take(), ramp(1));
     h.irq.SetIrqPriority(1);  // same level
     h.irq.SetIrqPriority(3);  // out of range
     EXPECT_TRUE(priorities.Take().empty());
     EXPECT_EQ(h.irq.PriorityLevel(), 1u);
     h.irq.SetIrqPriority(2);
-    EXPECT_EQ(priorities.Take(), stage2);
+    EXPECT_EQ(priorities.Take(), ramp(2));
     h.irq.ResetIrqPriority();
-    EXPECT_EQ(priorities.Take(), join({stage0, stage1, stage2}));
+    EXPECT_EQ(priorities.Take(), ramp(0));
     EXPECT_EQ(h.irq.PriorityLevel(), 0u);
 
     // A class other than normal read back ends the ramp where it is.
     os::native_calls().priority_class_set(0x4000);  // below normal: harmless
     h.irq.SetIrqPriority(1);
     os::native_calls().priority_class_set(os::kNormalPriorityClass);
-    EXPECT_EQ(priorities.Take(), stage1);
+    EXPECT_EQ(priorities.Take(), stages[1]);
     EXPECT_EQ(h.irq.PriorityLevel(), 1u);
 
     // Without a thread handle only the class and the calling thread change.

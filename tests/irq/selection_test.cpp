@@ -63,11 +63,7 @@ TEST_F(SelectionTest, NameMatchesIgnoringCaseAndTheSearchIsLogged) {
 
     EXPECT_TRUE(log.Contains("Searching for '" + Utf8(TestDir()) + "*.irq' ...\n\r"));
     EXPECT_TRUE(log.Contains("Found 'test_irq.irq'\n\r"));
-    EXPECT_TRUE(log.Contains("Found 'test_irq_b.irq'\n\r"));
-    EXPECT_GE(h.irq.search.fileCount, 3u);
     EXPECT_NE(h.irq.search.lastIndex, IrqSearch::kNotFound);
-    EXPECT_EQ(h.irq.search.fallbackIndex, IrqSearch::kNotFound);
-    EXPECT_EQ(shown.events, "");
     // The configured spelling is what gets loaded; it loads where the file
     // system ignores case (Windows), and is at least attempted elsewhere.
     EXPECT_TRUE(log.Contains(LoadLine(u"TEST_IRQ.IRQ")));

@@ -44,20 +44,16 @@ protected:
     TestIsr isr;
 };
 
-TEST_F(TriggerTest, QueuedSkippedAndFreeRunningEventsCarryTheDriversSequence) {
+// Queued events and their numbers are also seen end to end; here the
+// skipped numbers, the driver's own thread, and free running.
+TEST_F(TriggerTest, SkippedAndFreeRunningEventsCarryTheDriversSequence) {
     const std::uint32_t first = h.irq.Control(kSkip | 0);  // skip nothing: the next number
-    Fire(5);
-    EXPECT_EQ(InterruptArgs(),
-              (std::vector<std::uint64_t>{first, first + 1, first + 2, first + 3, first + 4}));
+    EXPECT_EQ(h.irq.Control(kSkip | 2), first + 2);
+    Fire(2);
+    EXPECT_EQ(InterruptArgs(), (std::vector<std::uint64_t>{first + 2, first + 3}));
     for (const auto& c : isr.Calls()) EXPECT_EQ(c.thread, threadId());
     EXPECT_EQ(h.dispatcher.DispatchThreadId(), threadId());
-    EXPECT_EQ(h.irq.Query(), 5u);
-
-    isr.Reset();
-    EXPECT_EQ(h.irq.Control(kSkip | 2), first + 7);
-    Fire(2);
-    EXPECT_EQ(InterruptArgs(), (std::vector<std::uint64_t>{first + 7, first + 8}));
-    EXPECT_EQ(h.irq.Query(), 7u);
+    EXPECT_EQ(h.irq.Query(), 2u);
 
     // Free-running keeps the sequence until stopped, and stopped means stopped.
     isr.Reset();
@@ -67,8 +63,8 @@ TEST_F(TriggerTest, QueuedSkippedAndFreeRunningEventsCarryTheDriversSequence) {
     ASSERT_EQ(waitIdle(10000), 1u);
     const std::uint32_t delivered = h.irq.Query();
     const auto args = InterruptArgs();
-    ASSERT_EQ(args.size(), std::min<std::size_t>(delivered - 7, 16384));
-    for (std::size_t i = 0; i < args.size(); ++i) ASSERT_EQ(args[i], first + 9 + i) << i;
+    ASSERT_EQ(args.size(), std::min<std::size_t>(delivered - 2, 16384));
+    for (std::size_t i = 0; i < args.size(); ++i) ASSERT_EQ(args[i], first + 4 + i) << i;
     os::sleep_ms(20);
     EXPECT_EQ(h.irq.Query(), delivered);
 }

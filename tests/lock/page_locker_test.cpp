@@ -2,6 +2,7 @@
 // memory and the locked-modules report.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 
 #include "common/test_host.h"
@@ -88,6 +89,28 @@ TEST_F(PageLockerTest, ModuleLockRecordsTheImageRangeAndNameUntilUnlocked) {
     EXPECT_EQ(0u, locker.LockModule(nullptr));
     EXPECT_EQ(0u, locker.UnlockModule(nullptr));
     EXPECT_EQ(2u, log.Count("PageLocker: failed to get module memory range!\n\r"));
+}
+
+// A file name too long for the name table: the module is locked all the
+// same, only its name is left out (with its log line), and unlocking finds it.
+TEST_F(PageLockerTest, AnOverlongModuleNameIsSkippedButTheRangeKept) {
+    const std::u16string longName = u"a_module_file_name_of_33_units" ZOR_MODULE_SUFFIX;
+    std::filesystem::copy_file(test::ModuleFileName("test_isr"), longName,
+                               std::filesystem::copy_options::overwrite_existing);
+    os::Module m = os::module_load(longName.c_str());
+    ASSERT_NE(m, nullptr);
+    const void* code = os::module_symbol(m, ZOR_ISR_EXPORT_NAME);
+    {
+        PageLocker locker(log.log(), names);
+        EXPECT_EQ(locker.LockModule(code), 1u);
+        EXPECT_EQ(names.Find(longName.c_str()), 0u);
+        EXPECT_TRUE(log.ContainsSubstr("PageLocker: module name too long, not recorded: 'a_module"));
+        EXPECT_EQ(locker.UnlockModule(code), 1u);
+        EXPECT_EQ(locker.Count(), 0u);
+    }
+    EXPECT_FALSE(log.ContainsSubstr("list seek error"));
+    os::module_free(m);
+    std::filesystem::remove(longName);
 }
 
 TEST_F(PageLockerTest, ReportListsLockedNamesAndEveryOtherLoadedModule) {

@@ -159,6 +159,42 @@ TEST_F(FaultLib, ThreadsFaultConcurrentlyWithoutDisturbingEachOther) {
     EXPECT_EQ(wrong.load(), 0);
 }
 
+void IllegalInstruction() { __builtin_trap(); }
+void DivideByZero() {
+    asm volatile("xorl %%ecx, %%ecx\n\tmovl $1, %%eax\n\txorl %%edx, %%edx\n\tdivl %%ecx"
+                 ::: "eax", "ecx", "edx");
+}
+int Recurse(volatile char* p, int depth) {
+    volatile char frame[4096];
+    frame[0] = *p;
+    if (depth == -1) return frame[0];
+    return Recurse(frame, depth + 1) + frame[1];
+}
+void Overflow() {
+    char c = 0;
+    Recurse(&c, 0);
+}
+
+// The other machine faults, a stack overflow twice (its guard page must come
+// back), and guards nested as when an ISR calls a service that guards its own
+// calls: the innermost catches, and afterwards the outer one is active again.
+TEST(OsFaultGuard, EveryKindOfFaultIsCaughtAndNestedGuardsCatchInnermost) {
+    for (void (*body)() : {IllegalInstruction, DivideByZero, Overflow, Overflow}) {
+        os::Fault f{};
+        EXPECT_FALSE(Guard(body, &f));
+        EXPECT_NE(f.code, 0u);
+        ExpectGuardStillWorks();
+    }
+    os::Fault outer{}, inner{};
+    bool innerOk = true;
+    EXPECT_TRUE(Guard([&] { innerOk = Guard([] { (void)*kBadAddress; }, &inner); }, &outer));
+    EXPECT_FALSE(innerOk);
+    EXPECT_FALSE(Guard([&] {
+        Guard([] {}, &inner);
+        (void)*kBadAddress;
+    }, &outer));
+}
+
 // Structured exception handling on Windows (the module exists only in
 // Windows builds; elsewhere these tests are skipped).
 constexpr std::uint32_t kAccessViolation = 0xC0000005;
