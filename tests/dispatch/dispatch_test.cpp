@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "dispatch/dispatch_util.h"
+#include "common/test_host.h"
 
 namespace zor::test {
 namespace {
@@ -78,6 +78,15 @@ TEST_F(OrderTest, LowerPrioritiesRunFirstEqualOnesInSlotOrderAndOnlyIsrsRun) {
     h.slots[sb].kind.store(kKindIsr);
 }
 
+TEST_F(OrderTest, SetISRPrioTakesEffectFromTheNextEvent) {
+    b.CallServiceOn(ZOR_FN_INTERRUPT, SERV_SetISRPrio, {0, 0}, 1);  // b moves itself ahead
+    EXPECT_EQ((Order{sa, sb, sc}), Fire());  // not within the same event
+    EXPECT_EQ(0, b.ServiceResult());
+    EXPECT_EQ((Order{sb, sa, sc}), Fire());
+    EXPECT_EQ(1, h.services.Call(SERV_SetISRPrio, 99, 0, 0, 0, 0, 0, nullptr));
+    EXPECT_TRUE(log.Contains("ZOR: SERV_SetISRPrio: invalid DLL handle! (99)\n\r"));
+}
+
 TEST_F(OrderTest, BlockedIsrsAreSkippedWithoutTouchingTheirStatistics) {
     Fire();
     const std::uint64_t counted = h.slots[sb].interruptStat.Count();
@@ -107,7 +116,7 @@ TEST_F(HostTest, AFaultingIsrIsReportedEveryEventAndCalledAgainWhileTheOthersRun
     IrqThread irq;
     for (std::uint32_t seq = 1; seq <= 3; ++seq) EXPECT_EQ(0u, irq.Fire(seq));
     const std::string file = Utf8(ModuleFileName("test_isr"));
-    EXPECT_EQ(3u, log.Count(FaultLine(file, file)));
+    EXPECT_EQ(3u, log.Count("ZOR: ISR '" + file + "' caused exception in '" + file + "'!\n\r"));
     EXPECT_EQ(3u, faulting.CountOf(ZOR_FN_INTERRUPT));
     EXPECT_EQ(3u, isr.CountOf(ZOR_FN_INTERRUPT));
     EXPECT_EQ(0u, h.slots[sf].busy.load() + h.slots[sf].blocked.load());

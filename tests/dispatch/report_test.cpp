@@ -2,7 +2,7 @@
 // long-event warning, the sequence-gap check and the locked-modules report.
 #include <gtest/gtest.h>
 
-#include "dispatch/dispatch_util.h"
+#include "common/test_host.h"
 #include "support/stopwatch.h"
 
 namespace zor::test {

@@ -11,7 +11,7 @@ namespace {
 
 using Codes = std::vector<std::uint32_t>;
 
-TEST_F(HostTest, RegistrationNumbersAndStartsTheModuleAndAnnouncesItToTheOthers) {
+TEST_F(HostTest, RegistrationNumbersStartsAndAnnouncesTheModuleAndTheSameNameReplacesIt) {
     TestIsr a("test_isr"), b("test_isr_b");
     const std::uint32_t sa = RegisterIsr(h, "test_isr");
     ASSERT_EQ(1u, sa);
@@ -30,21 +30,18 @@ TEST_F(HostTest, RegistrationNumbersAndStartsTheModuleAndAnnouncesItToTheOthers)
     EXPECT_EQ((Codes{ZOR_FN_ATTACH}), a.Codes());
     EXPECT_EQ(sb, a.Calls()[0].arg);
     EXPECT_EQ(0u, b.CountOf(ZOR_FN_ATTACH));
-}
 
-TEST_F(HostTest, RegisteringTheSameNameReplacesTheOldModule) {
-    TestIsr isr;
-    const std::uint32_t first = RegisterIsr(h, "test_isr");
-    isr.Reset();
+    // The same name again replaces the old instance: detached from itself and
+    // shut down before the new instance starts.
+    a.Reset();
     const std::u16string name = ModuleFileName("test_isr");
-    EXPECT_EQ(first, RegisterIsr(h, "test_isr"));
+    EXPECT_EQ(sa, RegisterIsr(h, "test_isr"));
     EXPECT_TRUE(log.Contains("ZOR: ISR '" + Utf8(name) + "' already registered! Unregistering old version...\n\r"));
-    // Detached from itself and shut down before the new instance starts.
     EXPECT_EQ((Codes{ZOR_FN_DETACH, ZOR_FN_SHUTDOWN, ZOR_FN_SET_ISR_HANDLE, ZOR_FN_SET_SERVICE_PROC,
                      ZOR_FN_INITIALIZE}),
-              isr.Codes());
-    EXPECT_EQ(first, h.registry.FindModule(name.c_str()));
-    EXPECT_EQ(1u, h.sysLocker.Count());  // the old instance let go of its image
+              a.Codes());
+    EXPECT_EQ(sa, h.registry.FindModule(name.c_str()));
+    EXPECT_EQ(3u, h.sysLocker.Count());  // the old instance let go of its image
 }
 
 TEST_F(HostTest, WithAllSlotsTakenRegistrationFailsWithTheListMessage) {

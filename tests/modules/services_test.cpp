@@ -60,45 +60,21 @@ TEST_F(ServicesTest, MemoryServicesUseTheSlotsOwnLockerAndRefuseEverythingElse) 
     }
 }
 
-// test_isr and test_isr_b registered, sharing an order clock.
+// test_isr and test_isr_b registered.
 class ModuleServicesTest : public ServicesTest {
 protected:
     void SetUp() override {
         sa = RegisterIsr(h, "test_isr");
         sb = RegisterIsr(h, "test_isr_b");
         ASSERT_TRUE(sa && sb);
-        a.SetClock(&clock);
-        b.SetClock(&clock);
     }
     void TearDown() override { a.Reset(), b.Reset(); }
-    std::uint32_t LastStamp(const TestIsr& m) {
-        std::uint32_t stamp = 0;
-        for (const auto& c : m.Calls()) stamp = c.code == ZOR_FN_INTERRUPT ? c.stamp : stamp;
-        return stamp;
-    }
-    bool AFirst() { return LastStamp(a) < LastStamp(b); }
     std::string File(const TestIsr& m) { return Utf8(m.FileName()); }
 
     TestIsr a{"test_isr"}, b{"test_isr_b"};
-    std::uint32_t sa = 0, sb = 0, clock = 0;
+    std::uint32_t sa = 0, sb = 0;
     IrqThread irq;
 };
-
-TEST_F(ModuleServicesTest, SetISRPrioReordersFromTheNextEvent) {
-    irq.Fire(1);
-    EXPECT_TRUE(AFirst());
-    b.CallServiceOn(ZOR_FN_INTERRUPT, SERV_SetISRPrio, {0, 0}, 1);  // B moves itself ahead in event 2
-    irq.Fire(2);
-    EXPECT_EQ(b.ServiceResult(), 0);
-    EXPECT_TRUE(AFirst());  // not within the same event
-    irq.Fire(3);
-    EXPECT_FALSE(AFirst());
-    EXPECT_EQ(Svc(SERV_SetISRPrio, 99, 0), 1);
-    EXPECT_TRUE(log.Contains("ZOR: SERV_SetISRPrio: invalid DLL handle! (99)\n\r"));
-    EXPECT_EQ(Svc(SERV_SetISRPrio, sa, 0), 0);  // equal priorities fall back to slot order
-    irq.Fire(4);
-    EXPECT_TRUE(AFirst());
-}
 
 std::uint32_t Answer(std::uint32_t code, std::uintptr_t, std::uintptr_t, std::uintptr_t, std::uintptr_t,
                      std::uintptr_t, std::uintptr_t) {
