@@ -59,13 +59,13 @@ TEST_F(ReportTest, CallsAbove2MsAreLoggedOnTheDispatchThreadAsEachCodeShowsIt) {
               }),
               log.LinesOf(0, 1));
     EXPECT_EQ(2u, h.slots[slot].execStat.Count());  // only Interrupt and ExecISRFunc count
-}
 
-TEST_F(ReportTest, AnAnnouncedArgumentCountIsNotTrustedAndTheLineKeepsItsEnd) {
-    std::vector<std::uint32_t> block(2 + Caller::kMaxLoggedWords, 0xFFFFFFFF);
-    block[0] = 1;
-    block[1] = 0xFFFFFFF0;  // claims far more words than there are
-    h.caller.ReportCall(slot, 3.0, ZOR_FN_EXEC_ISR_FUNC, reinterpret_cast<std::uintptr_t>(block.data()), 0);
+    // An announced argument count is not trusted and the line keeps its end.
+    log.Clear();
+    std::vector<std::uint32_t> words(2 + Caller::kMaxLoggedWords, 0xFFFFFFFF);
+    words[0] = 1;
+    words[1] = 0xFFFFFFF0;  // claims far more words than there are
+    h.caller.ReportCall(slot, 3.0, ZOR_FN_EXEC_ISR_FUNC, reinterpret_cast<std::uintptr_t>(words.data()), 0);
     const auto lines = log.LinesOf(0, 1);
     ASSERT_EQ(1u, lines.size());
     EXPECT_EQ(0u, lines[0].find("ZOR: isr_a: ExecISRFunc(Func=0x1,0xffffffff,"));
