@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "dispatch/dispatch_util.h"
+#include "common/test_host.h"
 #include "support/stopwatch.h"
 
 namespace zor::test {

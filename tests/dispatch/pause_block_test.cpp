@@ -1,7 +1,7 @@
 // Pausing the dispatch around registry changes, and blocking single ISRs.
 #include <gtest/gtest.h>
 
-#include "dispatch/dispatch_util.h"
+#include "common/test_host.h"
 
 namespace zor::test {
 namespace {

@@ -2,7 +2,7 @@
 // long-event warning, the sequence-gap check and the locked-modules report.
 #include <gtest/gtest.h>
 
-#include "dispatch/dispatch_util.h"
+#include "common/test_host.h"
 #include "support/stopwatch.h"
 
 namespace zor::test {
@@ -79,7 +79,7 @@ TEST_F(EndOfInterruptTest, LongEventsAreWarnedAboveFifteenMilliseconds) {
     EXPECT_TRUE(seen);
 }
 
-TEST_F(EndOfInterruptTest, GapsAreReportedOnlyAfterTheFirst1001Events) {
+TEST_F(EndOfInterruptTest, GapsAfterTheFirst1001EventsAndTheLockedReportAtEvent6000) {
     h.dispatcher.SetEventCounterForTest(999);
     Events(1, 17);
     Events(1, 19);  // event 1000: only remembered
@@ -93,18 +93,14 @@ TEST_F(EndOfInterruptTest, GapsAreReportedOnlyAfterTheFirst1001Events) {
     log.Clear();
     Events(1, 0);  // the 32-bit sequence wraps without a gap
     EXPECT_FALSE(Gap());
-}
-
-TEST_F(EndOfInterruptTest, LockedModulesAreReportedOnceAtEvent6000) {
-    const std::string header =
+    // The locked-modules report comes once, at event 6000.
+    const std::string locked =
         "ZOR: ############### LOCKED DLLs #####################################################\n";
     h.dispatcher.SetEventCounterForTest(5999);
     Events(1, 1);
-    EXPECT_EQ(log.Count(header), 0u);
-    Events(1, 2);  // event 6000
-    EXPECT_EQ(log.Count(header), 1u);
-    Events(2, 3);
-    EXPECT_EQ(log.Count(header), 1u);
+    EXPECT_EQ(log.Count(locked), 0u);
+    Events(3, 2);  // events 6000 to 6002
+    EXPECT_EQ(log.Count(locked), 1u);
 }
 
 }  // namespace

@@ -11,7 +11,6 @@
 namespace zor::test {
 namespace {
 
-
 class ServicesTest : public HostTest {
 protected:
     std::int64_t Svc(std::uint32_t code, std::uintptr_t a1 = 0, std::uintptr_t a2 = 0, std::uintptr_t a3 = 0) {
@@ -61,65 +60,28 @@ TEST_F(ServicesTest, MemoryServicesUseTheSlotsOwnLockerAndRefuseEverythingElse) 
     }
 }
 
-// test_isr and test_isr_b registered, sharing an order clock.
+// test_isr and test_isr_b registered.
 class ModuleServicesTest : public ServicesTest {
 protected:
     void SetUp() override {
         sa = RegisterIsr(h, "test_isr");
         sb = RegisterIsr(h, "test_isr_b");
         ASSERT_TRUE(sa && sb);
-        a.SetClock(&clock);
-        b.SetClock(&clock);
     }
     void TearDown() override { a.Reset(), b.Reset(); }
-    std::uint32_t LastStamp(const TestIsr& m) {
-        std::uint32_t stamp = 0;
-        for (const auto& c : m.Calls()) stamp = c.code == ZOR_FN_INTERRUPT ? c.stamp : stamp;
-        return stamp;
-    }
-    bool AFirst() { return LastStamp(a) < LastStamp(b); }
     std::string File(const TestIsr& m) { return Utf8(m.FileName()); }
 
     TestIsr a{"test_isr"}, b{"test_isr_b"};
-    std::uint32_t sa = 0, sb = 0, clock = 0;
+    std::uint32_t sa = 0, sb = 0;
     IrqThread irq;
 };
 
-TEST_F(ModuleServicesTest, SetISRPrioReordersFromTheNextEvent) {
-    irq.Fire(1);
-    EXPECT_TRUE(AFirst());
-    b.CallServiceOn(ZOR_FN_INTERRUPT, SERV_SetISRPrio, {0, 0}, 1);  // B moves itself ahead in event 2
-    irq.Fire(2);
-    EXPECT_EQ(b.ServiceResult(), 0);
-    EXPECT_TRUE(AFirst());  // not within the same event
-    irq.Fire(3);
-    EXPECT_FALSE(AFirst());
-    EXPECT_EQ(Svc(SERV_SetISRPrio, 99, 0), 1);
-    EXPECT_TRUE(log.Contains("ZOR: SERV_SetISRPrio: invalid DLL handle! (99)\n\r"));
-    EXPECT_EQ(Svc(SERV_SetISRPrio, sa, 0), 0);  // equal priorities fall back to slot order
-    irq.Fire(4);
-    EXPECT_TRUE(AFirst());
+std::uint32_t Answer(std::uint32_t code, std::uintptr_t, std::uintptr_t, std::uintptr_t, std::uintptr_t,
+                     std::uintptr_t, std::uintptr_t) {
+    return code + 1;
 }
 
-TEST_F(ModuleServicesTest, OnTheDispatchThreadAnIsrBlocksItselfWithoutWaiting) {
-    h.dispatcher.processorCount.store(2);  // elsewhere the block would wait for the call's end
-    a.CallServiceOn(ZOR_FN_INTERRUPT, SERV_BlockISR, {0, 1}, 1);
-    irq.Fire(1);
-    EXPECT_EQ(a.ServiceResult(), 0);
-    EXPECT_EQ(Svc(SERV_ISRBlocked, sa), 1);
-    irq.Fire(2);
-    EXPECT_EQ(a.CountOf(ZOR_FN_INTERRUPT), 1u);
-    EXPECT_EQ(b.CountOf(ZOR_FN_INTERRUPT), 2u);
-    EXPECT_FALSE(log.ContainsSubstr("BlockISR timeout"));
-    a.CallServiceOn(ZOR_FN_INTERRUPT, SERV_IsISRThread, {});
-    EXPECT_EQ(Svc(SERV_BlockISR, sa, 0), 0);
-    irq.Fire(3);
-    EXPECT_EQ(a.CountOf(ZOR_FN_INTERRUPT), 2u);
-    EXPECT_EQ(a.ServiceResult(), 1);
-    EXPECT_EQ(a.CallService(SERV_IsISRThread), 0);
-}
-
-TEST_F(ModuleServicesTest, CustomServicesInstallDuplicateAndLeaveWithTheirOwner) {
+TEST_F(ModuleServicesTest, CustomServicesDuplicateLeaveWithTheirOwnerAndFillTwoHundredEntries) {
     constexpr std::uint32_t kCode = 0x5000;
     for (const TestIsr* m : {&a, &b}) {
         m->CallServiceOn(ZOR_FN_INTERRUPT, SERV_InstallService, {0, kCode, m->Custom()}, 1);
@@ -134,14 +96,7 @@ TEST_F(ModuleServicesTest, CustomServicesInstallDuplicateAndLeaveWithTheirOwner)
     EXPECT_EQ(Svc(kCode, 7), std::int64_t{0xC0000000} | (sb << 16) | 7);
     h.registry.UnregisterISR(sb);
     EXPECT_EQ(Svc(kCode, 7), 0);  // unknown now
-}
 
-std::uint32_t Answer(std::uint32_t code, std::uintptr_t, std::uintptr_t, std::uintptr_t, std::uintptr_t,
-                     std::uintptr_t, std::uintptr_t) {
-    return code + 1;
-}
-
-TEST_F(ServicesTest, CustomTableHoldsTwoHundredAndRefusesOwnersBeyondTheSlots) {
     for (std::uint32_t i = 0; i < Services::kCustom; ++i)
         ASSERT_EQ(h.services.InstallService(1 + i % 3, 0x6000 + i, &Answer), 0u) << i;
     EXPECT_EQ(Svc(SERV_InstallService, 1, 0x7000, reinterpret_cast<std::uintptr_t>(&Answer)), 0xFFFFFFFFll);
