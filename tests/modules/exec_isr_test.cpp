@@ -140,24 +140,5 @@ TEST_F(ExecTest, AFullQueueIsRefusedAfterTwoSecondsEvenIfItDrainsMeanwhile) {
     EXPECT_TRUE(NoSlotKept());
 }
 
-TEST_F(ExecTest, The1024thWaitingRequestOverflowsTheSlotsButStillRuns) {
-    MakeArea(1100 * 24);
-    // 1023 requests wait for their results, queued as another process would.
-    for (std::uint32_t k = 1; k < ZOR_SSA_RESULT_SLOTS; ++k) {
-        TdlTicket t;
-        ASSERT_EQ(TdlAppend(h.shm.Area(), h.shm.AreaSize(), 1, sb, k, nullptr, 0, true, &t, 100),
-                  TdlStatus::kQueued);
-    }
-    std::atomic<std::int32_t> r{-1};
-    std::thread waiter([&] { r = Exec(5000, nullptr, 0, 1); });
-    for (int i = 0; i < 2000 && Word(ZOR_SSA_ENTRY_COUNT) < 1024; ++i) os::sleep_ms(1);
-    EXPECT_TRUE(log.Contains("ZOR: async result list overflow!!!\n\r"));
-    irq.Fire(1);
-    waiter.join();
-    EXPECT_EQ(r.load(), 0);  // its result was not kept ...
-    ASSERT_EQ(Execs().size(), 1024u);  // ... but it ran
-    EXPECT_EQ(Execs().back().first, 5000u);
-}
-
 }  // namespace
 }  // namespace zor::test

@@ -112,35 +112,5 @@ TEST_F(ModuleServicesTest, CustomServicesDuplicateLeaveWithTheirOwnerAndFillTwoH
                                "ZOR: Installing custom service 8000 failed: invalid owner #100!\n\r"});
 }
 
-TEST_F(ModuleServicesTest, UnknownCallsAreLoggedAtTheFirstAndEvery16384thCallAndReported) {
-    log.Clear();
-    h.services.ReportUnknownServiceCalls();  // nothing recorded: nothing printed
-    EXPECT_TRUE(log.Lines().empty());
-    for (std::uint32_t i = 0; i < 2 * 16384 + 1; ++i) ASSERT_EQ(a.CallService(0x7777), 0);
-    b.CallService(0x7777);  // another caller of the same code is a record of its own
-    const std::string msg = "ZOR: Unknown service call (00007777) called ";
-    EXPECT_EQ(log.LinesOf(2, 2),
-              (std::vector<std::string>{msg + " by " + File(a) + "\n", msg + "16384 times by " + File(a) + "\n",
-                                        msg + "32768 times by " + File(a) + "\n", msg + " by " + File(b) + "\n"}));
-    log.Clear();
-    h.services.ReportUnknownServiceCalls();
-    auto row = [](const char* count, const std::string& name) {
-        return std::string("ZOR: - 00007777 - ") + count + " - " + std::string(20 - name.size(), ' ') + name + " -\n";
-    };
-    const std::string rule = "ZOR: ----------------------------------------------\n";
-    EXPECT_EQ(log.LinesOf(2, 2),
-              (std::vector<std::string>{"ZOR: List of unknown service calls\n", rule,
-                                        "ZOR: - Func      - # Called - Caller              -\n", rule,
-                                        row("   32769", File(a)), row("       1", File(b)), rule}));
-    // A full table still logs every new call; recorded ones count silently.
-    for (std::uint32_t i = 2; i < Services::kUnknown; ++i) a.CallService(0x100 + i);
-    log.Clear();
-    a.CallService(0x999);
-    a.CallService(0x999);
-    a.CallService(0x100 + 2);
-    const std::string line = "ZOR: Unknown service call (00000999) called  by " + File(a) + "\n";
-    EXPECT_EQ(log.LinesOf(2, 2), (std::vector<std::string>{line, line}));
-}
-
 }  // namespace
 }  // namespace zor::test
