@@ -41,7 +41,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::memcpy(payload.get() + PidOffset(cmd), &pid, 4);
     }
     zor::test::FuzzHost fh;
-    if (flags & 2) zor::test::RegisterIsr(fh.host, "test_isr");
+    if (flags & 2) {
+        zor::test::RegisterIsr(fh.host, "test_isr");
+        // Its echo trusts the body length in the caller's tag; a fuzzed tag must not lead it astray.
+        zor::test::TestIsr("test_isr").SetAnswer(ZOR_FN_EXEC_REMOTE_FUNC, 1);
+    }
     int ended = 0;
     zor::DialogEnder ender{&ended, [](void* c, std::intptr_t) { ++*static_cast<int*>(c); }};
     const std::uint32_t r = zor::OnCopyData(fh.host, cmd, payload.get(),
