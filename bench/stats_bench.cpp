@@ -7,17 +7,12 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "bench_host.h"
 #include "host/host.h"
 #include "support/log.h"
-#include "support/wstr.h"
 
 namespace {
 
-std::uint64_t g_calls = 0;
-std::uint32_t Trivial(std::uint32_t code, std::uintptr_t arg) {
-    g_calls += code + arg;
-    return 0;
-}
 
 template <class F>
 double RoundNs(int n, F f) {
@@ -25,18 +20,6 @@ double RoundNs(int n, F f) {
     for (int i = 0; i < n; ++i) f();
     auto t1 = std::chrono::steady_clock::now();
     return std::chrono::duration<double, std::nano>(t1 - t0).count() / n;
-}
-
-void AddIsrs(zor::Host& h, int n) {
-    for (int i = 0; i < n; ++i) {
-        const std::uint32_t s = h.slots.Alloc();
-        zor::wcopy(h.slots[s].name, 20, u"trivial");
-        h.slots[s].kind.store(zor::kKindIsr);
-        h.slots[s].number.store(s);
-        h.slots[s].entry.store(Trivial);
-        h.slots[s].inUse.store(1);
-    }
-    h.dispatcher.InvalidateDispatchOrder();
 }
 
 struct Pair {
@@ -75,7 +58,7 @@ int main() {
         }
         std::uint32_t seq[2] = {0, 0};
         for (zor::Host* h : hosts) {
-            AddIsrs(*h, 10);
+            bench::AddIsrs(*h, 10);
             h->dispatcher.OnInterrupt(0);  // this thread becomes the dispatch thread
         }
         const Pair call = Compare(300, 20000, [&](int k) {
@@ -89,5 +72,5 @@ int main() {
             for (std::uint32_t s = 1; s <= 10; ++s) h->slots.Free(s);
     }
     log.End();
-    return g_calls == 0;
+    return bench::g_trivialCalls == 0;
 }
