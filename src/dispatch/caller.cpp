@@ -44,7 +44,8 @@ void GuardedCall(void* p) {
     f.result = entry(f.code, static_cast<std::uintptr_t>(f.arg));
     const double t1 = ClockMs();
     if (f.boundary) *f.boundary = t1;
-    f.caller->ReportCall(f.slotNumber, t1 - t0, f.code, f.arg, f.flags);
+    f.caller->ReportCall(f.slotNumber, t1 - t0, f.code, f.arg,
+                         f.flags | (f.boundary ? Caller::kFlagInEvent : 0));
     if (f.boundary && t1 - t0 > Caller::kSlowCallMs) *f.boundary = ClockMs();
 }
 
@@ -197,7 +198,7 @@ void Caller::ReportCall(std::uint32_t slot, double elapsed, std::uint32_t code,
     }
     if (code == 20) {
         s.interruptStat.Add(elapsed);
-        h_.stats.OnIsrCall(slot, elapsed);
+        h_.stats.OnIsrCall(slot, elapsed, (flags & kFlagInEvent) != 0);
     }
     if (code == 5) {
         s.execStat.Add(elapsed);

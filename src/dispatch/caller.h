@@ -19,6 +19,9 @@ class Caller {
 public:
     static constexpr std::uint32_t kThreadContexts = 10;
     static constexpr std::uint32_t kFlagTdl = 1;
+    // Set by the dispatch loop's calls: their figures are counted at the
+    // end of the event.
+    static constexpr std::uint32_t kFlagInEvent = 2;
     // The timing line of an ExecISRFunc / ExecRemoteFunc call reads at most
     // the argument words of the largest packet built on the dispatch thread,
     // however many bytes the block announces, and shows as many of them as

@@ -126,9 +126,15 @@ void StatsArea::PublishTable() {
 
 void StatsArea::OnEventEnd(double totalMs) {
     ZorStats* a = Area();
-    if (!a) return;
+    if (!a) {
+        pending_ = 0;
+        return;
+    }
+    CountPending(a);
     ZorStatsEvents& ev = a->ev;
     Begin(ev.seq);
+    if (wakePending_) Count(ev.wakeup, wakeMs_);
+    wakePending_ = false;
     Bump(ev.events);
     const std::uint32_t sequence = Get(ev.sequence);
     if (dispatched_ && sequence != lastSequence_ + 1) Bump(ev.sequence_gaps);

@@ -61,35 +61,42 @@ public:
     // the dispatch thread, whenever the dispatch order is rebuilt.
     void PublishTable();
 
-    // Dispatch thread, every event, paused or not.
+    // Dispatch thread, every event, paused or not. The interval's bucket is
+    // counted later (see OnIsrCall).
     void OnWake(double intervalMs, std::uint32_t sequence) {
         using namespace stats_detail;
         ZorStats* a = Area();
         if (!a) return;
         Begin(a->ev.seq);
         Put(a->ev.sequence, sequence);
-        // The first interval runs from the clock's origin: not an interval.
-        if (woken_) Count(a->ev.wakeup, intervalMs);
         Put(a->ev.interval_ms, intervalMs);
         End(a->ev.seq);
+        // The first interval runs from the clock's origin: not an interval.
+        wakePending_ = woken_;
+        wakeMs_ = intervalMs;
         woken_ = true;
     }
     void OnPaused() {
-        if (ZorStats* a = Area()) stats_detail::Bump(a->ev.paused_events);
+        if (ZorStats* a = Area()) {
+            stats_detail::Bump(a->ev.paused_events);
+            CountWake(a);
+        }
     }
     // Dispatch thread, at the end of every dispatched event.
     void OnEventEnd(double totalMs);
-    // Dispatch thread: one completed Interrupt call of `slot`.
-    void OnIsrCall(std::uint32_t slot, double ms) {
-        using namespace stats_detail;
+    // One completed Interrupt call of `slot`. The dispatch loop's calls
+    // (inEvent) are counted at the end of the event: a histogram bucket is
+    // an address computed from a clock reading, and the next call's clock
+    // read waits until every earlier load is done, so a bucket updated
+    // between calls puts that whole chain on the path once per ISR. Counted
+    // together after the last reading, the updates overlap.
+    void OnIsrCall(std::uint32_t slot, double ms, bool inEvent) {
         ZorStats* a = Area();
         if (!a) return;
-        ZorStatsSlot& s = a->slots[slot];
-        Begin(s.seq);
-        Bump(s.calls);
-        Count(s.call, ms);
-        if (ms > ZOR_STATS_SLOW_MS) Bump(s.slow_calls);
-        End(s.seq);
+        if (!inEvent) return CountCall(a, slot, ms);
+        if (pending_ == ZOR_STATS_SLOTS) CountPending(a);
+        pendingSlot_[pending_] = slot;
+        pendingMs_[pending_++] = ms;
     }
     // Any thread: SERV_BlockISR changed a slot's flag.
     void OnBlocked(std::uint32_t slot, std::uint32_t blocked) {
@@ -110,6 +117,27 @@ public:
     }
 
 private:
+    static void CountCall(ZorStats* a, std::uint32_t slot, double ms) {
+        using namespace stats_detail;
+        ZorStatsSlot& s = a->slots[slot];
+        Begin(s.seq);
+        Bump(s.calls);
+        Count(s.call, ms);
+        if (ms > ZOR_STATS_SLOW_MS) Bump(s.slow_calls);
+        End(s.seq);
+    }
+    void CountPending(ZorStats* a) {
+        for (std::uint32_t i = 0; i < pending_; ++i) CountCall(a, pendingSlot_[i], pendingMs_[i]);
+        pending_ = 0;
+    }
+    void CountWake(ZorStats* a) {
+        if (!wakePending_) return;
+        stats_detail::Begin(a->ev.seq);
+        stats_detail::Count(a->ev.wakeup, wakeMs_);
+        stats_detail::End(a->ev.seq);
+        wakePending_ = false;
+    }
+
     Host& h_;
     std::atomic<ZorStats*> area_{nullptr};
     os::Handle mapping_ = 0;
@@ -118,6 +146,11 @@ private:
     bool woken_ = false;
     bool dispatched_ = false;
     std::uint32_t lastSequence_ = 0;
+    bool wakePending_ = false;
+    double wakeMs_ = 0;
+    std::uint32_t pending_ = 0;
+    std::uint32_t pendingSlot_[ZOR_STATS_SLOTS] = {};
+    double pendingMs_[ZOR_STATS_SLOTS] = {};
 };
 
 }  // namespace zor
