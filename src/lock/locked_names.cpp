@@ -12,7 +12,14 @@ const char16_t* LockedNames::FilePart(const char16_t* path) {
     return path;
 }
 
-bool LockedNames::Add(Logger& log, const char16_t* path) {
+bool LockedNames::IsLongNamed(std::uint64_t image) const {
+    for (std::uint64_t b : longNamed_) {
+        if (image != 0 && b == image) return true;
+    }
+    return false;
+}
+
+bool LockedNames::Add(Logger& log, const char16_t* path, std::uint64_t image) {
     std::uint32_t slot = 1;
     while (slot < kSlots && names_[slot][0] != 0) ++slot;
     if (slot == kSlots) return true;  // a full table keeps nothing and says nothing
@@ -23,6 +30,11 @@ bool LockedNames::Add(Logger& log, const char16_t* path) {
     const std::size_t len = wnlen(file, kUnits);
     if (len >= kUnits) {
         log.wPrintf(2, 1, u"PageLocker: module name too long, not recorded: '%s'\n\r", file);
+        for (std::uint64_t& b : longNamed_) {
+            if (image == 0 || b != 0) continue;
+            b = image;
+            break;
+        }
         return false;
     }
     for (std::size_t i = 0; i <= len; ++i) names_[slot][i] = file[i];
@@ -38,9 +50,15 @@ std::uint32_t LockedNames::Find(const char16_t* path) const {
     return 0;
 }
 
-void LockedNames::Remove(const char16_t* path) {
+void LockedNames::Remove(const char16_t* path, std::uint64_t image) {
     // Not found clears slot 0, which is never used.
     names_[Find(path)][0] = 0;
+    for (std::uint64_t& b : longNamed_) {
+        if (image != 0 && b == image) {
+            b = 0;
+            break;
+        }
+    }
 }
 
 }  // namespace zor

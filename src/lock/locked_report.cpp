@@ -37,7 +37,8 @@ void ExamineRegion(void* ctx) {
     if (!IsImageStart(w.region)) return;
     char16_t path[260] = {};
     GetModuleFileNameForAddress(reinterpret_cast<const void*>(w.region.base), path);
-    if (w.names->Find(path) == 0) w.log->wPrintf(2, 6, u"%s\n", path);
+    if (w.names->Find(path) == 0 && !w.names->IsLongNamed(w.region.base))
+        w.log->wPrintf(2, 6, u"%s\n", path);
 }
 
 // The whole address space; a fault outside a region's examination ends it.
@@ -62,6 +63,12 @@ void ReportLockedModules(Logger& log, const LockedNames& names) {
     log.wPrintf(2, 6, u"ZOR: ############### LOCKED DLLs #####################################################\n");
     for (std::uint32_t i = 1; i < LockedNames::kSlots; ++i) {
         if (names.Slot(i)[0] != 0) log.wPrintf(2, 6, u"%s\n", names.Slot(i));
+    }
+    // Locked, but with names too long for the table.
+    for (std::uint32_t i = 0; i < LockedNames::kSlots; ++i) {
+        char16_t path[260] = {};
+        if (names.LongNamed(i) != 0 && os::module_file_name(names.LongNamed(i), path, 260) != 0)
+            log.wPrintf(2, 6, u"%s\n", LockedNames::FilePart(path));
     }
     log.wPrintf(2, 6, u"ZOR: ########### NON LOCKED DLLs (DLLs used in ISR should be locked!) ################\n");
     Walk w{&log, &names, {}};

@@ -51,8 +51,9 @@ bool PageLocker::GetModuleRange(const void* address, std::uint32_t* base, std::u
 // The module around `address`: its 32-bit range and file name, with the
 // lock or unlock line (`verb`). False, logged, when the walk fails.
 bool PageLocker::DescribeModule(const void* address, const char16_t* verb, std::uint32_t* base,
-                                std::uint32_t* length, char16_t (&path)[260]) {
-    std::uint64_t allocBase = 0;
+                                std::uint32_t* length, char16_t (&path)[260],
+                                std::uint64_t* image) {
+    std::uint64_t& allocBase = *image;
     if (!Walk(address, base, length, &allocBase)) {
         log_.wPrintf(2, 1, u"PageLocker: failed to get module memory range!\n\r");
         return false;
@@ -66,19 +67,21 @@ bool PageLocker::DescribeModule(const void* address, const char16_t* verb, std::
 std::uint32_t PageLocker::LockModule(const void* address) {
     std::uint32_t base = 0, length = 0;
     char16_t path[260] = {};
-    if (!DescribeModule(address, u"lock", &base, &length, path)) return 0;
+    std::uint64_t image = 0;
+    if (!DescribeModule(address, u"lock", &base, &length, path, &image)) return 0;
     // The name goes in before the list: it stays even when the list is full.
     // A name too long for the table is left out of it (and logged), but the
     // range is still kept, so that unlocking finds it.
-    names_.Add(log_, path);
+    names_.Add(log_, path, image);
     return LockRange(base, length);
 }
 
 std::uint32_t PageLocker::UnlockModule(const void* address) {
     std::uint32_t base = 0, length = 0;
     char16_t path[260] = {};
-    if (!DescribeModule(address, u"unlock", &base, &length, path)) return 0;
-    names_.Remove(path);
+    std::uint64_t image = 0;
+    if (!DescribeModule(address, u"unlock", &base, &length, path, &image)) return 0;
+    names_.Remove(path, image);
     return UnlockRange(base);
 }
 

@@ -21,11 +21,16 @@ public:
     static constexpr std::uint32_t kUnits = 30;
 
     // Refuses (logs, returns false) a file part of 30 or more units instead
-    // of faulting; a full table drops the name silently (returns true).
-    bool Add(Logger& log, const char16_t* path);
+    // of faulting; a full table drops the name silently (returns true). A
+    // refused module is still locked: its image base (`image`) is kept
+    // aside so that the report lists it as locked.
+    bool Add(Logger& log, const char16_t* path, std::uint64_t image = 0);
     std::uint32_t Find(const char16_t* path) const;
-    void Remove(const char16_t* path);
+    void Remove(const char16_t* path, std::uint64_t image = 0);
     const char16_t* Slot(std::uint32_t i) const { return names_[i]; }
+    // Image bases of locked modules whose names did not fit; 0 = unused.
+    std::uint64_t LongNamed(std::uint32_t i) const { return longNamed_[i]; }
+    bool IsLongNamed(std::uint64_t image) const;
 
     // The file part of a path: after the last '\' or '/' at positions
     // 1..n (a separator at position 0 stays part of the name).
@@ -33,6 +38,7 @@ public:
 
 private:
     char16_t names_[kSlots][kUnits] = {};
+    std::uint64_t longNamed_[kSlots] = {};
 };
 
 class PageLocker {
@@ -57,7 +63,7 @@ public:
 private:
     // Walk + file name + the lock/unlock line; false (logged) when the walk fails.
     bool DescribeModule(const void* address, const char16_t* verb, std::uint32_t* base,
-                        std::uint32_t* length, char16_t (&path)[260]);
+                        std::uint32_t* length, char16_t (&path)[260], std::uint64_t* image);
     // The walk, also giving the full allocation base of the first region
     // (used only to name the module).
     static bool Walk(const void* address, std::uint32_t* base, std::uint32_t* length,

@@ -92,7 +92,8 @@ TEST_F(PageLockerTest, ModuleLockRecordsTheImageRangeAndNameUntilUnlocked) {
 }
 
 // A file name too long for the name table: the module is locked all the
-// same, only its name is left out (with its log line), and unlocking finds it.
+// same, only its name is left out (with its log line); the report lists it
+// as locked, and unlocking finds it.
 TEST_F(PageLockerTest, AnOverlongModuleNameIsSkippedButTheRangeKept) {
     const std::u16string longName = u"a_module_file_name_of_33_units" ZOR_MODULE_SUFFIX;
     std::filesystem::copy_file(test::ModuleFileName("test_isr"), longName,
@@ -105,6 +106,13 @@ TEST_F(PageLockerTest, AnOverlongModuleNameIsSkippedButTheRangeKept) {
         EXPECT_EQ(locker.LockModule(code), 1u);
         EXPECT_EQ(names.Find(longName.c_str()), 0u);
         EXPECT_TRUE(log.ContainsSubstr("PageLocker: module name too long, not recorded: 'a_module"));
+        log.Clear();
+        ReportLockedModules(log.log(), names);
+        const auto lines = log.Lines();
+        ASSERT_GE(lines.size(), 3u);
+        EXPECT_EQ(lines[1], Utf8(longName.c_str()) + "\n");  // LOCKED, right under its header
+        for (std::size_t i = 2; i < lines.size(); ++i)
+            EXPECT_EQ(lines[i].find("a_module_file"), std::string::npos) << lines[i];
         EXPECT_EQ(locker.UnlockModule(code), 1u);
         EXPECT_EQ(locker.Count(), 0u);
     }
