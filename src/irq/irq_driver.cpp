@@ -12,6 +12,7 @@ namespace zor {
 namespace {
 
 constexpr std::uint32_t kPathUnits = 260;
+constexpr std::uint32_t kUnloadWaitMs = 2000;  // calls in flight at unloading
 
 std::uint64_t ServiceEntry() { return reinterpret_cast<std::uintptr_t>(&ServiceProc); }
 std::uint64_t InterruptEntry() { return reinterpret_cast<std::uintptr_t>(&OnInterrupt); }
@@ -135,15 +136,19 @@ void IrqDriver::UnregisterIRQ() {
             h_.caller.CallModule(i, ZOR_GS_SET_INTERRUPT, 0);
             h_.caller.CallModule(i, ZOR_FN_SHUTDOWN, 0);
             h_.sysLocker.UnlockModule(reinterpret_cast<const void*>(entry));
-            s.entry.store(nullptr, std::memory_order_release);
             s.irqThread = 0;
         }
         delete s.locker;
         s.locker = nullptr;
-        if (s.module) {
-            os::module_free(s.module);
-            s.module = nullptr;
+        // A client's command 5 may be inside the driver on another thread:
+        // no new call gets in, and the library goes only once those are out.
+        if (h_.caller.CloseSlot(i, kUnloadWaitMs)) {
+            if (s.module) os::module_free(s.module);
+        } else {
+            h_.log.wPrintf(2, 0, u"ZOR: IRQ driver '%s' did not return within %ld ms: module stays loaded\n\r",
+                           s.name, static_cast<long>(kUnloadWaitMs));
         }
+        s.module = nullptr;
         h_.slots.Free(i);
     }
 }

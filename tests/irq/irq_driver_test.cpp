@@ -2,8 +2,10 @@
 // driver's side (the commands it receives) and from the host's tables.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdint>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "common/test_host.h"
@@ -58,6 +60,8 @@ public:
         };
     }
     const std::u16string& Path() const { return file_.Path(); }
+    void Hold(std::uint32_t on) { file_.Fn<void (*)(std::uint32_t)>("Test_Hold")(on); }
+    bool Inside() const { return file_.Fn<std::uint32_t (*)()>("Test_Inside")() != 0; }
 
 private:
     static inline InitRet* s_self = nullptr;
@@ -68,6 +72,29 @@ class IrqDriverTest : public HostTest {
 protected:
     PriorityRecorder priorities;
 };
+
+// A client's call inside the driver (command 5, on another thread) holds
+// the driver's unloading until it returns.
+TEST_F(IrqDriverTest, WithdrawalWaitsForAClientCallInsideTheDriver) {
+    InitRet drv;
+    drv.Configure(0);
+    ASSERT_EQ(h.irq.LoadIRQ(TestDir().c_str(), u"test_irq.irq", false), 1u);
+    drv.Hold(1);
+    std::thread client([&] { h.caller.CallModule(1, ZOR_FN_EXEC_REMOTE_FUNC, 0); });
+    while (!drv.Inside()) std::this_thread::yield();
+    drv.MarkFrees();
+    std::thread withdraw([&] { h.irq.UnregisterIRQ(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(h.slots[1].inUse.load(), 1u);  // stopped, but neither freed nor unloaded
+    drv.Hold(0);
+    client.join();
+    withdraw.join();
+    const auto c = drv.Commands();
+    ASSERT_GE(c.size(), 4u);
+    EXPECT_EQ(std::vector<Command>(c.end() - 4, c.end()),
+              (std::vector<Command>{{ZOR_FN_EXEC_REMOTE_FUNC, 0}, {ZOR_GS_SET_INTERRUPT, 0}, {ZOR_FN_SHUTDOWN, 0}, {kFreedMark, 0}}));
+    EXPECT_EQ(h.slots[1].inUse.load(), 0u);
+}
 
 std::vector<Command> Registration(std::uint32_t slot) {
     return {{ZOR_FN_SET_ISR_HANDLE, slot},
