@@ -32,6 +32,8 @@ public:
 
     // Calls above this many milliseconds are slow: logged on the dispatch thread.
     static constexpr double kSlowCallMs = 2.0;
+    // How long unloading a module waits for calls still inside it.
+    static constexpr std::uint32_t kUnloadWaitMs = 2000;
 
     // The caller has validated `slot`. A slot whose module is being unloaded
     // is not called: the result is 0 and *gone (when given) is set. With

@@ -33,10 +33,11 @@ int RunZorApp(const char16_t* commandLine, DialogShell& shell) {
     shell.RunDialog(*host, hide);
 
     // No pipe thread may be inside a module while the modules go. A thread
-    // stuck in a module keeps that module loaded (unloading waits for it, a
-    // bounded time) and the host alive: the process ends under it.
+    // stuck in a module keeps that module loaded and the host alive: the
+    // process ends under it. The pipe threads have had their bounded wait
+    // then, so unloading waits no more: the exit stays within that bound.
     const bool stopped = host->clients.StopAll();
-    host->registry.UnloadAll();
+    host->registry.UnloadAll(stopped ? Caller::kUnloadWaitMs : 0);
     if (stopped) {
         host->stats.Release();
         SetRunningHost(nullptr);

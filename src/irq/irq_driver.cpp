@@ -12,7 +12,6 @@ namespace zor {
 namespace {
 
 constexpr std::uint32_t kPathUnits = 260;
-constexpr std::uint32_t kUnloadWaitMs = 2000;  // calls in flight at unloading
 
 std::uint64_t ServiceEntry() { return reinterpret_cast<std::uintptr_t>(&ServiceProc); }
 std::uint64_t InterruptEntry() { return reinterpret_cast<std::uintptr_t>(&OnInterrupt); }
@@ -119,7 +118,7 @@ void IrqDriver::FailRegistration(std::uint32_t slot) {
     }
 }
 
-void IrqDriver::UnregisterIRQ() {
+void IrqDriver::UnregisterIRQ(std::uint32_t waitMs) {
     ZOR_LOCK_FUNCS(h_, __LINE__);
     // Nothing forwards commands to a driver that is being withdrawn.
     currentSlot_.store(0, std::memory_order_release);
@@ -142,11 +141,11 @@ void IrqDriver::UnregisterIRQ() {
         s.locker = nullptr;
         // A client's command 5 may be inside the driver on another thread:
         // no new call gets in, and the library goes only once those are out.
-        if (h_.caller.CloseSlot(i, kUnloadWaitMs)) {
+        if (h_.caller.CloseSlot(i, waitMs)) {
             if (s.module) os::module_free(s.module);
         } else {
             h_.log.wPrintf(2, 0, u"ZOR: IRQ driver '%s' did not return within %ld ms: module stays loaded\n\r",
-                           s.name, static_cast<long>(kUnloadWaitMs));
+                           s.name, static_cast<long>(waitMs));
         }
         s.module = nullptr;
         h_.slots.Free(i);

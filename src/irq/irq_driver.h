@@ -6,6 +6,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "dispatch/caller.h"
+
 namespace zor {
 
 struct Host;
@@ -29,7 +31,7 @@ public:
 
     std::uint32_t LoadIRQ(const char16_t* directory, const char16_t* fileName, bool strict);
     std::uint32_t RegisterIRQ(const char16_t* path, bool strict);
-    void UnregisterIRQ();
+    void UnregisterIRQ(std::uint32_t waitMs = Caller::kUnloadWaitMs);
     void SetIrqPriority(std::uint32_t level);
     void ResetIrqPriority();
     // Commands 6 and 7 (and service 9): 1000 / 0 without a driver.

@@ -15,7 +15,6 @@ namespace {
 constexpr std::uint32_t kNameOffset = 16;
 constexpr std::uint32_t kNameUnits = 20;
 // How long unloading waits for calls in flight on other threads.
-constexpr std::uint32_t kUnloadWaitMs = 2000;
 
 long AsLong(std::uint64_t v) { return static_cast<long>(static_cast<std::int32_t>(v)); }
 
@@ -167,12 +166,12 @@ void Registry::ReleaseModuleSlot(std::uint32_t slot) {
     // No call may still run in the library, nor use the view, when they go.
     bool drained = true;
     if (s.module != nullptr) {
-        drained = h_.caller.CloseSlot(slot, kUnloadWaitMs);
+        drained = h_.caller.CloseSlot(slot, unloadWaitMs_);
         if (drained) {
             os::module_free(s.module);
         } else {
             h_.log.wPrintf(2, 0, u"ZOR: ISR '%s' did not return within %ld ms: module stays loaded\n\r",
-                           s.name, AsLong(kUnloadWaitMs));
+                           s.name, AsLong(unloadWaitMs_));
         }
         s.module = nullptr;
     }
@@ -297,11 +296,13 @@ void Registry::PrepareTables() {
     h_.dispatcher.processorCount.store(os::processor_count(), std::memory_order_relaxed);
 }
 
-void Registry::UnloadAll() {
+void Registry::UnloadAll(std::uint32_t waitMs) {
+    unloadWaitMs_ = waitMs;
     for (std::uint32_t s = 1; s < h_.slots.HighWater(); ++s) {
         if (h_.slots[s].inUse.load(std::memory_order_acquire)) UnregisterISR(s);
     }
-    h_.irq.UnregisterIRQ();
+    h_.irq.UnregisterIRQ(waitMs);
+    unloadWaitMs_ = Caller::kUnloadWaitMs;
     h_.shm.ReleaseArea();
     if (ownImageLocked_) {
         h_.sysLocker.UnlockModule(OwnImageAddress());

@@ -9,6 +9,8 @@
 
 #include <cstdint>
 
+#include "dispatch/caller.h"
+
 namespace zor {
 
 struct Host;
@@ -39,7 +41,8 @@ public:
     // Exit: unregisters every ISR, unloads the IRQ driver, releases the
     // system shared area, unlocks the host's image (when PrepareTables
     // locked it), closes the stopwatches, reports unknown service calls.
-    void UnloadAll();
+    // `waitMs` bounds each module's wait for calls still inside it.
+    void UnloadAll(std::uint32_t waitMs = Caller::kUnloadWaitMs);
 
 private:
     // Registration after the payload has been validated.
@@ -51,6 +54,7 @@ private:
     Host& h_;
     std::uint32_t stopwatches_[2] = {};
     bool ownImageLocked_ = false;
+    std::uint32_t unloadWaitMs_ = Caller::kUnloadWaitMs;
 };
 
 }  // namespace zor

@@ -68,6 +68,7 @@ ZOR_EXPORT void Test_Configure(uint32_t initAnswer, uint32_t threadAnswer, uint3
     g_threadAnswer = threadAnswer;
     g_faultCode = faultCode;
     g_count = 0;
+    g_inside = 0;
     g_probeAtWithdrawal = -1;
 }
 // While set, a client's call (ExecRemoteFunc) stays inside; Test_Inside
