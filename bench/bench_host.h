@@ -9,6 +9,18 @@
 
 namespace bench {
 
+// A log that keeps nothing (benchmarks measure the host, not its log file).
+inline void QuietLog(zor::Logger& log) {
+    log.Start(u"");
+    log.SetActive("none");
+}
+
+// This program's folder with its trailing separator: where the drivers are.
+inline void OwnFolder(char16_t (&dir)[260]) {
+    zor::os::startup_dir(dir, 260);
+    zor::wappend(dir, 260, u"\\");
+}
+
 inline std::uint64_t g_trivialCalls = 0;
 inline std::uint32_t Trivial(std::uint32_t code, std::uintptr_t arg) {
     g_trivialCalls += code + arg;

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench_host.h"
 #include "bench_report.h"
 #include "host/host.h"
 #include "support/stopwatch.h"
@@ -157,11 +158,9 @@ void QueueCost(Host& h, std::uint32_t slot) {
 int main(int argc, char** argv) {
     const std::uint32_t n = argc > 1 ? static_cast<std::uint32_t>(std::atoi(argv[1])) : 2000;
     Logger logger;
-    logger.Start(u"");
-    logger.SetActive("none");
+    bench::QuietLog(logger);
     char16_t dir[260];
-    os::startup_dir(dir, 260);
-    wappend(dir, 260, u"\\");
+    bench::OwnFolder(dir);
     Host h(logger);
     SetRunningHost(&h);
     const std::uint32_t slot = AddTarget(h);

@@ -70,11 +70,9 @@ void EndOfInterruptCost(Host& h) {
 int main(int argc, char** argv) {
     const double seconds = argc > 1 ? std::atof(argv[1]) : 1.0;
     Logger logger;
-    logger.Start(u"");
-    logger.SetActive("none");
+    bench::QuietLog(logger);
     char16_t dir[260];
-    os::startup_dir(dir, 260);
-    wappend(dir, 260, u"\\");
+    bench::OwnFolder(dir);
     // A fresh host per run, so that no run's statistics leak into another.
     auto run = [&](auto body) {
         Host h(logger);

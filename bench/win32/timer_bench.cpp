@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_host.h"
 #include "bench_report.h"
 #include "host/host.h"
 #include "support/stopwatch.h"
@@ -71,11 +72,9 @@ std::vector<double> BareThread(std::uint32_t method, double seconds) {
 int main(int argc, char** argv) {
     const double seconds = argc > 1 ? std::atof(argv[1]) : 10.0;
     Logger logger;
-    logger.Start(u"");
-    logger.SetActive("none");
+    bench::QuietLog(logger);
     char16_t dir[260];
-    os::startup_dir(dir, 260);
-    wappend(dir, 260, u"\\");
+    bench::OwnFolder(dir);
     std::vector<double> host;
     std::uint32_t method = 0;
     {

@@ -159,19 +159,19 @@ bool Registry::CreateSharedMemory(std::uint32_t slot, std::uint32_t pid, const c
     return true;
 }
 
-void Registry::ReleaseModuleSlot(std::uint32_t slot) {
+void Registry::ReleaseModuleSlot(std::uint32_t slot, std::uint32_t waitMs) {
     if (slot == 0 || slot >= SlotTable::kSlots) return;
     ZOR_LOCK_FUNCS(h_, 1042);
     ModuleSlot& s = h_.slots[slot];
     // No call may still run in the library, nor use the view, when they go.
     bool drained = true;
     if (s.module != nullptr) {
-        drained = h_.caller.CloseSlot(slot, unloadWaitMs_);
+        drained = h_.caller.CloseSlot(slot, waitMs);
         if (drained) {
             os::module_free(s.module);
         } else {
             h_.log.wPrintf(2, 0, u"ZOR: ISR '%s' did not return within %ld ms: module stays loaded\n\r",
-                           s.name, AsLong(unloadWaitMs_));
+                           s.name, AsLong(waitMs));
         }
         s.module = nullptr;
     }
@@ -191,7 +191,7 @@ void Registry::ReleaseModuleSlot(std::uint32_t slot) {
     s.view = nullptr;
 }
 
-void Registry::UnregisterISR(std::uint32_t slot) {
+void Registry::UnregisterISR(std::uint32_t slot, std::uint32_t waitMs) {
     if (slot < 1 || slot >= SlotTable::kSlots) return;
     ModuleSlot& s = h_.slots[slot];
     if (!s.inUse.load(std::memory_order_acquire) || s.kind.load(std::memory_order_relaxed) != kKindIsr) return;
@@ -211,7 +211,7 @@ void Registry::UnregisterISR(std::uint32_t slot) {
         h_.sysLocker.UnlockModule(reinterpret_cast<const void*>(entry));
         h_.caller.CallModule(slot, ZOR_FN_SHUTDOWN, 0);
     }
-    ReleaseModuleSlot(slot);
+    ReleaseModuleSlot(slot, waitMs);
     h_.slots.Free(slot);
     h_.dispatcher.InvalidateDispatchOrder();
     h_.dispatcher.PauseISR(false);
@@ -297,12 +297,10 @@ void Registry::PrepareTables() {
 }
 
 void Registry::UnloadAll(std::uint32_t waitMs) {
-    unloadWaitMs_ = waitMs;
     for (std::uint32_t s = 1; s < h_.slots.HighWater(); ++s) {
-        if (h_.slots[s].inUse.load(std::memory_order_acquire)) UnregisterISR(s);
+        if (h_.slots[s].inUse.load(std::memory_order_acquire)) UnregisterISR(s, waitMs);
     }
     h_.irq.UnregisterIRQ(waitMs);
-    unloadWaitMs_ = Caller::kUnloadWaitMs;
     h_.shm.ReleaseArea();
     if (ownImageLocked_) {
         h_.sysLocker.UnlockModule(OwnImageAddress());

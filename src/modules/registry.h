@@ -25,8 +25,9 @@ public:
     // with a log line. Returns the handle value valid in the client, 0 on
     // failure or without shared memory.
     std::uint64_t RegisterISRProc(const void* payload, std::uint32_t size);
-    void UnregisterISR(std::uint32_t slot);
-    void ReleaseModuleSlot(std::uint32_t slot);
+    // `waitMs` bounds the wait for calls still inside the module.
+    void UnregisterISR(std::uint32_t slot, std::uint32_t waitMs = Caller::kUnloadWaitMs);
+    void ReleaseModuleSlot(std::uint32_t slot, std::uint32_t waitMs = Caller::kUnloadWaitMs);
     // Command 2: always 0.
     std::uint32_t UnregisterCommand(std::uint64_t number);
     // Command 13 with a terminated name; command 14.
@@ -54,7 +55,6 @@ private:
     Host& h_;
     std::uint32_t stopwatches_[2] = {};
     bool ownImageLocked_ = false;
-    std::uint32_t unloadWaitMs_ = Caller::kUnloadWaitMs;
 };
 
 }  // namespace zor
