@@ -35,16 +35,17 @@ struct Seen {
     std::uint32_t* words = nullptr;
 };
 
-// A device for event.irq's DEVICE mode, a separate process or a FIFO: once
-// Go(), it delivers the 4-byte counts 1..1100 and 1201..1210 (a gap), then
-// ends.
+// A device for event.irq's DEVICE mode, a separate process or a FIFO: Go()
+// delivers the 4-byte counts 1..1100 and 1201..1210 (a gap).
 class EventDevice {
 public:
     EventDevice();
     ~EventDevice();
     const std::string& Path() const { return path_; }
-    bool Go();  // true once every count was taken and the device ended
-    static int EndError();         // the error event.irq reports for the end
+    bool Go();
+    // Ends the device once its counts were read: the error event.irq then
+    // reports, 0 for a device that has no end.
+    int End();
     static std::string Missing();  // a device path that opens nothing
     struct Impl;
 

@@ -40,9 +40,10 @@ bool EventDevice::Go() {
     HANDLE go = OpenEventW(EVENT_MODIFY_STATE, FALSE, Widen(impl_->name + "_go").c_str());
     const bool set = go && SetEvent(go);
     CloseHandle(go);
-    return set && impl_->hardware.Finish() == 0;
+    return set;
 }
-int EventDevice::EndError() { return ERROR_BROKEN_PIPE; }
+// The hardware ends by itself once its pipe was read.
+int EventDevice::End() { return impl_->hardware.Finish() == 0 ? ERROR_BROKEN_PIPE : -1; }
 std::string EventDevice::Missing() { return "\\\\.\\pipe\\zor_none"; }
 
 }  // namespace zor::e2e
