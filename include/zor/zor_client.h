@@ -5,9 +5,9 @@
  * deferred-list entries and hand-framed pipe requests, a client calls:
  *
  *     ZorConnection* c;
- *     if (zor_connect(&c, 2000) != ZOR_OK) ...        // find the host window
+ *     if (zor_connect(&c, 2000) != ZOR_OK) ...        // find a running host
  *     uint32_t mod; ZorView shm;
- *     zor_register_module(c, "latency_isr.dll", 4096, &mod, &shm);
+ *     zor_register_module(c, "latency_isr.dll", 4096, &mod, &shm); // .so on Linux
  *     zor_exec_isr_func(c, mod, 1, NULL, 0, 1000, &result);   // waited
  *     zor_unregister_module(c, mod);
  *     zor_unmap(&shm);
@@ -20,8 +20,23 @@
  *
  * Threads: one ZorConnection may be used from several threads at once. Pipe
  * requests are serialised per connection (one request in flight at a time);
- * window commands and ExecISRFunc calls run concurrently. zor_disconnect()
- * must not race with other calls on the same connection.
+ * commands and ExecISRFunc calls run concurrently (on Linux the commands of
+ * one connection take turns on its socket). zor_disconnect() must not race
+ * with other calls on the same connection.
+ *
+ * Windows and Linux: the API is the same on both. On Windows a host is found
+ * by its window and commands are WM_COPYDATA messages. On Linux a host is
+ * the socket "zor-<pid>.sock" in the runtime folder ($ZOR_RUNTIME_DIR, else
+ * $XDG_RUNTIME_DIR/zor, else /run/zor for root, else /tmp/zor-<uid>) whose
+ * process still runs; each connection holds one socket to it, and a command
+ * is one datagram with its answer. Where this header says handle, Linux has
+ * a file descriptor (close-on-exec), owned by the caller as the handle is
+ * on Windows. A command that times out on Linux drops the socket (a late
+ * answer must not be taken for the next command's); the next command
+ * connects anew. One command carries at most 65536 payload bytes on Linux,
+ * so zor_module_call() takes bodies of up to 65524 bytes there (the pipe
+ * takes ZOR_CLIENT_MAX_BODY everywhere). On Linux a pipe write to a host
+ * that has gone gives ZOR_E_HOST_GONE or ZOR_E_PIPE, never SIGPIPE.
  *
  * The system area: a process that maps the system shared area (command 3;
  * zor_system_area(), zor_exec_isr_func()) is recorded by the host as a client
@@ -31,7 +46,8 @@
  * The statistics area: every host publishes its live figures (zor_stats.h)
  * in a named mapping, "Local\ZOR.stats.<host pid>", that any process of the
  * session may open for reading (OpenFileMappingW with FILE_MAP_READ) and no
- * other process may write. Reading it is not command 3: the host records
+ * other process may write. On Linux it is the shared-memory object
+ * "/ZOR.stats.<host pid>" (/dev/shm), mode 0644, owned by the host. Reading it is not command 3: the host records
  * nothing and its automatic shut-down is not affected. zor_stats_map()
  * opens it; zor_stats_copy() takes a consistent copy.
  *
@@ -40,7 +56,8 @@
  * module search (its executable directory first).
  *
  * Link the static library `zorclient` or the DLL `zorclient.dll` (import
- * library libzorclient.dll.a). Windows only, except zor_strerror().
+ * library libzorclient.dll.a); on Linux libzorclient.a (self-contained) or
+ * libzorclient.so.
  */
 #ifndef ZOR_CLIENT_H
 #define ZOR_CLIENT_H
@@ -60,7 +77,7 @@
 /* Results of every call. */
 typedef enum ZorStatus {
     ZOR_OK = 0,
-    ZOR_E_NO_HOST = -1,        /* no window "Usermode ISR" found */
+    ZOR_E_NO_HOST = -1,        /* no host running (no window "Usermode ISR", no live socket) */
     ZOR_E_TIMEOUT = -2,        /* the host did not answer within the timeout */
     ZOR_E_HOST_GONE = -3,      /* the host ended during or before the call */
     ZOR_E_INVALID_ARG = -4,    /* null pointer, empty name, bad number */
@@ -79,11 +96,11 @@ typedef enum ZorStatus {
 /* A sentence for a status (English, static storage, never null). */
 ZOR_CLIENT_API const char* zor_strerror(int status);
 
-/* Default time a window command may take before ZOR_E_TIMEOUT. */
+/* Default time a command may take before ZOR_E_TIMEOUT. */
 #define ZOR_CLIENT_DEFAULT_TIMEOUT_MS 5000u
 /* Size of the system area this library asks for when it creates it. */
 #define ZOR_CLIENT_DEFAULT_AREA_SIZE 65536u
-/* Largest request body on the pipe and through zor_module_call(). */
+/* Largest request body on the pipe and (Windows) through zor_module_call(). */
 #define ZOR_CLIENT_MAX_BODY (ZOR_PIPE_BUFFER_SIZE - 12u)
 
 typedef struct ZorConnection ZorConnection;
@@ -92,22 +109,23 @@ typedef struct ZorConnection ZorConnection;
 typedef struct ZorView {
     void* base;       /* first byte, null when none */
     uint32_t size;    /* bytes usable */
-    uint64_t handle;  /* mapping handle in this process */
+    uint64_t handle;  /* mapping handle in this process (Linux: descriptor, 0 = none) */
 } ZorView;
 
 /* -------------------------------------------------------------- connection */
 
-/* Finds the host window. `timeout_ms` bounds every later window command
- * (0 = ZOR_CLIENT_DEFAULT_TIMEOUT_MS). ZOR_E_NO_HOST when none runs. */
+/* Finds a running host (Linux: the newest one). `timeout_ms` bounds every
+ * later command (0 = ZOR_CLIENT_DEFAULT_TIMEOUT_MS). ZOR_E_NO_HOST when
+ * none runs. */
 ZOR_CLIENT_API int zor_connect(ZorConnection** out, uint32_t timeout_ms);
-/* The same, for the host window owned by process `host_pid` (several hosts
- * in one session, tests). */
+/* The same, for the host of process `host_pid` (several hosts in one
+ * session, tests). */
 ZOR_CLIENT_API int zor_connect_pid(ZorConnection** out, uint32_t host_pid,
                                    uint32_t timeout_ms);
 /* Closes the pipe (command 9 + 12 when opened), unmaps the system area and
  * frees the connection. Views returned to the caller stay mapped. */
 ZOR_CLIENT_API void zor_disconnect(ZorConnection* c);
-/* Process ids of every running host window (several hosts may run in one
+/* Process ids of every running host (several hosts may run in one
  * session); *count gets the total, of which at most `cap` are stored. */
 ZOR_CLIENT_API int zor_list_hosts(uint32_t* pids, uint32_t cap, uint32_t* count);
 ZOR_CLIENT_API int zor_set_timeout(ZorConnection* c, uint32_t timeout_ms);
@@ -185,7 +203,7 @@ ZOR_CLIENT_API int zor_exec_isr_func(ZorConnection* c, uint32_t module,
 /* ------------------------------------------------- requests to a module */
 
 /* Command 5: hands body[0..size) to the module's ExecRemoteFunc on the
- * host's window thread; *result gets its answer. caller_tag is the call's
+ * host's window thread (Linux: its command thread); *result gets its answer. caller_tag is the call's
  * context (0 = none). ZOR_E_NOT_REGISTERED when the host answers
  * 0xFFFFFFFF, its "no such module" value: modules should not use it. */
 ZOR_CLIENT_API int zor_module_call(ZorConnection* c, uint32_t module,
@@ -193,7 +211,7 @@ ZOR_CLIENT_API int zor_module_call(ZorConnection* c, uint32_t module,
                                    uint32_t size, uint32_t* result);
 
 /* Registers this process as a client (command 11), creates the two pipes
- * and hands their host ends over (command 8). The host serves the pipe on
+ * and hands their host ends over (command 8; Linux: as descriptors). The host serves the pipe on
  * its own thread. ZOR_E_REFUSED when the host's client table is full. */
 ZOR_CLIENT_API int zor_pipe_open(ZorConnection* c);
 /* One request over the pipe, answered within the connection's timeout.

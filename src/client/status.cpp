@@ -4,7 +4,7 @@
 extern "C" const char* zor_strerror(int status) {
     switch (status) {
     case ZOR_OK: return "success";
-    case ZOR_E_NO_HOST: return "no ZOR host is running (window \"Usermode ISR\" not found)";
+    case ZOR_E_NO_HOST: return "no ZOR host is running";
     case ZOR_E_TIMEOUT: return "the host did not answer in time";
     case ZOR_E_HOST_GONE: return "the host ended during the call";
     case ZOR_E_INVALID_ARG: return "invalid argument";

@@ -3,9 +3,6 @@
 // Every command is one or two calls into the client library; this file is
 // argument handling and printing. Exit codes: 0 ok, 1 the host refused or a
 // call failed, 2 usage, 3 no host running (or it ended during the call).
-#include <windows.h>
-#include <shellapi.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +11,7 @@
 #include <vector>
 
 #include "client/payloads.h"
+#include "platform.h"
 #include "stats_commands.h"
 #include "zor/zor_client.h"
 #include "zor/zor_version.h"
@@ -50,7 +48,7 @@ const char kHelp[] =
     "                              histograms of N seconds (default 10) as an SVG page\n"
     "  quit                        end the host\n"
     "\n"
-    "Options: --pid P talks to the host window of process P; --timeout MS bounds each\n"
+    "Options: --pid P talks to the host of process P; --timeout MS bounds each\n"
     "command (default 5000). Numbers may be decimal or 0x-hex.\n"
     "stats, watch and plot only read the host's statistics area; they exit 2 when its\n"
     "layout is not the one this zorctl knows.\n"
@@ -242,32 +240,12 @@ int Run(ZorConnection* c, const std::string& cmd, const Args& a) {
 
 }  // namespace
 
-// The command line as UTF-8 (main's argv is in the ANSI code page, which
-// would garble module names outside it).
-std::vector<std::string> Utf8Args(int argc, char** argv) {
-    std::vector<std::string> out;
-    int n = 0;
-    LPWSTR* w = CommandLineToArgvW(GetCommandLineW(), &n);
-    if (w == nullptr || n != argc) {
-        for (int i = 0; i < argc; ++i) out.emplace_back(argv[i]);
-    } else {
-        for (int i = 0; i < n; ++i) {
-            int len = WideCharToMultiByte(CP_UTF8, 0, w[i], -1, nullptr, 0, nullptr, nullptr);
-            std::string u(len > 0 ? len - 1 : 0, '\0');
-            if (len > 1) WideCharToMultiByte(CP_UTF8, 0, w[i], -1, u.data(), len, nullptr, nullptr);
-            out.push_back(std::move(u));
-        }
-    }
-    if (w) LocalFree(w);
-    return out;
-}
-
 namespace {
 int Main(int argc, char** argv);
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::vector<std::string> args = Utf8Args(argc, argv);
+    std::vector<std::string> args = zorctl::Utf8Args(argc, argv);
     std::vector<char*> ptrs;
     for (auto& a : args) ptrs.push_back(a.data());
     ptrs.push_back(nullptr);

@@ -1,11 +1,11 @@
 // zorctl plot: histograms of a sampled stretch of time as one SVG page:
 // the wake-up interval, the event time and each ISR's call time, log-log,
 // with p50, p99 and max marked.
-#include <windows.h>
-
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "stats_commands.h"
@@ -100,7 +100,7 @@ int Plot(const StatsOptions& o) {
     if (int rc = r.Open(pid)) return rc;
     Snapshot before, now;
     r.Take(&before);
-    Sleep(o.seconds * 1000u);
+    std::this_thread::sleep_for(std::chrono::seconds(o.seconds));
     r.Take(&now);
     const ZorStats& s = *now.s;
     const ZorStats& b = *before.s;

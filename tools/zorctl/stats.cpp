@@ -1,21 +1,16 @@
 // zorctl stats and zorctl watch: the host's figures as a table or JSON.
-#include <windows.h>
-
+#include <chrono>
 #include <cstdio>
 #include <string>
+#include <thread>
 
 #include "stats_commands.h"
+#include "platform.h"
 #include "stats_view.h"
 
 namespace zorctl {
 
 namespace {
-
-volatile LONG g_stop = 0;
-BOOL WINAPI OnCtrl(DWORD) {
-    InterlockedExchange(&g_stop, 1);
-    return TRUE;
-}
 
 const char* Kind(std::uint32_t k) { return k == 1 ? "irq" : k == 2 ? "isr" : "?"; }
 
@@ -136,14 +131,6 @@ void PrintJson(const ZorStats& s) {
     std::printf("\n ]}\n");
 }
 
-bool HostAlive(std::uint32_t pid) {
-    HANDLE p = OpenProcess(SYNCHRONIZE, FALSE, pid);
-    if (p == nullptr) return false;
-    const bool alive = WaitForSingleObject(p, 0) == WAIT_TIMEOUT;
-    CloseHandle(p);
-    return alive;
-}
-
 }  // namespace
 
 std::uint32_t ResolvePid(const StatsOptions& o) {
@@ -176,19 +163,16 @@ int Watch(const StatsOptions& o) {
     if (pid == 0) return 3;
     StatsReader r;
     if (int rc = r.Open(pid)) return rc;
-    SetConsoleCtrlHandler(OnCtrl, TRUE);
-    // On a console the table is redrawn in place; into files and pipes it
+    CatchInterrupt();
+    // On a terminal the table is redrawn in place; into files and pipes it
     // is appended once a second.
-    const HANDLE out = GetStdHandle(STD_OUTPUT_HANDLE);
-    DWORD mode = 0;
-    const bool console = GetConsoleMode(out, &mode) &&
-                         SetConsoleMode(out, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+    const bool console = AnsiTerminal();
     Snapshot before, now;
     r.Take(&before);
     const std::uint64_t t0 = before.tickMs;
-    while (!g_stop) {
-        Sleep(1000);
-        if (!HostAlive(pid)) {
+    while (!Interrupted()) {
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        if (!ProcessAlive(pid)) {
             std::printf("host %lu ended\n", static_cast<unsigned long>(pid));
             return 3;
         }

@@ -1,8 +1,7 @@
 // Snapshots and percentiles of the statistics area.
 #include "stats_view.h"
 
-#include <windows.h>
-
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 
@@ -65,17 +64,37 @@ int StatsReader::Open(std::uint32_t pid) {
 }
 
 bool StatsReader::Take(Snapshot* out) const {
-    out->tickMs = GetTickCount64();
+    out->tickMs = static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                                 std::chrono::steady_clock::now().time_since_epoch())
+                                                 .count());
     return zor_stats_copy(area_, out->s.get()) == ZOR_OK;
 }
 
 std::string Utf8(const std::uint16_t* s, std::size_t cap) {
-    std::wstring w;
-    for (std::size_t i = 0; i < cap && s[i]; ++i) w += static_cast<wchar_t>(s[i]);
-    if (w.empty()) return {};
-    const int n = WideCharToMultiByte(CP_UTF8, 0, w.c_str(), static_cast<int>(w.size()), nullptr, 0, nullptr, nullptr);
-    std::string out(n, '\0');
-    WideCharToMultiByte(CP_UTF8, 0, w.c_str(), static_cast<int>(w.size()), out.data(), n, nullptr, nullptr);
+    std::string out;
+    for (std::size_t i = 0; i < cap && s[i]; ++i) {
+        std::uint32_t c = s[i];
+        // A lone surrogate becomes U+FFFD.
+        if (c >= 0xD800 && c <= 0xDBFF && i + 1 < cap && s[i + 1] >= 0xDC00 && s[i + 1] <= 0xDFFF)
+            c = 0x10000 + ((c - 0xD800) << 10) + (s[++i] - 0xDC00);
+        else if (c >= 0xD800 && c <= 0xDFFF)
+            c = 0xFFFD;
+        if (c < 0x80) {
+            out += static_cast<char>(c);
+        } else if (c < 0x800) {
+            out += static_cast<char>(0xC0 | c >> 6);
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        } else if (c < 0x10000) {
+            out += static_cast<char>(0xE0 | c >> 12);
+            out += static_cast<char>(0x80 | (c >> 6 & 0x3F));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        } else {
+            out += static_cast<char>(0xF0 | c >> 18);
+            out += static_cast<char>(0x80 | (c >> 12 & 0x3F));
+            out += static_cast<char>(0x80 | (c >> 6 & 0x3F));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        }
+    }
     return out;
 }
 
@@ -92,10 +111,9 @@ std::string Duration(double ms, int width) {
 }
 
 std::string Uptime(std::uint64_t startMs) {
-    FILETIME ft;
-    GetSystemTimeAsFileTime(&ft);
-    const std::uint64_t now =
-        ((static_cast<std::uint64_t>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime) / 10000u - 11644473600000ull;
+    // Milliseconds since 1970, as the host writes its start time.
+    const auto since = std::chrono::system_clock::now().time_since_epoch();
+    const auto now = static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(since).count());
     const std::uint64_t s = now > startMs ? (now - startMs) / 1000 : 0;
     char buf[32];
     std::snprintf(buf, sizeof buf, "%llu:%02llu:%02llu", static_cast<unsigned long long>(s / 3600),

@@ -4,10 +4,18 @@
 #include <windows.h>
 
 #include <cstring>
+#include <new>
+#include <string>
 
-#include "client/win32/connection.h"
+#include "client/connection.h"
 
 namespace zor::client {
+
+struct Link {
+    HWND hwnd = nullptr;
+    HANDLE host_process = nullptr;  // SYNCHRONIZE: tells us when the host ends
+};
+
 namespace {
 
 constexpr wchar_t kDialogClass[] = L"#32770";
@@ -61,9 +69,7 @@ int ListHosts(std::uint32_t* pids, std::uint32_t cap, std::uint32_t* count) {
     return ZOR_OK;
 }
 
-int Open(ZorConnection** out, std::uint32_t host_pid, bool by_pid, std::uint32_t timeout_ms) {
-    if (out == nullptr) return ZOR_E_INVALID_ARG;
-    *out = nullptr;
+int Attach(ZorConnection* c, std::uint32_t host_pid, bool by_pid) {
     HWND hwnd;
     if (by_pid) {
         Search s{host_pid, nullptr};
@@ -75,26 +81,26 @@ int Open(ZorConnection** out, std::uint32_t host_pid, bool by_pid, std::uint32_t
     if (hwnd == nullptr) return ZOR_E_NO_HOST;
     DWORD pid = 0;
     GetWindowThreadProcessId(hwnd, &pid);
-    HANDLE proc = OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid);
-    auto* c = new (std::nothrow) ZorConnection();
-    if (c == nullptr) {
-        if (proc) CloseHandle(proc);
-        return ZOR_E_SYSTEM;
-    }
-    c->hwnd = hwnd;
+    auto* link = new (std::nothrow) Link();
+    if (link == nullptr) return ZOR_E_SYSTEM;
+    link->hwnd = hwnd;
+    link->host_process = OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid);
+    c->link = link;
     c->host_pid = pid;
-    c->host_process = proc;
-    c->timeout_ms = timeout_ms ? timeout_ms : ZOR_CLIENT_DEFAULT_TIMEOUT_MS;
-    InitializeCriticalSection(&c->lock);
-    InitializeCriticalSection(&c->pipe_lock);
-    *out = c;
     return ZOR_OK;
 }
 
+void Detach(ZorConnection* c) {
+    if (c->link->host_process) CloseHandle(c->link->host_process);
+    delete c->link;
+    c->link = nullptr;
+}
+
 bool HostAlive(ZorConnection* c) {
-    if (c->host_process && WaitForSingleObject(c->host_process, 0) == WAIT_OBJECT_0)
+    const Link* l = c->link;
+    if (l->host_process && WaitForSingleObject(l->host_process, 0) == WAIT_OBJECT_0)
         return false;
-    return IsWindow(c->hwnd) != FALSE;
+    return IsWindow(l->hwnd) != FALSE;
 }
 
 int Send(ZorConnection* c, std::uint32_t command, const void* payload, std::uint32_t size,
@@ -107,7 +113,7 @@ int Send(ZorConnection* c, std::uint32_t command, const void* payload, std::uint
     DWORD_PTR answer = 0;
     // SMTO_ABORTIFHUNG and the time-out keep a hung host from hanging us;
     // SMTO_ERRORONEXIT notices a host that ends while it handles the command.
-    LRESULT ok = SendMessageTimeoutW(c->hwnd, WM_COPYDATA, 0, reinterpret_cast<LPARAM>(&cds),
+    LRESULT ok = SendMessageTimeoutW(c->link->hwnd, WM_COPYDATA, 0, reinterpret_cast<LPARAM>(&cds),
                                      SMTO_BLOCK | SMTO_ABORTIFHUNG | 0x0020 /*ERRORONEXIT*/,
                                      timeout_ms ? timeout_ms : c->timeout_ms, &answer);
     if (ok == 0) {
@@ -119,7 +125,18 @@ int Send(ZorConnection* c, std::uint32_t command, const void* payload, std::uint
     return ZOR_OK;
 }
 
-int MapWhole(std::uint64_t handle, std::uint32_t want, ZorView* out) {
+// The host duplicates the handle into this process and returns its value
+// in the 32-bit message result; handle values in a process are small, so
+// nothing is lost.
+int SendForHandle(ZorConnection* c, std::uint32_t command, const void* payload,
+                  std::uint32_t size, Handle* handle, std::uint32_t timeout_ms) {
+    std::uint32_t answer = 0;
+    const int st = Send(c, command, payload, size, &answer, timeout_ms);
+    *handle = st == ZOR_OK ? answer : 0;
+    return st;
+}
+
+int MapWhole(Handle handle, std::uint32_t want, ZorView* out) {
     std::memset(out, 0, sizeof *out);
     if (handle == 0) return ZOR_E_REFUSED;
     HANDLE h = reinterpret_cast<HANDLE>(static_cast<std::uintptr_t>(handle));
@@ -148,12 +165,21 @@ void Unmap(ZorView* v) {
     std::memset(v, 0, sizeof *v);
 }
 
-void Close(ZorConnection* c) {
-    if (c->host_process) CloseHandle(c->host_process);
-    DeleteCriticalSection(&c->pipe_lock);
-    DeleteCriticalSection(&c->lock);
-    delete[] c->frame;
-    delete c;
+int MapStats(std::uint32_t host_pid, ZorView* out) {
+    const std::wstring name = L"" ZOR_STATS_NAME_PREFIX + std::to_wstring(host_pid);
+    HANDLE h = OpenFileMappingW(FILE_MAP_READ, FALSE, name.c_str());
+    if (h == nullptr) return ZOR_E_NO_HOST;
+    void* base = MapViewOfFile(h, FILE_MAP_READ, 0, 0, 0);
+    if (base == nullptr) {
+        CloseHandle(h);
+        return ZOR_E_SYSTEM;
+    }
+    MEMORY_BASIC_INFORMATION mbi{};
+    const std::size_t mapped = VirtualQuery(base, &mbi, sizeof mbi) ? mbi.RegionSize : 0;
+    out->base = base;
+    out->handle = reinterpret_cast<std::uintptr_t>(h);
+    out->size = static_cast<std::uint32_t>(mapped);
+    return ZOR_OK;
 }
 
 std::uint32_t SelfPid() { return GetCurrentProcessId(); }

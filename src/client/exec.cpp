@@ -3,7 +3,7 @@
 // follow one set of rules for SyncTDL, result slots and bounds. What is
 // added here is the client's view of time: a deadline of the caller's
 // choosing and a host that may end while we wait.
-#include "client/win32/connection.h"
+#include "client/connection.h"
 #include "modules/tdl_writer.h"
 
 namespace {
@@ -13,14 +13,14 @@ namespace {
 constexpr std::uint32_t kRoomWaitMs = 20;
 constexpr std::uint32_t kLockWaitMs = 50;
 
-bool Expired(ULONGLONG t0, std::uint32_t limit) { return GetTickCount64() - t0 >= limit; }
+bool Expired(double t0, std::uint32_t limit) { return zor::client::NowMs() - t0 >= limit; }
 
 int Queue(ZorConnection* c, unsigned char* area, std::uint32_t module, std::uint32_t func,
           const void* data, std::uint32_t size, bool want, std::uint32_t limit,
           zor::TdlTicket* ticket) {
-    const ULONGLONG t0 = GetTickCount64();
+    const double t0 = zor::client::NowMs();
     for (;;) {
-        switch (zor::TdlAppend(area, c->area_bytes, GetCurrentProcessId(), module, func, data,
+        switch (zor::TdlAppend(area, c->area_bytes, zor::client::SelfPid(), module, func, data,
                                size, want, ticket, kRoomWaitMs)) {
         case zor::TdlStatus::kQueued: return ZOR_OK;
         case zor::TdlStatus::kQueuedNoSlot: return want ? ZOR_E_NO_SLOT : ZOR_OK;

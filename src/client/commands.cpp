@@ -1,18 +1,28 @@
-// The window commands of the client API: each builds its payload, sends it
-// with a bounded wait and turns the host's answer into a status.
+// The commands of the client API: each builds its payload, sends it with a
+// bounded wait and turns the host's answer into a status.
 #include <cstring>
+#include <new>
 
 #include "client/payloads.h"
-#include "client/win32/connection.h"
+#include "client/connection.h"
 
 using namespace zor::client;
 
 namespace {
 
-// The host returns the handle in a 32-bit message result; handle values in
-// a process are small, so nothing is lost.
-int MapAnswer(std::uint32_t answer, std::uint32_t want, ZorView* out) {
-    return MapWhole(answer, want, out);
+int Open(ZorConnection** out, std::uint32_t host_pid, bool by_pid, std::uint32_t timeout_ms) {
+    if (out == nullptr) return ZOR_E_INVALID_ARG;
+    *out = nullptr;
+    auto* c = new (std::nothrow) ZorConnection();
+    if (c == nullptr) return ZOR_E_SYSTEM;
+    c->timeout_ms = timeout_ms ? timeout_ms : ZOR_CLIENT_DEFAULT_TIMEOUT_MS;
+    int st = Attach(c, host_pid, by_pid);
+    if (st != ZOR_OK) {
+        delete c;
+        return st;
+    }
+    *out = c;
+    return ZOR_OK;
 }
 
 }  // namespace
@@ -32,7 +42,9 @@ void zor_disconnect(ZorConnection* c) {
     if (c == nullptr) return;
     if (c->request_write || c->client_added) zor_pipe_close(c);
     Unmap(&c->area);
-    Close(c);
+    Detach(c);
+    delete[] c->frame;
+    delete c;
 }
 
 int zor_list_hosts(uint32_t* pids, uint32_t cap, uint32_t* count) {
@@ -64,17 +76,17 @@ int zor_register_module(ZorConnection* c, const char* name, uint32_t shm_size,
     ZorRegisterPayload p;
     int st = build_register(SelfPid(), shm_size, name, &p);
     if (st != ZOR_OK) return st;
-    std::uint32_t handle = 0;
+    Handle handle = 0;
     // Loading a module runs its start-up code: allow it more than a query.
     std::uint32_t wait = c->timeout_ms < 10000 ? 10000 : c->timeout_ms;
-    st = Send(c, ZOR_CMD_ISR_REGISTER, &p, sizeof p, &handle, wait);
+    st = SendForHandle(c, ZOR_CMD_ISR_REGISTER, &p, sizeof p, &handle, wait);
     if (st != ZOR_OK) return st;
     // The answer is only the memory handle; the number comes from a lookup.
     std::uint32_t number = 0;
     st = Send(c, ZOR_CMD_FIND_MODULE, &p, sizeof p, &number);
     ZorView view{};
     if (handle != 0) {
-        int mst = MapAnswer(handle, shm_size, &view);
+        int mst = MapWhole(handle, shm_size, &view);
         if (mst != ZOR_OK && st == ZOR_OK) st = mst;
     }
     if (st == ZOR_OK && number == 0) st = ZOR_E_REFUSED;
@@ -130,10 +142,10 @@ int zor_module_memory(ZorConnection* c, uint32_t module, uint32_t size, ZorView*
     ZorIsrMemPayload p;
     int st = build_isr_mem(SelfPid(), module, &p);
     if (st != ZOR_OK) return st;
-    std::uint32_t handle = 0;
-    st = Send(c, ZOR_CMD_GET_ISR_MEM, &p, sizeof p, &handle);
+    Handle handle = 0;
+    st = SendForHandle(c, ZOR_CMD_GET_ISR_MEM, &p, sizeof p, &handle);
     if (st != ZOR_OK) return st;
-    return MapAnswer(handle, size, out);
+    return MapWhole(handle, size, out);
 }
 
 void zor_unmap(ZorView* view) { Unmap(view); }
@@ -141,15 +153,15 @@ void zor_unmap(ZorView* view) { Unmap(view); }
 int zor_system_area(ZorConnection* c, uint32_t size, const ZorSystemSharedArea** area) {
     if (c == nullptr) return ZOR_E_INVALID_ARG;
     if (size == 0) size = ZOR_CLIENT_DEFAULT_AREA_SIZE;
-    EnterCriticalSection(&c->lock);
+    std::unique_lock hold(c->lock);
     int st = ZOR_OK;
     if (c->area.base == nullptr) {
         ZorSysMemPayload p;
         st = build_sysmem(SelfPid(), size, &p);
-        std::uint32_t handle = 0;
-        if (st == ZOR_OK) st = Send(c, ZOR_CMD_SYSMEM, &p, sizeof p, &handle);
+        Handle handle = 0;
+        if (st == ZOR_OK) st = SendForHandle(c, ZOR_CMD_SYSMEM, &p, sizeof p, &handle);
         ZorView v{};
-        if (st == ZOR_OK) st = MapAnswer(handle, 0, &v);
+        if (st == ZOR_OK) st = MapWhole(handle, 0, &v);
         if (st == ZOR_OK && v.size < ZOR_SSA_MIN_SIZE) {
             Unmap(&v);
             st = ZOR_E_REFUSED;
@@ -163,7 +175,7 @@ int zor_system_area(ZorConnection* c, uint32_t size, const ZorSystemSharedArea**
             c->area = v;
         }
     }
-    LeaveCriticalSection(&c->lock);
+    hold.unlock();
     if (st == ZOR_OK && area) *area = static_cast<const ZorSystemSharedArea*>(c->area.base);
     return st;
 }

@@ -1,0 +1,189 @@
+// The POSIX side of the client library: hosts are the sockets
+// "zor-<pid>.sock" in the runtime folder whose process still runs; a
+// connection holds one socket to its host.
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "client/posix/link.h"
+#include "os/posix/wire.h"
+
+namespace zor::client {
+
+namespace {
+
+namespace wire = os::posix::wire;
+
+int OpenPidfd(std::uint32_t pid) {
+#ifdef SYS_pidfd_open
+    const long fd = syscall(SYS_pidfd_open, static_cast<pid_t>(pid), 0);
+    return fd < 0 ? -1 : AboveZero(static_cast<int>(fd));
+#else
+    return -1;
+#endif
+}
+
+// A process descriptor turns readable when the process has ended, zombies
+// included; kill(pid, 0) is the fallback where there is none.
+bool Ended(int pidfd) {
+    pollfd p{pidfd, POLLIN, 0};
+    return poll(&p, 1, 0) != 0;
+}
+
+bool PidAlive(std::uint32_t pid) {
+    if (pid == 0 || pid > 0x7FFFFFFFu) return false;
+    if (const int fd = OpenPidfd(pid); fd >= 0) {
+        const bool alive = !Ended(fd);
+        close(fd);
+        return alive;
+    }
+    return errno != ESRCH && (kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM);
+}
+
+// Calls visit(pid, made_ns) for each live host's socket in the runtime folder.
+template <typename F>
+void Scan(F&& visit) {
+    char dir[256];
+    if (!wire::runtime_dir(dir, sizeof dir)) return;
+    DIR* d = opendir(dir);
+    if (d == nullptr) return;
+    while (dirent* e = readdir(d)) {
+        const std::uint32_t pid = wire::socket_pid(e->d_name);
+        if (pid == 0 || (e->d_type != DT_SOCK && e->d_type != DT_UNKNOWN)) continue;
+        struct stat st;
+        if (fstatat(dirfd(d), e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISSOCK(st.st_mode)) continue;
+        if (PidAlive(pid)) visit(pid, st.st_mtim.tv_sec * 1000000000ll + st.st_mtim.tv_nsec);
+    }
+    closedir(d);
+}
+
+bool Link1(ZorConnection* c, std::uint32_t pid) {
+    char path[sizeof(Link{}.path)];
+    if (!wire::socket_path(pid, path, sizeof path)) return false;
+    const int sock = ConnectSocket(path, c->timeout_ms);
+    if (sock < 0) return false;
+    auto* link = new (std::nothrow) Link();
+    if (link == nullptr) {
+        close(sock);
+        return false;
+    }
+    link->sock = sock;
+    link->pidfd = OpenPidfd(pid);
+    std::memcpy(link->path, path, sizeof path);
+    c->link = link;
+    c->host_pid = pid;
+    return true;
+}
+
+}  // namespace
+
+int AboveZero(int fd) {
+    if (fd != 0) return fd;
+    const int up = fcntl(fd, F_DUPFD_CLOEXEC, 1);
+    close(fd);
+    return up;
+}
+
+bool WaitFor(int fd, short events, double deadline, short* revents) {
+    for (;;) {
+        const double left = deadline - NowMs();
+        if (left <= 0) return false;
+        pollfd p{fd, events, 0};
+        const int r = poll(&p, 1, static_cast<int>(left) + 1);
+        if (r > 0) {
+            if (revents) *revents = p.revents;
+            return true;
+        }
+        if (r < 0 && errno != EINTR) return false;
+    }
+}
+
+int ConnectSocket(const char* path, std::uint32_t timeout_ms) {
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    if (std::strlen(path) >= sizeof a.sun_path) return -1;
+    std::strcpy(a.sun_path, path);
+    const int fd = AboveZero(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (fd < 0) return -1;
+    const double deadline = NowMs() + timeout_ms;
+    for (;;) {
+        if (connect(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0) return fd;
+        // A full backlog answers EAGAIN at once; the host takes one
+        // connection per round of its loop, so try again shortly.
+        if ((errno != EAGAIN && errno != EINTR) || NowMs() >= deadline) break;
+        Pace(deadline - timeout_ms);
+    }
+    close(fd);
+    return -1;
+}
+
+int ListHosts(std::uint32_t* pids, std::uint32_t cap, std::uint32_t* count) {
+    std::uint32_t n = 0;
+    Scan([&](std::uint32_t pid, std::int64_t) {
+        if (pids && n < cap) pids[n] = pid;
+        ++n;
+    });
+    *count = n;
+    return ZOR_OK;
+}
+
+int Attach(ZorConnection* c, std::uint32_t host_pid, bool by_pid) {
+    if (by_pid) return PidAlive(host_pid) && Link1(c, host_pid) ? ZOR_OK : ZOR_E_NO_HOST;
+    // Any host: the newest first, as a new window comes first on Windows.
+    struct Found {
+        std::uint32_t pid;
+        std::int64_t made_ns;
+    } found[64];
+    std::uint32_t n = 0;
+    Scan([&](std::uint32_t pid, std::int64_t made_ns) {
+        if (n < 64) found[n++] = {pid, made_ns};
+    });
+    std::sort(found, found + n, [](const Found& a, const Found& b) { return a.made_ns > b.made_ns; });
+    for (std::uint32_t i = 0; i < n; ++i)
+        if (Link1(c, found[i].pid)) return ZOR_OK;
+    return ZOR_E_NO_HOST;
+}
+
+void Detach(ZorConnection* c) {
+    if (c->link->sock >= 0) close(c->link->sock);
+    if (c->link->pidfd >= 0) close(c->link->pidfd);
+    delete c->link;
+    c->link = nullptr;
+}
+
+bool HostAlive(ZorConnection* c) {
+    if (c->link->pidfd < 0) return PidAlive(c->host_pid);
+    return !Ended(c->link->pidfd);
+}
+
+std::uint32_t SelfPid() { return static_cast<std::uint32_t>(getpid()); }
+
+double NowMs() {
+    timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return static_cast<double>(t.tv_sec) * 1e3 + static_cast<double>(t.tv_nsec) / 1e6;
+}
+
+void Pace(double since) {
+    if (NowMs() - since < 2.0) {
+        sched_yield();
+    } else {
+        timespec ms{0, 1000000};
+        nanosleep(&ms, nullptr);
+    }
+}
+
+}  // namespace zor::client

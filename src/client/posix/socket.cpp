@@ -1,0 +1,174 @@
+// Commands over the host's command socket: one datagram out (u64 command +
+// payload, descriptors attached), one 8-byte datagram back (the result,
+// descriptors attached), within the caller's time-out. A time-out leaves
+// the socket out of step (a late answer would be taken for the next
+// command's), so it is dropped and the next command connects anew.
+#include <sys/socket.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+#include "client/payloads.h"
+#include "client/posix/link.h"
+#include "os/posix/wire.h"
+
+namespace zor::client {
+
+namespace {
+
+namespace wire = os::posix::wire;
+
+struct Fds {
+    int fd[wire::kMaxDescriptors];
+    int n = 0;
+    void CloseAll(int except = -1) {
+        for (int i = 0; i < n; ++i)
+            if (fd[i] != except) close(fd[i]);
+        n = 0;
+    }
+};
+
+union Control {
+    cmsghdr align;
+    char bytes[CMSG_SPACE(sizeof(int) * wire::kMaxDescriptors)];
+};
+
+void Drop(Link* l) {
+    if (l->sock >= 0) close(l->sock);
+    l->sock = -1;
+}
+
+int Gone(ZorConnection* c, int status) { return HostAlive(c) ? status : ZOR_E_HOST_GONE; }
+
+int SendRequest(ZorConnection* c, std::uint64_t command, const void* payload, std::uint32_t size,
+                const Fds& out, double deadline) {
+    Link* l = c->link;
+    iovec iov[2] = {{&command, 8}, {const_cast<void*>(payload), size}};
+    msghdr m{};
+    m.msg_iov = iov;
+    m.msg_iovlen = size ? 2 : 1;
+    Control ctl;
+    if (out.n > 0) {
+        std::memset(&ctl, 0, sizeof ctl);
+        m.msg_control = ctl.bytes;
+        m.msg_controllen = CMSG_SPACE(sizeof(int) * out.n);
+        cmsghdr* h = CMSG_FIRSTHDR(&m);
+        h->cmsg_level = SOL_SOCKET;
+        h->cmsg_type = SCM_RIGHTS;
+        h->cmsg_len = CMSG_LEN(sizeof(int) * out.n);
+        std::memcpy(CMSG_DATA(h), out.fd, sizeof(int) * out.n);
+    }
+    for (;;) {
+        if (sendmsg(l->sock, &m, MSG_NOSIGNAL) >= 0) return ZOR_OK;
+        if (errno == EINTR) continue;
+        if (errno != EAGAIN) return Gone(c, ZOR_E_SYSTEM);
+        if (!WaitFor(l->sock, POLLOUT, deadline)) return Gone(c, ZOR_E_TIMEOUT);
+    }
+}
+
+int ReceiveAnswer(ZorConnection* c, std::uint64_t* answer, Fds* in, double deadline) {
+    Link* l = c->link;
+    unsigned char buf[16];
+    iovec iov{buf, sizeof buf};
+    Control ctl;
+    for (;;) {
+        msghdr m{};
+        m.msg_iov = &iov;
+        m.msg_iovlen = 1;
+        m.msg_control = ctl.bytes;
+        m.msg_controllen = sizeof ctl.bytes;
+        const ssize_t n = recvmsg(l->sock, &m, MSG_CMSG_CLOEXEC);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && errno == EAGAIN) {
+            if (!WaitFor(l->sock, POLLIN, deadline)) return Gone(c, ZOR_E_TIMEOUT);
+            continue;
+        }
+        for (cmsghdr* h = CMSG_FIRSTHDR(&m); h; h = CMSG_NXTHDR(&m, h)) {
+            if (h->cmsg_level != SOL_SOCKET || h->cmsg_type != SCM_RIGHTS) continue;
+            const int k = static_cast<int>((h->cmsg_len - CMSG_LEN(0)) / sizeof(int));
+            for (int i = 0; i < k; ++i) {
+                int fd;
+                std::memcpy(&fd, CMSG_DATA(h) + i * sizeof(int), sizeof fd);
+                if (in->n < wire::kMaxDescriptors) in->fd[in->n++] = AboveZero(fd);
+                else close(fd);
+            }
+        }
+        if (n <= 0) return Gone(c, ZOR_E_REFUSED);  // the host closed its end
+        if (n != 8 || (m.msg_flags & (MSG_TRUNC | MSG_CTRUNC))) return ZOR_E_SYSTEM;
+        std::memcpy(answer, buf, 8);
+        return ZOR_OK;
+    }
+}
+
+// One command: `out` goes with the request, `in` gets what the answer
+// carries (closed by the caller).
+int Transact(ZorConnection* c, std::uint32_t command, const void* payload, std::uint32_t size,
+             const Fds& out, std::uint64_t* answer, Fds* in, std::uint32_t timeout_ms) {
+    if (size > wire::kMaxPayload) return ZOR_E_TOO_LARGE;
+    if (size > 0 && payload == nullptr) return ZOR_E_INVALID_ARG;
+    if (!HostAlive(c)) return ZOR_E_HOST_GONE;
+    const std::uint32_t wait = timeout_ms ? timeout_ms : c->timeout_ms;
+    const double deadline = NowMs() + wait;
+    Link* l = c->link;
+    std::unique_lock hold(l->lock, std::defer_lock);
+    if (!hold.try_lock_for(std::chrono::milliseconds(wait))) return ZOR_E_TIMEOUT;
+    if (l->sock < 0) {
+        const double left = deadline - NowMs();
+        l->sock = left > 0 ? ConnectSocket(l->path, static_cast<std::uint32_t>(left) + 1) : -1;
+        if (l->sock < 0) return Gone(c, ZOR_E_TIMEOUT);
+    }
+    int st = SendRequest(c, command, payload, size, out, deadline);
+    if (st == ZOR_OK) st = ReceiveAnswer(c, answer, in, deadline);
+    if (st != ZOR_OK) {
+        in->CloseAll();
+        Drop(l);
+    }
+    return st;
+}
+
+}  // namespace
+
+int Send(ZorConnection* c, std::uint32_t command, const void* payload, std::uint32_t size,
+         std::uint32_t* result, std::uint32_t timeout_ms) {
+    std::uint64_t answer = 0;
+    Fds in;
+    const int st = Transact(c, command, payload, size, Fds{}, &answer, &in, timeout_ms);
+    in.CloseAll();
+    if (st == ZOR_OK && result) *result = static_cast<std::uint32_t>(answer);
+    return st;
+}
+
+int SendForHandle(ZorConnection* c, std::uint32_t command, const void* payload,
+                  std::uint32_t size, Handle* handle, std::uint32_t timeout_ms) {
+    *handle = 0;
+    std::uint64_t answer = 0;
+    Fds in;
+    const int st = Transact(c, command, payload, size, Fds{}, &answer, &in, timeout_ms);
+    // The answer names its descriptor by position; any other is not ours to keep.
+    int keep = -1;
+    if (st == ZOR_OK && answer >= 1 && answer <= static_cast<std::uint64_t>(in.n)) keep = in.fd[answer - 1];
+    in.CloseAll(keep);
+    if (keep > 0) *handle = static_cast<Handle>(keep);
+    return st;
+}
+
+int PipeHandOver(ZorConnection* c, Handle request_read, Handle reply_write) {
+    // The payload names the two descriptors by their places in the request.
+    ZorPipePayload p;
+    int st = build_pipe(1, 2, SelfPid(), &p);
+    if (st != ZOR_OK) return st;
+    Fds out;
+    out.fd[0] = static_cast<int>(request_read);
+    out.fd[1] = static_cast<int>(reply_write);
+    out.n = 2;
+    std::uint64_t answer = 0;
+    Fds in;
+    st = Transact(c, ZOR_CMD_PIPE_CONNECT, &p, sizeof p, out, &answer, &in, 0);
+    in.CloseAll();
+    return st;
+}
+
+}  // namespace zor::client
