@@ -47,7 +47,7 @@ struct Timer {
     std::atomic<std::uint32_t> generation{0};  // advanced by every change
     std::atomic<std::int64_t> changedAt{0};    // CLOCK_MONOTONIC ns of the latest change
     std::atomic<bool> stop{false};
-    std::atomic<std::uint64_t> deadline{0};    // of the event being delivered
+    std::atomic<std::uint64_t> deadline{0};    // the one the thread waited for
     std::mutex mutex;  // with `wake`: a paused thread, the start handshake
     std::condition_variable wake;
     pthread_t thread{};
@@ -85,10 +85,9 @@ void RunPeriod(std::uint32_t periodUs, std::uint32_t generation, std::int64_t t0
         if (Changed(generation)) return;
         const auto passed = static_cast<std::uint64_t>((NowNs() - t0) / period);
         if (passed <= k) continue;  // a sleep piece, or a signal cut the sleep short
+        g.deadline.store(static_cast<std::uint64_t>(target), std::memory_order_relaxed);
         g.sequence += static_cast<std::uint32_t>(passed - k);
         k = passed;
-        g.deadline.store(static_cast<std::uint64_t>(t0) + k * static_cast<std::uint64_t>(period),
-                         std::memory_order_relaxed);
         if (ZorInterruptProc entry = g.entry.load(std::memory_order_acquire)) entry(g.sequence);
     }
 }
@@ -182,6 +181,8 @@ ZOR_EXPORT uint32_t IRQ_GetSet(uint32_t code, uintptr_t arg) {
     }
 }
 
-// The CLOCK_MONOTONIC deadline (ns) of the event being delivered, for ISRs
-// that measure their wake-up latency. Valid during the interrupt call.
+// The CLOCK_MONOTONIC deadline (ns) the thread waited for before the event
+// being delivered (the earliest one not delivered before: a late wake-up
+// shows its whole lateness), for ISRs that measure their wake-up latency.
+// Valid during the interrupt call.
 ZOR_EXPORT uint64_t Timer_Deadline() { return g.deadline.load(std::memory_order_relaxed); }

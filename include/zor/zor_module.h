@@ -102,8 +102,9 @@ enum ZorFunctionCode {
  *   never delivers a burst. It waits on a high-resolution waitable timer, or
  *   with a fine-grained thread sleep where that wakes closer to the deadline
  *   (measured when it starts; under Wine timers are coarse). On Linux it
- *   exports uint64_t Timer_Deadline(): the CLOCK_MONOTONIC deadline (ns) of
- *   the event being delivered, for ISRs that measure their wake-up latency.
+ *   exports uint64_t Timer_Deadline(): the CLOCK_MONOTONIC deadline (ns) the
+ *   thread waited for before the event being delivered, for ISRs that
+ *   measure their wake-up latency.
  *     GS_IRQ_QUERY          the period in microseconds; 0 while paused
  *     GS_IRQ_CONTROL(us)    sets the period, answers the previous one;
  *                           0 pauses; below ZOR_TIMER_FLOOR_US (1000 us on
