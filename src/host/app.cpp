@@ -18,6 +18,7 @@ int RunZorApp(const char16_t* commandLine, DialogShell& shell) {
     ReadLogSettings(ini, &logSettings);
     logger.Configure(logSettings);
     logger.Start();
+    shell.LogStarted(logger);
     logger.FlushAtCrash();
     // The host's tables are large; keep them off the main thread's stack.
     Host* host = new (std::nothrow) Host(logger);

@@ -7,12 +7,15 @@
 namespace zor {
 
 struct Host;
+class Logger;
 
 // The window system's part: run the control dialog modally until it ends
 // (Cancel, command 4 or the automatic shut-down).
 class DialogShell {
 public:
     virtual ~DialogShell() = default;
+    // Right after the log starts (a terminal shell copies lines to stderr).
+    virtual void LogStarted(Logger& log) {}
     virtual std::intptr_t RunDialog(Host& host, bool hide) = 0;
 };
 

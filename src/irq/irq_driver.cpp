@@ -183,9 +183,12 @@ void IrqDriver::RunPriorityRamp(std::uint32_t stage) {
         os::priority_class_set(stage == 2 ? os::kRealtimePriorityClass
                                           : os::kNormalPriorityClass);
         os::thread_priority_set(os::current_thread(), os::kThreadPriorityNormal);
-        if (driverThread != 0) {
-            os::thread_priority_set(driverThread, stage == 0 ? os::kThreadPriorityAboveNormal
-                                                             : os::kThreadPriorityTimeCritical);
+        if (driverThread != 0 &&
+            !os::thread_priority_set(driverThread, stage == 0 ? os::kThreadPriorityAboveNormal
+                                                              : os::kThreadPriorityTimeCritical)) {
+            // Without the privilege (Linux: SCHED_FIFO) the stage is not applied.
+            h_.log.wPrintf(2, 1, u"ZOR: IRQ priority stage %u not applied (%08x)\n\r", stage,
+                           static_cast<unsigned>(os::last_error()));
         }
         std::uint32_t cls = os::priority_class_get();
         if (stage == 2 || cls != os::kNormalPriorityClass) return;

@@ -80,6 +80,9 @@ bool startup_dir(char16_t* buf, std::uint32_t size);
 // The per-user application-data folder (%APPDATA% when set), no trailing
 // separator.
 bool user_appdata_dir(char16_t* buf, std::uint32_t size);
+// The per-user folder for logs: the application-data folder on Windows;
+// $XDG_STATE_HOME (else ~/.local/state) on Linux, $APPDATA first as above.
+bool user_state_dir(char16_t* buf, std::uint32_t size);
 // Calls visit(ctx, name) for each file matching `pattern` ("dir\*.irq"),
 // name without directory, in the platform's order.
 using FileVisitor = void (*)(void* ctx, const char16_t* name);

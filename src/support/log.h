@@ -29,7 +29,7 @@
 //
 // The file: Start(file) with a non-empty path; else ZOR_LOG_FILE when set
 // (empty: no file); else Settings::file (LOGFILE in ZOR.INI, same syntax);
-// else the per-run file <per-user application-data folder>/ZOR/logs/
+// else the per-run file <per-user state folder (os::user_state_dir)>/ZOR/logs/
 // zor-<YYYYMMDD-HHMMSS>-<pid>.log (local time). A named file is appended
 // to, never truncated; when it cannot be opened, the entry
 // "ZOR: log: cannot open '<path>' (<reason>)\n" goes to the debugger

@@ -23,7 +23,7 @@ void Logger::Impl::OpenFile(const char16_t* arg) {
         if (arg) return;
     }
     char16_t dir[520];
-    if (!os::user_appdata_dir(dir, 260)) return;
+    if (!os::user_state_dir(dir, 260)) return;
     os::LocalTime t{};
     os::local_time(os::wall_ms() / 1000, &t);
     wformat(dir + std::char_traits<char16_t>::length(dir), 260, u"/ZOR/logs/zor-%04d%02d%02d-%02d%02d%02d-%u.log",

@@ -36,20 +36,30 @@ bool startup_dir(char16_t* buf, std::uint32_t size) {
 
 // Directories come back with '\\' separators like every path the layer
 // hands out. $APPDATA first (tests and users can point it anywhere), then
-// the XDG configuration folder.
-bool user_appdata_dir(char16_t* buf, std::uint32_t size) {
+// the XDG configuration (or state) folder.
+namespace {
+bool xdg_dir(const char* xdg, const char* underHome, char16_t* buf, std::uint32_t size) {
     std::string dir;
     if (const char* v = std::getenv("APPDATA"); v && *v) {
         dir = v;
-    } else if (const char* x = std::getenv("XDG_CONFIG_HOME"); x && *x) {
+    } else if (const char* x = std::getenv(xdg); x && *x) {
         dir = x;
     } else if (const char* h = std::getenv("HOME"); h && *h) {
-        dir = std::string(h) + "/.config";
+        dir = std::string(h) + underHome;
     } else {
         return false;
     }
     while (dir.size() > 1 && (dir.back() == '/' || dir.back() == '\\')) dir.pop_back();
     return posix::to_utf16_path(dir.c_str(), buf, size);
+}
+}  // namespace
+
+bool user_appdata_dir(char16_t* buf, std::uint32_t size) {
+    return xdg_dir("XDG_CONFIG_HOME", "/.config", buf, size);
+}
+
+bool user_state_dir(char16_t* buf, std::uint32_t size) {
+    return xdg_dir("XDG_STATE_HOME", "/.local/state", buf, size);
 }
 
 bool env_get(const char* name, char16_t* buf, std::uint32_t size) {

@@ -1,6 +1,6 @@
 // Named mappings as POSIX shared-memory objects, and the wall clock.
 // "Local\ZOR.stats.12" becomes "/ZOR.stats.12"; the object is made with
-// mode 0444, so other processes can open it for reading only, while this
+// mode 0644, so other processes can open it for reading only, while this
 // process keeps the descriptor it created it with.
 #include <cerrno>
 #include <ctime>
@@ -31,7 +31,7 @@ Handle mapping_create_named(const char16_t* name, std::uint32_t size, bool* exis
         errno = EINVAL;
         return 0;
     }
-    int fd = shm_open(shm, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0444);
+    int fd = shm_open(shm, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (fd < 0) {
         *existed = errno == EEXIST;
         return 0;

@@ -12,8 +12,12 @@
 // is unloaded as soon as the wait returns. So a successful wait also joins
 // the thread; only a handle closed without one detaches it.
 //
-// Priorities are recorded, not applied: raising them needs privileges a
-// sanitizer build does not have, and lowering them could not be undone.
+// Priorities are recorded, and applied only when the Linux host asks for it
+// (process_setup.h): raising them needs privileges a test build does not
+// have, and a test driver spinning at SCHED_FIFO could starve the machine.
+// Applied, a time-critical thread runs SCHED_FIFO, at kFifoHigh in the
+// realtime class and at kFifoMiddle otherwise; every other priority is
+// SCHED_OTHER.
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
@@ -21,8 +25,10 @@
 #include <mutex>
 #include <new>
 #include <pthread.h>
+#include <sched.h>
 
 #include "os/posix/posix_internal.h"
+#include "os/posix/process_setup.h"
 
 namespace zor::os {
 
@@ -47,6 +53,7 @@ struct ThreadRecord {
 thread_local ThreadRecord* t_self = nullptr;
 thread_local std::atomic<int> t_priority{kThreadPriorityNormal};  // threads without a record
 std::atomic<std::uint32_t> g_priority_class{kNormalPriorityClass};
+std::atomic<bool> g_apply{false};
 
 void release(ThreadRecord* r) {
     if (r->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete r;
@@ -89,7 +96,32 @@ bool valid_thread_priority(int p) {
     return (p >= -15 && p <= 15) || p == 0x10000 || p == 0x20000;  // + background modes
 }
 
+// The scheduling policy and priority for what `priority` means in the
+// current class.
+int policy_for(int priority, sched_param* sp) {
+    *sp = sched_param{};
+    if (priority != kThreadPriorityTimeCritical) return SCHED_OTHER;
+    sp->sched_priority = g_priority_class.load() == kRealtimePriorityClass ? kFifoHigh : kFifoMiddle;
+    return SCHED_FIFO;
+}
+
+bool apply(pthread_t tid, int priority) {
+    if (!g_apply.load(std::memory_order_relaxed)) return true;
+    sched_param sp;
+    int e = pthread_setschedparam(tid, policy_for(priority, &sp), &sp);
+    if (e != 0) errno = e;
+    return e == 0;
+}
+
+bool apply_tid(pid_t tid, int priority) {
+    if (!g_apply.load(std::memory_order_relaxed)) return true;
+    sched_param sp;
+    return sched_setscheduler(tid, policy_for(priority, &sp), &sp) == 0;
+}
+
 }  // namespace
+
+void apply_scheduling(bool on) { g_apply.store(on); }
 
 int cancel_signal() {
     static const int sig = [] {
@@ -207,15 +239,20 @@ bool thread_priority_set(Thread t, int priority) {
     }
     if (t == kCurrentThread) {
         (t_self ? t_self->priority : t_priority).store(priority);
-        return true;
+        return apply(pthread_self(), priority);
     }
     ThreadRecord* r = record(t);
-    if (!r) {
+    if (r) {
+        r->priority.store(priority);
+        return apply(r->tid, priority);
+    }
+    // A driver names its thread by the kernel's thread id (32 bits, as the
+    // driver interface has them).
+    if (t == 0 || t > 0x7fffffffu) {
         errno = EBADF;
         return false;
     }
-    r->priority.store(priority);
-    return true;
+    return apply_tid(static_cast<pid_t>(t), priority);
 }
 
 }  // namespace posix

@@ -2,7 +2,10 @@
 #include <cerrno>
 #include <csignal>
 #include <climits>
+#include <cstdio>
+#include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -61,7 +64,16 @@ std::uint32_t current_process_id() { return static_cast<std::uint32_t>(getpid())
 bool process_alive(std::uint32_t pid) {
     if (pid > static_cast<std::uint32_t>(INT_MAX)) return false;
     if (pid == 0) return true;  // GetProcessVersion(0) is the calling process
-    return kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
+    if (kill(static_cast<pid_t>(pid), 0) != 0) return errno == EPERM;
+    // A zombie has ended: only its parent has not collected it yet.
+    char path[40], stat[128] = {};
+    std::snprintf(path, sizeof path, "/proc/%u/stat", static_cast<unsigned>(pid));
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return true;
+    const ssize_t n = read(fd, stat, sizeof stat - 1);
+    close(fd);
+    const char* end = n > 0 ? std::strrchr(stat, ')') : nullptr;  // the name may hold anything
+    return !(end && end[1] == ' ' && end[2] == 'Z');
 }
 
 std::uint32_t processor_count() {

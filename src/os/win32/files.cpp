@@ -76,6 +76,8 @@ bool user_appdata_dir(char16_t* buf, std::uint32_t size) {
     return ok;
 }
 
+bool user_state_dir(char16_t* buf, std::uint32_t size) { return user_appdata_dir(buf, size); }
+
 // Files only: a directory whose name happens to match is not a module.
 void enumerate_files(const char16_t* pattern, FileVisitor visit, void* ctx) {
     if (!pattern) return;

@@ -1,0 +1,237 @@
+// The command socket: listening, admitting peers, serving datagrams.
+#include "shell/posix/command_socket.h"
+
+#include <cerrno>
+#include <cstring>
+#include <grp.h>
+#include <new>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "host/command_intake.h"
+#include "host/host.h"
+#include "os/posix/served_message.h"
+#include "os/posix/wire.h"
+
+namespace zor::shell {
+
+namespace wire = os::posix::wire;
+
+namespace {
+
+constexpr std::uint32_t kDatagramMax = 8 + wire::kMaxPayload;
+
+// The folder and its parents, like mkdir -p; the last one with `mode`.
+bool MakeFolder(const char* dir, mode_t mode) {
+    char p[256];
+    std::strncpy(p, dir, sizeof p - 1);
+    p[sizeof p - 1] = 0;
+    for (char* s = p + 1; *s; ++s) {
+        if (*s != '/') continue;
+        *s = 0;
+        if (mkdir(p, 0755) != 0 && errno != EEXIST) return false;
+        *s = '/';
+    }
+    return mkdir(p, mode) == 0 || errno == EEXIST;
+}
+
+void CloseAll(const int* fds, int n) {
+    for (int i = 0; i < n; ++i)
+        if (fds[i] >= 0) close(fds[i]);
+}
+
+// The descriptors of SCM_RIGHTS records, at most kMaxDescriptors; false
+// when the datagram carried more (the kernel cut the control data).
+bool TakeDescriptors(msghdr* msg, os::posix::ServedMessage* m) {
+    bool ok = (msg->msg_flags & MSG_CTRUNC) == 0;
+    for (cmsghdr* c = CMSG_FIRSTHDR(msg); c; c = CMSG_NXTHDR(msg, c)) {
+        if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
+        const int n = static_cast<int>((c->cmsg_len - CMSG_LEN(0)) / sizeof(int));
+        for (int i = 0; i < n; ++i) {
+            int fd;
+            std::memcpy(&fd, CMSG_DATA(c) + i * sizeof(int), sizeof fd);
+            if (m->receivedCount < wire::kMaxDescriptors) m->received[m->receivedCount++] = fd;
+            else {
+                close(fd);
+                ok = false;
+            }
+        }
+    }
+    return ok;
+}
+
+// One answer datagram: the result, and the descriptors given to the peer.
+// A peer that does not take its answer at once loses it (and later its
+// connection): the host never waits on a client.
+bool Answer(int fd, std::uint64_t result, const os::posix::ServedMessage& m) {
+    iovec iov{&result, sizeof result};
+    msghdr msg{};
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * wire::kMaxDescriptors)];
+    if (m.givenCount > 0) {
+        msg.msg_control = control;
+        msg.msg_controllen = CMSG_SPACE(sizeof(int) * m.givenCount);
+        cmsghdr* c = CMSG_FIRSTHDR(&msg);
+        c->cmsg_level = SOL_SOCKET;
+        c->cmsg_type = SCM_RIGHTS;
+        c->cmsg_len = CMSG_LEN(sizeof(int) * m.givenCount);
+        std::memcpy(CMSG_DATA(c), m.given, sizeof(int) * m.givenCount);
+    }
+    return sendmsg(fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT) == static_cast<ssize_t>(sizeof result);
+}
+
+}  // namespace
+
+CommandSocket::~CommandSocket() {
+    for (int i = 0; i < kMaxPeers; ++i) Drop(i);
+    if (listen_ >= 0) {
+        close(listen_);
+        unlink(path_);
+    }
+    delete[] buffer_;
+}
+
+bool CommandSocket::ReadGroup(const char* group) {
+    if (!group[0]) return true;
+    struct group* g = getgrnam(group);
+    if (!g) {
+        host_.log.wPrintf(2, 0, u"ZOR: command socket: GROUP '%S' unknown\n\r", group);
+        return false;
+    }
+    access_.hasGroup = true;
+    access_.group = g->gr_gid;
+    return true;
+}
+
+bool CommandSocket::Listen(const char* group) {
+    access_.ownUid = getuid();
+    buffer_ = new (std::nothrow) unsigned char[kDatagramMax + 1];
+    char dir[256];
+    if (!buffer_ || !ReadGroup(group) || !wire::runtime_dir(dir, sizeof dir) ||
+        !wire::socket_path(static_cast<std::uint32_t>(getpid()), path_, sizeof path_)) {
+        host_.log.wPrintf(2, 0, u"ZOR: command socket: cannot be made\n\r");
+        return false;
+    }
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    const bool fits = std::strlen(path_) < sizeof addr.sun_path;
+    if (fits) std::strcpy(addr.sun_path, path_);
+    const mode_t mode = access_.hasGroup ? 0660 : 0600;
+    bool ok = fits && MakeFolder(dir, access_.hasGroup ? 0750 : 0700);
+    if (ok) {
+        if (access_.hasGroup) chown(dir, static_cast<uid_t>(-1), access_.group);
+        unlink(path_);  // a dead host's socket under a reused pid
+        listen_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        ok = listen_ >= 0 && bind(listen_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+             chmod(path_, mode) == 0 &&
+             (!access_.hasGroup || chown(path_, static_cast<uid_t>(-1), access_.group) == 0) &&
+             listen(listen_, 16) == 0;
+    }
+    if (!ok) {
+        host_.log.wPrintf(2, 0, u"ZOR: command socket: cannot listen on '%S' (%S)\n\r", path_,
+                          std::strerror(errno));
+        return false;
+    }
+    host_.log.wPrintf(2, 6, u"ZOR: command socket %S (mode %o)\n\r", path_, static_cast<unsigned>(mode));
+    return true;
+}
+
+int CommandSocket::PollSet(pollfd* fds, int cap) const {
+    int n = 0;
+    if (listen_ >= 0 && n < cap) fds[n++] = pollfd{listen_, POLLIN, 0};
+    for (int i = 0; i < kMaxPeers && n < cap; ++i)
+        if (peers_[i].fd >= 0) fds[n++] = pollfd{peers_[i].fd, POLLIN, 0};
+    return n;
+}
+
+void CommandSocket::Handle(const pollfd* fds, int n, const DialogEnder& ender) {
+    for (int k = 0; k < n; ++k) {
+        if (!fds[k].revents) continue;
+        if (fds[k].fd == listen_) {
+            Accept();
+            continue;
+        }
+        for (int i = 0; i < kMaxPeers; ++i)
+            if (peers_[i].fd == fds[k].fd) Serve(i, ender);
+    }
+}
+
+void CommandSocket::Accept() {
+    const int fd = accept4(listen_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (fd < 0) return;
+    ucred cred{};
+    socklen_t len = sizeof cred;
+    std::uint32_t groups[64];
+    socklen_t glen = sizeof groups;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) {
+        close(fd);
+        return;
+    }
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups, &glen) != 0) glen = 0;
+    if (!PeerAllowed(access_, cred.uid, cred.gid, groups, static_cast<int>(glen / sizeof groups[0]))) {
+        host_.log.wPrintf(2, 1, u"ZOR: command socket: peer pid %u uid %u refused\n\r",
+                          static_cast<unsigned>(cred.pid), static_cast<unsigned>(cred.uid));
+        close(fd);
+        return;
+    }
+    for (Peer& p : peers_) {
+        if (p.fd >= 0) continue;
+        p = Peer{fd, static_cast<std::uint32_t>(cred.pid), static_cast<std::uint32_t>(cred.uid)};
+        return;
+    }
+    host_.log.wPrintf(2, 1, u"ZOR: command socket: more than %d peers, pid %u refused\n\r", kMaxPeers,
+                      static_cast<unsigned>(cred.pid));
+    close(fd);
+}
+
+void CommandSocket::Drop(int slot) {
+    if (peers_[slot].fd >= 0) close(peers_[slot].fd);
+    peers_[slot] = Peer{};
+}
+
+void CommandSocket::Serve(int slot, const DialogEnder& ender) {
+    Peer& peer = peers_[slot];
+    os::posix::ServedMessage m;
+    m.peerPid = peer.pid;
+    m.peerUid = peer.uid;
+    iovec iov{buffer_, kDatagramMax + 1};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * wire::kMaxDescriptors)];
+    msghdr msg{};
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control;
+    msg.msg_controllen = sizeof control;
+    const ssize_t got = recvmsg(peer.fd, &msg, MSG_CMSG_CLOEXEC | MSG_TRUNC | MSG_DONTWAIT);
+    if (got <= 0) {
+        if (got == 0 || (errno != EAGAIN && errno != EINTR)) Drop(slot);  // the peer went
+        return;
+    }
+    const bool descriptorsOk = TakeDescriptors(&msg, &m);
+    std::uint64_t command = 0;
+    if (got >= 8) std::memcpy(&command, buffer_, sizeof command);
+    std::uint64_t result = command == 5 ? 0xFFFFFFFFu : 0;
+    if (got < 8 || static_cast<std::uint64_t>(got) > kDatagramMax) {
+        host_.log.wPrintf(2, 1, u"ZOR: command socket: datagram of %u bytes refused\n\r",
+                          static_cast<unsigned>(got));
+    } else if (!descriptorsOk) {
+        host_.log.wPrintf(2, 1, u"ZOR: command socket: more than %d descriptors refused\n\r",
+                          wire::kMaxDescriptors);
+    } else {
+        os::posix::serve_message(&m);
+        result = OnCopyData(host_, command, got > 8 ? buffer_ + 8 : nullptr, static_cast<std::uint32_t>(got - 8),
+                            ender);
+        os::posix::serve_message(nullptr);
+        if (m.refusedPid)
+            host_.log.wPrintf(2, 1, u"ZOR: command %d: payload pid %u is not the peer's (pid %u uid %u)\n\r",
+                              static_cast<int>(command), m.refusedPid, m.peerPid, m.peerUid);
+    }
+    const bool answered = Answer(peer.fd, result, m);
+    CloseAll(m.received, m.receivedCount);
+    CloseAll(m.given, m.givenCount);
+    if (!answered) Drop(slot);
+}
+
+}  // namespace zor::shell
