@@ -6,7 +6,6 @@
 // to the ISR's own clock reading: the driver's wake-up plus the host's
 // dispatch. Prints p50/p99/max rows of both. Usage: wake_bench [SECONDS]
 #include <sched.h>
-#include <sys/mman.h>
 #include <time.h>
 
 #include <atomic>
@@ -18,11 +17,12 @@
 
 #include "bench_host.h"
 #include "bench_report.h"
+#include "os/posix/process_setup.h"
 
 namespace {
 
 constexpr int kPeriodUs = 1000;
-constexpr int kFifoPriority = 90;  // the host's stage 2
+constexpr int kFifoPriority = zor::os::posix::kFifoHigh;  // the host's stage 2
 constexpr int kBuckets = 10000;    // 1 us each; later ones count in the last
 
 struct Histogram {
@@ -83,7 +83,8 @@ bool ReadCyclictest(std::FILE* out, Histogram* h) {
 
 int main(int argc, char** argv) {
     const int seconds = argc > 1 ? std::atoi(argv[1]) : 10;
-    const bool locked = mlockall(MCL_CURRENT | MCL_FUTURE) == 0;
+    char why[128] = "";
+    const bool locked = zor::os::posix::lock_memory(why, sizeof why);
     zor::Logger log;
     bench::QuietLog(log);
     zor::Host h(log);
@@ -101,6 +102,7 @@ int main(int argc, char** argv) {
     }
     bench::AddIsrs(h, 1, Probe);
     h.irq.Control(kPeriodUs);
+    zor::os::posix::apply_scheduling(true);  // as the Linux host does
     h.irq.SetIrqPriority(2);
     // Where the host's stage 2 did not reach the driver's thread, the bench
     // gives it the same scheduling itself, and says so.
@@ -131,7 +133,7 @@ int main(int argc, char** argv) {
     std::printf("memory locked: %s; driver thread SCHED_FIFO %d: %s; seen in the ISR: %s; events %llu, "
                 "deadlines skipped %llu; "
                 "cyclictest: %s\n",
-                locked ? "yes" : "no", kFifoPriority,
+                locked ? "yes" : why, kFifoPriority,
                 byHost ? "by the host's stage 2" : fifo ? "set by the bench (stage 2 did not apply)" : "refused",
                 g_policy == SCHED_FIFO ? "SCHED_FIFO" : "not SCHED_FIFO",
                 static_cast<unsigned long long>(zor.total), static_cast<unsigned long long>(g_skipped),
