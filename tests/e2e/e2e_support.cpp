@@ -4,11 +4,16 @@
 
 #include <atomic>
 #include <filesystem>
-#include <fstream>
 
 namespace zor::e2e {
 
 namespace fs = std::filesystem;
+
+bool Program::WaitFor(const std::string& text) {
+    while (out_.find(text) == std::string::npos)
+        if (!ReadMore()) return false;
+    return true;
+}
 
 RunResult RunTool(const std::string& exe, const std::vector<std::string>& args) {
     Program p(exe, args);
@@ -57,8 +62,7 @@ void ZorInstance::Stop() {
 }
 
 std::string ZorInstance::Log() const {
-    std::ifstream f(logFile_, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(f), {});
+    return FileText(logFile_);
 }
 
 bool ZorInstance::WaitLog(const std::string& part, std::size_t count, int ms) const {

@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -32,6 +33,10 @@ inline std::size_t CountOf(const std::string& text, const std::string& part) {
     std::size_t n = 0;
     for (std::size_t p = text.find(part); p != std::string::npos; p = text.find(part, p + part.size())) ++n;
     return n;
+}
+inline std::string FileText(const std::string& path) {
+    std::ifstream f(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(f), {});
 }
 // A UTF-16 text of the host's (ASCII in the tests), as bytes.
 inline std::string Narrow(const std::uint16_t* s) {

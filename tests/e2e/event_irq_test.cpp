@@ -5,7 +5,7 @@
 namespace zor::e2e {
 namespace {
 
-TEST(EventIrq, DeviceModeDeliversTheDeviceCountsAndOutlivesTheDevice) {
+TEST(EventIrq, DeviceModeTurnsTheDeviceCountsIntoSequenceNumbers) {
     EventDevice device;
     ZorInstance zor(EventIrq("DEVICE=" + device.Path() + "\r\nPENDING=3\r\n"));
     Seen seen(zor);

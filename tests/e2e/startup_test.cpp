@@ -1,5 +1,7 @@
 // The real host: start-up with both configuration files, the hide switch,
 // the IRQ line, the missing-driver warning, and the end on command 4.
+#include <algorithm>
+
 #include "e2e_support.h"
 
 namespace zor::e2e {
@@ -11,11 +13,15 @@ TEST(Startup, ReadsBothIniFilesStaysHiddenAndEndsOnCommandFour) {
     o.args = {"-hide"};
     ZorInstance zor(o);
     ASSERT_TRUE(zor.WaitLog("SZEXE: "));
-    const std::string& dir = zor.Dir();
-    const std::string log = zor.Log();
-    EXPECT_EQ(CountOf(log, "SZINI: " + dir + kSep + "ZOR.INI\r\n"), 1u) << log;
-    EXPECT_EQ(CountOf(log, "SZINIW: " + zor.UserIni() + "\r\n"), 1u) << log;
-    EXPECT_EQ(CountOf(log, "SZEXE: " + dir + kSep + "\r\n"), 1u) << log;
+    // Paths in the log have Windows separators on every platform.
+    auto logged = [](std::string path) {
+        std::replace(path.begin(), path.end(), '/', '\\');
+        return path;
+    };
+    const std::string dir = logged(zor.Dir()), log = zor.Log();
+    EXPECT_EQ(CountOf(log, "SZINI: " + dir + "\\ZOR.INI\r\n"), 1u) << log;
+    EXPECT_EQ(CountOf(log, "SZINIW: " + logged(zor.UserIni()) + "\r\n"), 1u) << log;
+    EXPECT_EQ(CountOf(log, "SZEXE: " + dir + "\\\r\n"), 1u) << log;
     // The per-user file's priority wins; the driver is the configured one.
     const ZorStats* s = nullptr;
     ZorView view{};

@@ -75,12 +75,6 @@ Program::~Program() {
     CloseHandle(p_->read);
 }
 
-bool Program::WaitFor(const std::string& text) {
-    while (out_.find(text) == std::string::npos)
-        if (!ReadMore()) return false;
-    return true;
-}
-
 std::uint32_t Program::Finish() {
     while (ReadMore()) {
     }
