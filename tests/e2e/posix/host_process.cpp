@@ -194,7 +194,7 @@ std::uint64_t SendDatagram(const std::string& socket, const std::vector<unsigned
 }
 
 std::string Shown(const ZorInstance& zor) {
-    const std::string line = WaitLine(zor.proc().out, "", 6500);  // one every 5 s
+    const std::string line = WaitLine(zor.proc().out, "", 7500);  // one every 5 s
     return line.substr(0, line.find("  "));
 }
 

@@ -1,5 +1,5 @@
 // Clicks a button of a host's dialog, as a user would (tests/e2e/screenshot.sh):
-//   dialog_click <hostPid> <control id>
+//   dialog_click <hostPid, 0 = any> <control id>
 #include <windows.h>
 
 #include <cstdlib>
@@ -14,7 +14,7 @@ int main(int argc, char** argv) {
         for (HWND w = nullptr; (w = FindWindowExW(nullptr, w, L"#32770", L"" ZOR_WINDOW_CAPTION)) != nullptr;) {
             DWORD owner = 0;
             GetWindowThreadProcessId(w, &owner);
-            if (owner != pid) continue;
+            if (pid != 0 && owner != pid) continue;  // 0: the first host
             SendMessageW(w, WM_COMMAND, MAKEWPARAM(id, BN_CLICKED), reinterpret_cast<LPARAM>(GetDlgItem(w, id)));
             return 0;
         }
