@@ -126,13 +126,15 @@ ZorInstance::~ZorInstance() {
     rmdir(std::getenv("ZOR_RUNTIME_DIR"));  // once no host is left in it
 }
 
-// The socket accepts before the driver is chosen; commands wait for it.
+// The socket accepts before the driver is chosen; the first answer comes
+// once the set-up is done.
 bool ZorInstance::WaitReady(std::uint32_t ms) {
     for (std::uint32_t waited = 0; !conn_ && waited < ms && !Exited(0); waited += 20) {
         if (access(SocketPath(*this).c_str(), F_OK) == 0) EXPECT_EQ(zor_connect_pid(&conn_, pid_, 5000), ZOR_OK);
         else Pause(20);
     }
-    return conn_ != nullptr;
+    std::uint32_t answer = 0;
+    return conn_ && zor_irq_query(conn_, &answer) == ZOR_OK;
 }
 
 void ZorInstance::Kill() const {
