@@ -56,6 +56,8 @@ typedef uint32_t (*ZorCustomService)(uint32_t code, uintptr_t a1, uintptr_t a2,
  * module in the host process may write lines into the host's log:
  *   ZorLogProc log = (ZorLogProc)GetProcAddress(GetModuleHandleW(NULL),
  *                                               ZOR_LOG_EXPORT_NAME);
+ * (on Linux the executable `zor` exports it too:
+ *   ZorLogProc log = (ZorLogProc)dlsym(RTLD_DEFAULT, ZOR_LOG_EXPORT_NAME);)
  * `text` is a complete UTF-16 line (line end included), written as is with
  * the given level and mask (see the README's logging section). Any thread;
  * it never blocks; a line written while the host starts or ends is dropped. */
