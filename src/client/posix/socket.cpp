@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 
 #include "client/payloads.h"
@@ -109,18 +108,12 @@ int ReceiveAnswer(ZorConnection* c, std::uint64_t* answer, Fds* in, double deadl
     }
 }
 
-// One command: `out` goes with the request, `in` gets what the answer
-// carries (closed by the caller). The host's end of the socket tells when
-// it ends, so only a failure asks whether it still runs.
-int Transact(ZorConnection* c, std::uint32_t command, const void* payload, std::uint32_t size,
-             const Fds& out, std::uint64_t* answer, Fds* in, std::uint32_t timeout_ms) {
-    if (size > wire::kMaxPayload) return ZOR_E_TOO_LARGE;
-    if (size > 0 && payload == nullptr) return ZOR_E_INVALID_ARG;
-    const std::uint32_t wait = timeout_ms ? timeout_ms : c->timeout_ms;
-    const double deadline = NowMs() + wait;
+// One command under the socket's turn: `out` goes with the request, `in`
+// gets what the answer carries (closed by the caller). The host's end of
+// the socket tells when it ends, so only a failure asks whether it runs.
+int Exchange(ZorConnection* c, std::uint32_t command, const void* payload, std::uint32_t size,
+             const Fds& out, std::uint64_t* answer, Fds* in, double deadline) {
     Link* l = c->link;
-    std::unique_lock hold(l->lock, std::defer_lock);
-    if (!hold.try_lock_for(std::chrono::milliseconds(wait))) return Gone(c, ZOR_E_TIMEOUT);
     if (l->sock < 0) {
         const double left = deadline - NowMs();
         if (left <= 0) return Gone(c, ZOR_E_TIMEOUT);
@@ -132,6 +125,18 @@ int Transact(ZorConnection* c, std::uint32_t command, const void* payload, std::
         in->CloseAll();
         Drop(l);
     }
+    return st;
+}
+
+int Transact(ZorConnection* c, std::uint32_t command, const void* payload, std::uint32_t size,
+             const Fds& out, std::uint64_t* answer, Fds* in, std::uint32_t timeout_ms) {
+    if (size > wire::kMaxPayload) return ZOR_E_TOO_LARGE;
+    if (size > 0 && payload == nullptr) return ZOR_E_INVALID_ARG;
+    const std::uint32_t wait = timeout_ms ? timeout_ms : c->timeout_ms;
+    const double deadline = NowMs() + wait;
+    if (!c->link->turn.Take(wait)) return Gone(c, ZOR_E_TIMEOUT);
+    const int st = Exchange(c, command, payload, size, out, answer, in, deadline);
+    c->link->turn.Give();
     return st;
 }
 
