@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <mutex>
 
+#include "driver_thread.h"
 #include "os/os.h"
 #include "zor/zor_module.h"
 
@@ -47,6 +48,7 @@ bool Idle() { return !g.delivering && !g.freeRun && g.queued == 0; }
 std::uint32_t EventThread(void*) {
     std::unique_lock<std::mutex> lock(g.mutex);
     g.threadId = zor::os::current_thread_id();
+    g.idle.notify_all();  // Start waits for the id
     for (;;) {
         g.wake.wait(lock, [] { return g.stop || HasWork(); });
         if (g.stop) break;
@@ -66,11 +68,13 @@ std::uint32_t EventThread(void*) {
 }
 
 std::uint32_t Start() {
-    std::lock_guard<std::mutex> lock(g.mutex);
+    std::unique_lock<std::mutex> lock(g.mutex);
     if (g.thread) return ZOR_INIT_OK;
     g.stop = false;
     g.thread = zor::os::thread_create(&EventThread, nullptr);
-    return g.thread ? ZOR_INIT_OK : 1u;
+    if (!g.thread) return 1u;
+    g.idle.wait(lock, [] { return g.threadId != 0; });  // GS_GET_THREAD follows at once
+    return ZOR_INIT_OK;
 }
 
 void Stop() {
@@ -135,7 +139,7 @@ ZOR_EXPORT uint32_t IRQ_GetSet(uint32_t code, uintptr_t arg) {
         return 0;
     case ZOR_GS_GET_THREAD: {
         std::lock_guard<std::mutex> lock(g.mutex);
-        return static_cast<std::uint32_t>(g.thread);
+        return DriverThreadName(g.thread, g.threadId);
     }
     case ZOR_GS_IRQ_QUERY: {
         std::lock_guard<std::mutex> lock(g.mutex);

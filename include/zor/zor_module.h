@@ -56,6 +56,8 @@ typedef uint32_t (*ZorCustomService)(uint32_t code, uintptr_t a1, uintptr_t a2,
  * module in the host process may write lines into the host's log:
  *   ZorLogProc log = (ZorLogProc)GetProcAddress(GetModuleHandleW(NULL),
  *                                               ZOR_LOG_EXPORT_NAME);
+ * (on Linux the executable `zor` exports it too:
+ *   ZorLogProc log = (ZorLogProc)dlsym(RTLD_DEFAULT, ZOR_LOG_EXPORT_NAME);)
  * `text` is a complete UTF-16 line (line end included), written as is with
  * the given level and mask (see the README's logging section). Any thread;
  * it never blocks; a line written while the host starts or ends is dropped. */
@@ -82,7 +84,8 @@ enum ZorFunctionCode {
     ZOR_FN_INTERRUPT = 20,       /* arg: the event's sequence number (ISR modules) */
     /* IRQ driver only */
     ZOR_GS_SET_INTERRUPT = 21,   /* arg: ZorInterruptProc, 0 to withdraw it */
-    ZOR_GS_GET_THREAD = 22,      /* arg: ZorServiceProc; result: interrupt thread handle (32 bits) */
+    ZOR_GS_GET_THREAD = 22,      /* arg: ZorServiceProc; result: interrupt thread handle (32 bits;
+                                    Linux: its kernel thread id) */
     ZOR_GS_IRQ_QUERY = 23,       /* arg 0; result forwarded to clients (command 6) */
     ZOR_GS_IRQ_CONTROL = 24      /* arg: client's 32-bit value (command 7) */
 };
@@ -95,12 +98,15 @@ enum ZorFunctionCode {
  * Three IRQ drivers ship beside zor.exe. What their GS_IRQ_QUERY and
  * GS_IRQ_CONTROL values mean (clients reach them with commands 6 and 7):
  *
- * timer.irq (Windows): one event per period from its own thread, on absolute
- *   deadlines (no drift). The sequence number counts periods: a late wake-up
+ * timer.irq: one event per period from its own thread, on absolute
+ *   deadlines (no drift; Linux: clock_nanosleep on CLOCK_MONOTONIC). The sequence number counts periods: a late wake-up
  *   delivers one event and skips the numbers of the periods it missed, it
  *   never delivers a burst. It waits on a high-resolution waitable timer, or
  *   with a fine-grained thread sleep where that wakes closer to the deadline
- *   (measured when it starts; under Wine timers are coarse).
+ *   (measured when it starts; under Wine timers are coarse). On Linux it
+ *   exports uint64_t Timer_Deadline(): the CLOCK_MONOTONIC deadline (ns) the
+ *   thread waited for before the event being delivered, for ISRs that
+ *   measure their wake-up latency.
  *     GS_IRQ_QUERY          the period in microseconds; 0 while paused
  *     GS_IRQ_CONTROL(us)    sets the period, answers the previous one;
  *                           0 pauses; below ZOR_TIMER_FLOOR_US (1000 us on
@@ -121,7 +127,7 @@ enum ZorFunctionCode {
  *   In-process extras: uint32_t Trigger_Fire(n), Trigger_WaitIdle(timeout_ms)
  *   (1 when nothing is queued, delivered or free-running), Trigger_ThreadId().
  *
- * event.irq (Windows): one event per signal of a kernel driver, configured in
+ * event.irq: one event per signal of a kernel driver, configured in
  *   section [EVENTIRQ] of the ZOR.INI beside zor.exe (docs/modules.md,
  *   "Connecting your kernel driver"). EVENT=<name>: one event per wake-up on
  *   that named event (auto-reset, created when missing), the sequence counts
@@ -131,7 +137,10 @@ enum ZorFunctionCode {
  *   event per completed read, the read is reissued; a read of 4 bytes or more
  *   carries the sequence number in its first u32 (else it counts up by one).
  *   A source that fails (a read fails, the event handle is closed) is logged,
- *   counted, and opened again every second.
+ *   counted, and opened again every second. On Linux only DEVICE=<path>:
+ *   one blocking read of SIZE bytes at a time (a UIO device answers its
+ *   interrupt count); REENABLE=1 writes a u32 1 after each event (UIO's
+ *   irqcontrol); EVENT is refused.
  *     GS_IRQ_QUERY          events delivered (low 31 bits, wrapping), with
  *                           ZOR_EVENT_FAILED set once any failure happened
  *     GS_IRQ_CONTROL(v)     ZOR_EVENT_PAUSE / ZOR_EVENT_RESUME: answers the

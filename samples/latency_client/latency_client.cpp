@@ -7,22 +7,28 @@
 //
 //   latency_client [--seconds N] [--pid HOSTPID] [--module NAME]
 //
-// Exit codes: 0 ok, 1 failure, 3 no host running.
-#include <windows.h>
-
+// Exit codes: 0 ok, 1 failure, 3 no host running. The same source builds
+// for Windows and Linux.
+#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 
 #include "latency_client/histogram.h"
 #include "zor/zor_client.h"
 
 namespace {
 
-volatile LONG g_stop = 0;
-BOOL WINAPI OnCtrl(DWORD) {
-    InterlockedExchange(&g_stop, 1);
-    return TRUE;
+volatile std::sig_atomic_t g_stop = 0;
+extern "C" void OnInterruptSignal(int) { g_stop = 1; }
+
+// Milliseconds on a monotonic clock.
+unsigned long long NowMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
 }
 
 int Fail(const char* what, int st) {
@@ -64,7 +70,7 @@ void PrintFinal(const LatencyShared& h) {
 int main(int argc, char** argv) {
     unsigned seconds = 10;
     unsigned long hostPid = 0;
-    const char* module = "latency_isr.dll";
+    const char* module = LATENCY_ISR_FILE;  // latency_isr.dll, latency_isr.so
     for (int i = 1; i < argc; ++i) {
         if (!std::strcmp(argv[i], "--seconds") && i + 1 < argc) seconds = std::strtoul(argv[++i], nullptr, 10);
         else if (!std::strcmp(argv[i], "--pid") && i + 1 < argc) hostPid = std::strtoul(argv[++i], nullptr, 0);
@@ -81,7 +87,7 @@ int main(int argc, char** argv) {
     if (st != ZOR_OK) return Fail("connect", st);
 
     // 2. Register the module with room for its histogram. The host loads the
-    //    DLL, hands it the memory in Initialize, and returns the memory to us
+    //    module, hands it the memory in Initialize, and returns the memory to us
     //    already mapped: the module writes, we read the same bytes.
     std::uint32_t mod = 0;
     ZorView shm{};
@@ -114,18 +120,18 @@ int main(int argc, char** argv) {
     }
 
     // 5. Watch it fill: one line a second.
-    SetConsoleCtrlHandler(OnCtrl, TRUE);
+    std::signal(SIGINT, OnInterruptSignal);  // Ctrl+C: print what we have, then leave
     LatencyShared snap{}, prev{};
     latency::Snapshot(live, &prev);
-    const ULONGLONG t0 = GetTickCount64();
-    ULONGLONG last = t0;
+    const unsigned long long t0 = NowMs();
+    unsigned long long last = t0;
     for (unsigned s = 1; rc == 0 && !g_stop && s <= seconds; ++s) {
-        while (!g_stop && GetTickCount64() < t0 + s * 1000ull) Sleep(20);
+        while (!g_stop && NowMs() < t0 + s * 1000ull) std::this_thread::sleep_for(std::chrono::milliseconds(20));
         if (!zor_host_alive(c)) {
             rc = Fail("watch", ZOR_E_HOST_GONE);
             break;
         }
-        const ULONGLONG now = GetTickCount64();
+        const unsigned long long now = NowMs();
         if (!latency::Snapshot(live, &snap)) continue;  // module too busy to copy; next time
         PrintLive(s, snap, prev.events, (now - last) / 1000.0, area ? area->sequence : 0);
         prev = snap;

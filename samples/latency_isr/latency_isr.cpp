@@ -13,11 +13,15 @@
 //  - Every entry returns quickly; the host times each call and logs slow ones.
 //  - State touched by Interrupt and by ExecISRFunc needs no lock: queued
 //    ExecISRFunc requests run on the dispatch thread too, between events.
-//  - Initialize/Shutdown/SetServiceProc arrive on the host's window thread.
-#include <windows.h>
-
+//  - Initialize/Shutdown/SetServiceProc arrive on the host's main thread.
+//
+// The same source builds for Windows and Linux; latency_platform.h (one per
+// system) holds the two calls that differ.
 #include <atomic>
+#include <chrono>
 #include <cstring>
+
+#include "latency_platform.h"
 
 #include "latency_isr/latency_shared.h"
 #include "zor/zor_module.h"
@@ -30,16 +34,16 @@ std::uint32_t g_handle = 0;          // our module number
 // marks a module in use before it sends Initialize: Interrupt may already be
 // running on the dispatch thread while Initialize publishes the block.
 std::atomic<LatencyShared*> g_shm{nullptr};
-LARGE_INTEGER g_freq;                // performance-counter ticks per second
-std::int64_t g_lastTick = 0;         // time of the previous Interrupt, 0 = none yet
-std::int64_t g_loadTick = 0;         // start of the current load window
-std::uint64_t g_loadCpu = 0;         // dispatch thread CPU time at its start (100 ns)
+std::int64_t g_lastNs = 0;           // time of the previous Interrupt, 0 = none yet
+std::int64_t g_loadNs = 0;           // start of the current load window
+std::uint64_t g_loadCpu = 0;         // dispatch thread CPU time at its start (ns)
 
-std::uint64_t ThreadCpu100ns() {
-    FILETIME c, e, k, u;
-    if (!GetThreadTimes(GetCurrentThread(), &c, &e, &k, &u)) return 0;
-    auto v = [](FILETIME f) { return (std::uint64_t(f.dwHighDateTime) << 32) | f.dwLowDateTime; };
-    return v(k) + v(u);
+// A monotonic clock in nanoseconds (the performance counter on Windows,
+// CLOCK_MONOTONIC on Linux).
+std::int64_t NowNs() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
 }
 
 // Marks the block as being updated (odd generation) or done (even). Readers
@@ -64,16 +68,14 @@ void Reset(LatencyShared* s) {
     std::memset(s->buckets, 0, sizeof s->buckets);
     s->resets = s->resets + 1;
     EndUpdate(s);
-    g_lastTick = 0;  // the next event starts a new interval
+    g_lastNs = 0;  // the next event starts a new interval
 }
 
 std::uint32_t OnInitialize(uintptr_t view) {
-    QueryPerformanceFrequency(&g_freq);
     // The host hands us the view but not its size: ask the system, and do
     // without shared memory rather than write past a block that is too small.
-    MEMORY_BASIC_INFORMATION mbi;
     auto* s = reinterpret_cast<LatencyShared*>(view);
-    if (s && VirtualQuery(s, &mbi, sizeof mbi) && mbi.RegionSize >= sizeof(LatencyShared)) {
+    if (s && latency::ViewBytes(s) >= sizeof(LatencyShared)) {
         s->magic = LATENCY_MAGIC;
         s->version = LATENCY_VERSION;
         Reset(s);
@@ -86,15 +88,13 @@ std::uint32_t OnInitialize(uintptr_t view) {
 std::uint32_t OnInterrupt(std::uint32_t sequence) {
     LatencyShared* s = g_shm.load(std::memory_order_acquire);
     if (s == nullptr) return 0;  // not started yet, or no shared memory
-    LARGE_INTEGER now;
-    QueryPerformanceCounter(&now);
+    const std::int64_t now = NowNs();
     BeginUpdate(s);
     if (s->events != 0 && sequence != s->last_sequence + 1) s->sequence_gaps = s->sequence_gaps + 1;
     s->last_sequence = sequence;
     s->events = s->events + 1;
-    if (g_lastTick != 0) {
-        const std::uint64_t ns = std::uint64_t(now.QuadPart - g_lastTick) * 1000000000ull /
-                                 std::uint64_t(g_freq.QuadPart);
+    if (g_lastNs != 0) {
+        const std::uint64_t ns = std::uint64_t(now - g_lastNs);
         std::uint64_t b = ns / LATENCY_BUCKET_NS;
         if (b >= LATENCY_BUCKETS) b = LATENCY_BUCKETS - 1;
         s->buckets[b] = s->buckets[b] + 1;
@@ -104,17 +104,15 @@ std::uint32_t OnInterrupt(std::uint32_t sequence) {
         if (ns > s->max_interval_ns) s->max_interval_ns = ns;
     }
     EndUpdate(s);
-    g_lastTick = now.QuadPart;
+    g_lastNs = now;
 
-    // Once a second: the dispatch thread's CPU share. GetThreadTimes is a
-    // quick query, fine at this rate; it would not be on every event.
-    if (now.QuadPart - g_loadTick >= g_freq.QuadPart) {
-        const std::uint64_t cpu = ThreadCpu100ns();
-        if (g_loadTick != 0) {
-            const double wall100ns = double(now.QuadPart - g_loadTick) * 1e7 / double(g_freq.QuadPart);
-            s->load_permille = static_cast<std::uint32_t>(double(cpu - g_loadCpu) * 1000.0 / wall100ns);
-        }
-        g_loadTick = now.QuadPart;
+    // Once a second: the dispatch thread's CPU share. Reading the thread's
+    // CPU time is a quick query, fine at this rate; not on every event.
+    if (now - g_loadNs >= 1000000000) {
+        const std::uint64_t cpu = latency::ThreadCpuNs();
+        if (g_loadNs != 0)
+            s->load_permille = static_cast<std::uint32_t>(double(cpu - g_loadCpu) * 1000.0 / double(now - g_loadNs));
+        g_loadNs = now;
         g_loadCpu = cpu;
     }
     return 0;

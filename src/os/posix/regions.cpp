@@ -17,6 +17,7 @@
 #include <cerrno>
 #include <climits>
 #include <dlfcn.h>
+#include <link.h>
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
@@ -243,15 +244,53 @@ std::uint32_t module_file_name(std::uint64_t alloc_base, char16_t* buf, std::uin
     return n;
 }
 
+namespace {
+struct Holder {
+    std::uint64_t addr;
+    const char* name;  // the loader's name; "" for the main program
+    bool found;
+};
+
+// Which loaded object has a segment holding the address: the loader's list
+// of objects and their program headers, no symbol search (dladdr looks for
+// the nearest symbol too, tens of microseconds in a large library).
+int find_holder(dl_phdr_info* info, std::size_t, void* arg) {
+    auto* h = static_cast<Holder*>(arg);
+    for (ElfW(Half) i = 0; i < info->dlpi_phnum; ++i) {
+        const ElfW(Phdr)& ph = info->dlpi_phdr[i];
+        const std::uint64_t lo = info->dlpi_addr + ph.p_vaddr;
+        if (ph.p_type == PT_LOAD && h->addr >= lo && h->addr - lo < ph.p_memsz) {
+            h->name = info->dlpi_name ? info->dlpi_name : "";
+            h->found = true;
+            return 1;
+        }
+    }
+    return 0;
+}
+}  // namespace
+
 // The loader's own table answers without reading /proc/self/maps (a fault
-// report then costs microseconds, not a walk of every mapping); the main
-// program, which the loader may list without a path, falls back to the walk.
+// report then costs microseconds, not a walk of every mapping). The main
+// program has no name there: the kernel's link to the executable, read at
+// the first call, names it.
+// An address in no loaded object has no module; only names the loader
+// keeps relative (a dlopen by relative path, the vDSO) fall back to the walk.
 std::uint32_t module_name_of(const void* addr, char16_t* buf, std::uint32_t size) {
     if (!buf || size == 0) return 0;
-    Dl_info info{};
-    if (dladdr(addr, &info) && info.dli_fname && info.dli_fname[0] == '/') {
+    buf[0] = 0;
+    Holder h{reinterpret_cast<std::uint64_t>(addr), nullptr, false};
+    if (!dl_iterate_phdr(&find_holder, &h) || !h.found) return 0;
+    const char* name = h.name;
+    if (!name[0]) {
+        // Read once, as the loader keeps the names of the others.
+        static char exe[PATH_MAX];
+        static const bool known = posix::exe_path(exe, sizeof exe);
+        if (!known) return 0;
+        name = exe;
+    }
+    if (name[0] == '/') {
         char16_t wide[PATH_MAX];
-        if (!posix::to_utf16_path(info.dli_fname, wide, PATH_MAX)) return 0;
+        if (!posix::to_utf16_path(name, wide, PATH_MAX)) return 0;
         std::uint32_t n = 0;
         for (; wide[n] && n + 1 < size; ++n) buf[n] = wide[n];
         buf[n] = 0;

@@ -1,0 +1,286 @@
+// event.irq on Linux: events from a device that reports interrupts through
+// reads, as a UIO device (/dev/uioN) does, configured in [EVENTIRQ] of the
+// ZOR.INI beside the executable:
+//   DEVICE=<path>  each read of SIZE bytes (default 4, what UIO wants)
+//                  returning is one event; a read of at least 4 bytes
+//                  carries the device's interrupt count in its first u32,
+//                  which becomes the sequence number, so the host's gap
+//                  check shows interrupts lost on the way.
+//   REENABLE=1     after each event write a u32 1 to the device, which
+//                  unmasks the interrupt of a UIO device with irqcontrol.
+//   EVENT=<name>   a named event is a Windows object: refused here, logged.
+//   PENDING        accepted for the same file on both systems; one read at a
+//                  time is what a character device serves.
+//
+// The thread waits in poll() on the device and on an eventfd, so that an
+// unloading ends the wait at once. A source that fails (a read or write
+// fails, the device hangs up) is logged and counted, and the thread opens
+// it again every second; the host keeps running. The event thread is the
+// host's dispatch thread. The read buffer is allocated at Initialize: the
+// per-event path allocates nothing.
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <dlfcn.h>
+#include <new>
+
+#include "os/os.h"
+#include "os/posix/posix_internal.h"
+#include "zor/zor_module.h"
+
+namespace {
+
+namespace os = zor::os;
+
+constexpr std::uint32_t kInitBadConfig = 1;
+constexpr std::uint32_t kInitNoThread = 3;
+constexpr std::uint32_t kInitNoSource = 4;
+constexpr int kReopenMs = 1000;
+constexpr std::uint32_t kDefaultPending = 4;
+constexpr std::uint32_t kDefaultSize = 4;
+
+struct Driver {
+    std::atomic<ZorInterruptProc> entry{nullptr};
+    std::atomic<bool> delivering{true};
+    std::atomic<std::uint32_t> delivered{0};
+    std::atomic<std::uint32_t> failures{0};
+    std::atomic<std::uint32_t> tid{0};
+    char source[PATH_MAX] = {};
+    std::uint32_t size = kDefaultSize;
+    bool reenable = false;
+    int fd = -1;    // the device; the thread's own once it runs
+    int stop = -1;  // eventfd: readable once unloading
+    pthread_t thread{};
+    bool running = false;
+    unsigned char* buffer = nullptr;
+    std::uint32_t sequence = 0;
+};
+
+Driver g;
+
+// One line into the host's log (stderr outside a host that exports it).
+void Log(std::uint32_t mask, const char* fmt, ...) {
+    static const auto log = reinterpret_cast<ZorLogProc>(dlsym(RTLD_DEFAULT, ZOR_LOG_EXPORT_NAME));
+    char line[600];
+    va_list ap;
+    va_start(ap, fmt);
+    std::vsnprintf(line, sizeof line, fmt, ap);
+    va_end(ap);
+    char16_t wide[600];
+    if (log && os::posix::to_utf16(line, wide, 600)) {
+        log(2, mask, reinterpret_cast<const std::uint16_t*>(wide));
+    } else {
+        std::fputs(line, stderr);
+    }
+}
+
+bool ReadConfig() {
+    char16_t ini[PATH_MAX];
+    char iniPath[PATH_MAX];
+    if (!os::startup_dir(ini, PATH_MAX - 8)) return false;
+    std::uint32_t n = 0;
+    while (ini[n]) ++n;
+    std::memcpy(ini + n, u"\\ZOR.INI", sizeof u"\\ZOR.INI");
+    os::posix::to_utf8(ini, iniPath, sizeof iniPath, true);
+    char16_t event[PATH_MAX], device[PATH_MAX];
+    os::ini_read_string(u"EVENTIRQ", u"EVENT", u"", event, PATH_MAX, ini);
+    os::ini_read_string(u"EVENTIRQ", u"DEVICE", u"", device, PATH_MAX, ini);
+    if (event[0] && !device[0]) {
+        Log(1, "ZOR: event.irq: EVENT in [EVENTIRQ] of '%s' names a Windows event; use DEVICE=<path> on Linux\n\r",
+            iniPath);
+        return false;
+    }
+    if (event[0]) {
+        Log(1, "ZOR: event.irq: EVENT and DEVICE both set in [EVENTIRQ] of '%s'; one of them only\n\r", iniPath);
+        return false;
+    }
+    if (!device[0]) {
+        Log(1, "ZOR: event.irq: neither EVENT nor DEVICE set in [EVENTIRQ] of '%s'\n\r", iniPath);
+        return false;
+    }
+    os::posix::to_utf8(device, g.source, sizeof g.source, false);
+    const auto pending = static_cast<std::int32_t>(os::ini_read_int(u"EVENTIRQ", u"PENDING", kDefaultPending, ini));
+    const auto size = static_cast<std::int32_t>(os::ini_read_int(u"EVENTIRQ", u"SIZE", kDefaultSize, ini));
+    if (pending < 1 || pending > static_cast<std::int32_t>(ZOR_EVENT_MAX_PENDING)) {
+        Log(1, "ZOR: event.irq: PENDING=%d in [EVENTIRQ] is not within 1..%u\n\r", pending, ZOR_EVENT_MAX_PENDING);
+        return false;
+    }
+    if (size < 1 || size > static_cast<std::int32_t>(ZOR_EVENT_MAX_SIZE)) {
+        Log(1, "ZOR: event.irq: SIZE=%d in [EVENTIRQ] is not within 1..%u\n\r", size, ZOR_EVENT_MAX_SIZE);
+        return false;
+    }
+    g.size = static_cast<std::uint32_t>(size);
+    g.reenable = os::ini_read_int(u"EVENTIRQ", u"REENABLE", 0, ini) != 0;
+    return true;
+}
+
+// Read and write where allowed (a UIO device takes the re-enabling write);
+// a device that is only readable is opened so.
+int OpenSource() {
+    int fd = open(g.source, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0 && (errno == EACCES || errno == EPERM || errno == EROFS))
+        fd = open(g.source, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    return fd;
+}
+
+void Deliver(std::uint32_t sequence) {
+    if (!g.delivering.load(std::memory_order_acquire)) return;  // paused: dropped
+    g.sequence = sequence;
+    if (ZorInterruptProc entry = g.entry.load(std::memory_order_acquire)) entry(sequence);
+    g.delivered.fetch_add(1, std::memory_order_relaxed);
+}
+
+// One completed read: the event, then the re-enabling write. False with
+// `*error` when the source failed.
+bool Take(int* error) {
+    const ssize_t got = read(g.fd, g.buffer, g.size);
+    if (got < 0) {
+        if (errno == EAGAIN || errno == EINTR) return true;  // woken without data
+        *error = errno;
+        return false;
+    }
+    if (got == 0) {  // the other end is gone: nothing will come again
+        *error = EPIPE;
+        return false;
+    }
+    std::uint32_t sequence = g.sequence + 1;
+    if (got >= 4) std::memcpy(&sequence, g.buffer, 4);
+    Deliver(sequence);
+    const std::uint32_t one = 1;
+    if (g.reenable && write(g.fd, &one, 4) != 4) {
+        *error = errno;
+        return false;
+    }
+    return true;
+}
+
+// False: the source failed with `*error`. True: stop was asked.
+bool Serve(int* error) {
+    for (;;) {
+        pollfd p[2] = {{g.stop, POLLIN, 0}, {g.fd, POLLIN, 0}};
+        if (poll(p, 2, -1) < 0) {
+            if (errno == EINTR) continue;
+            *error = errno;
+            return false;
+        }
+        if (p[0].revents) return true;
+        if (p[1].revents & POLLNVAL) {
+            *error = EBADF;
+            return false;
+        }
+        if (p[1].revents && !Take(error)) return false;
+    }
+}
+
+// Logs and counts a failure, drops the source; the thread opens it again.
+void Lost(int error) {
+    const std::uint32_t n = g.failures.fetch_add(1, std::memory_order_relaxed) + 1;
+    Log(1, "ZOR: event.irq: device '%s' failed with error %d (failure %u), opening it again\n\r", g.source, error, n);
+    close(g.fd);
+    g.fd = -1;
+}
+
+bool Stopping(int timeoutMs) {
+    pollfd p{g.stop, POLLIN, 0};
+    return poll(&p, 1, timeoutMs) > 0;
+}
+
+void* EventThread(void*) {
+    g.tid.store(static_cast<std::uint32_t>(syscall(SYS_gettid)), std::memory_order_release);
+    while (!Stopping(0)) {
+        if (g.fd < 0) {
+            g.fd = OpenSource();
+            if (g.fd < 0) {
+                Stopping(kReopenMs);
+                continue;
+            }
+            Log(6, "ZOR: event.irq: device '%s' open again\n\r", g.source);
+        }
+        int error = 0;
+        if (Serve(&error)) break;
+        Lost(error);
+    }
+    return nullptr;
+}
+
+void CloseAll() {
+    if (g.fd >= 0) close(g.fd);
+    if (g.stop >= 0) close(g.stop);
+    delete[] g.buffer;
+    g.fd = g.stop = -1;
+    g.buffer = nullptr;
+    g.tid.store(0, std::memory_order_release);
+}
+
+std::uint32_t Start() {
+    if (g.running) return ZOR_INIT_OK;
+    if (!ReadConfig()) return kInitBadConfig;
+    g.fd = OpenSource();
+    if (g.fd < 0) {
+        Log(1, "ZOR: event.irq: device '%s' does not open (error %d)\n\r", g.source, errno);
+        return kInitNoSource;
+    }
+    g.stop = eventfd(0, EFD_CLOEXEC);
+    g.buffer = new (std::nothrow) unsigned char[g.size];
+    if (g.stop < 0 || !g.buffer || pthread_create(&g.thread, nullptr, &EventThread, nullptr) != 0) {
+        CloseAll();
+        return kInitNoThread;
+    }
+    g.running = true;
+    while (g.tid.load(std::memory_order_acquire) == 0) sched_yield();  // GS_GET_THREAD follows at once
+    return ZOR_INIT_OK;
+}
+
+void Stop() {
+    if (!g.running) return;
+    const std::uint64_t one = 1;
+    if (write(g.stop, &one, sizeof one) != sizeof one) return;  // cannot happen below 2^64 - 1 writes
+    pthread_join(g.thread, nullptr);
+    g.running = false;
+    CloseAll();
+}
+
+std::uint32_t Query() {
+    const std::uint32_t failed = g.failures.load(std::memory_order_relaxed) ? ZOR_EVENT_FAILED : 0;
+    return (g.delivered.load(std::memory_order_relaxed) & ~ZOR_EVENT_FAILED) | failed;
+}
+
+std::uint32_t Control(std::uint32_t value) {
+    if (value == ZOR_EVENT_FAILURES) return g.failures.load(std::memory_order_relaxed);
+    if (value != ZOR_EVENT_PAUSE && value != ZOR_EVENT_RESUME) return ZOR_EVENT_REFUSED;
+    return g.delivering.exchange(value == ZOR_EVENT_RESUME, std::memory_order_acq_rel) ? 1u : 0u;
+}
+
+}  // namespace
+
+ZOR_EXPORT uint32_t IRQ_GetSet(uint32_t code, uintptr_t arg) {
+    switch (code) {
+    case ZOR_FN_INITIALIZE:
+        return Start();
+    case ZOR_FN_SHUTDOWN:
+        Stop();
+        return 0;
+    case ZOR_GS_SET_INTERRUPT:
+        g.entry.store(reinterpret_cast<ZorInterruptProc>(arg), std::memory_order_release);
+        return 0;
+    case ZOR_GS_GET_THREAD:
+        return g.tid.load(std::memory_order_acquire);
+    case ZOR_GS_IRQ_QUERY:
+        return Query();
+    case ZOR_GS_IRQ_CONTROL:
+        return Control(static_cast<std::uint32_t>(arg));
+    default:
+        return 0;
+    }
+}
