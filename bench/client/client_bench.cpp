@@ -1,5 +1,8 @@
 // Round trips a client pays, measured against a running host:
-//   client_bench [--pid HOSTPID] [--rounds N]
+//   client_bench [--pid HOSTPID] [--rounds N] [--trigger]
+// --trigger: the host runs trigger.irq, which makes no events by itself; it
+// runs free for the ExecISRFunc rows only, so that the other rows meet an
+// idle host.
 // Registers the latency sample's module for the duration. Prints min / avg
 // / p99 / max in microseconds per operation. The command's round trip is
 // also reported against the same message over a bare channel of the same
@@ -50,9 +53,11 @@ void Measure(const char* name, int rounds, F&& op) {
 int main(int argc, char** argv) {
     unsigned long pid = 0;
     int rounds = 2000;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        if (!std::strcmp(argv[i], "--pid")) pid = std::strtoul(argv[i + 1], nullptr, 0);
-        if (!std::strcmp(argv[i], "--rounds")) rounds = std::atoi(argv[i + 1]);
+    bool trigger = false;
+    for (int i = 1; i < argc; ++i) {
+        if (!std::strcmp(argv[i], "--trigger")) trigger = true;
+        else if (i + 1 < argc && !std::strcmp(argv[i], "--pid")) pid = std::strtoul(argv[++i], nullptr, 0);
+        else if (i + 1 < argc && !std::strcmp(argv[i], "--rounds")) rounds = std::atoi(argv[++i]);
     }
     ZorConnection* c = nullptr;
     int st = pid ? zor_connect_pid(&c, pid, 5000) : zor_connect(&c, 5000);
@@ -95,6 +100,7 @@ int main(int argc, char** argv) {
     Measure("pipe request, 64 KiB", rounds / 4, [&] {
         return zor_pipe_call(c, mod, 0, big.data(), static_cast<std::uint32_t>(big.size()), &r);
     });
+    if (trigger) zor_irq_control(c, ZOR_TRIGGER_FREE_RUN, nullptr);
     Measure("ExecISRFunc queued, no wait", rounds, [&] {
         int s = zor_exec_isr_func(c, mod, 2, body, 16, 0, &r);
         if (s == ZOR_E_QUEUE_FULL) SleepMs(1);
@@ -102,6 +108,7 @@ int main(int argc, char** argv) {
     });
     SleepMs(50);
     Measure("ExecISRFunc waited (next event)", rounds / 4, [&] { return zor_exec_isr_func(c, mod, 2, nullptr, 0, 2000, &r); });
+    if (trigger) zor_irq_control(c, 0, nullptr);
     zor_pipe_close(c);
     zor_unregister_module(c, mod);
     zor_unmap(&shm);

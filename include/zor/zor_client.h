@@ -56,8 +56,8 @@
  * module search (its executable directory first).
  *
  * Link the static library `zorclient` or the DLL `zorclient.dll` (import
- * library libzorclient.dll.a); on Linux libzorclient.a (self-contained) or
- * libzorclient.so.
+ * library libzorclient.dll.a); on Linux libzorclient.so, or libzorclient.a
+ * (holds all of ours; a C program links it with -lstdc++).
  */
 #ifndef ZOR_CLIENT_H
 #define ZOR_CLIENT_H

@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -71,18 +72,13 @@ void Scan(F&& visit) {
 }
 
 bool Link1(ZorConnection* c, std::uint32_t pid) {
-    char path[sizeof(Link{}.path)];
-    if (!wire::socket_path(pid, path, sizeof path)) return false;
-    const int sock = ConnectSocket(path, c->timeout_ms);
-    if (sock < 0) return false;
     auto* link = new (std::nothrow) Link();
-    if (link == nullptr) {
-        close(sock);
+    if (link == nullptr) return false;
+    if (!wire::socket_path(pid, link->path, sizeof link->path) || !ConnectSocket(link, c->timeout_ms)) {
+        delete link;
         return false;
     }
-    link->sock = sock;
     link->pidfd = OpenPidfd(pid);
-    std::memcpy(link->path, path, sizeof path);
     c->link = link;
     c->host_pid = pid;
     return true;
@@ -97,37 +93,40 @@ int AboveZero(int fd) {
     return up;
 }
 
-bool WaitFor(int fd, short events, double deadline, short* revents) {
+bool WaitFor(int fd, short events, double deadline) {
     for (;;) {
         const double left = deadline - NowMs();
         if (left <= 0) return false;
         pollfd p{fd, events, 0};
         const int r = poll(&p, 1, static_cast<int>(left) + 1);
-        if (r > 0) {
-            if (revents) *revents = p.revents;
-            return true;
-        }
+        if (r > 0) return true;
         if (r < 0 && errno != EINTR) return false;
     }
 }
 
-int ConnectSocket(const char* path, std::uint32_t timeout_ms) {
+bool Arm(Link* l, std::uint32_t ms) {
+    if (l->armed_ms == ms) return true;
+    const timeval tv{static_cast<time_t>(ms / 1000), static_cast<suseconds_t>(ms % 1000) * 1000};
+    const bool ok = setsockopt(l->sock, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0 &&
+                    setsockopt(l->sock, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv) == 0;
+    l->armed_ms = ok ? ms : 0;
+    return ok;
+}
+
+bool ConnectSocket(Link* l, std::uint32_t timeout_ms) {
     sockaddr_un a{};
     a.sun_family = AF_UNIX;
-    if (std::strlen(path) >= sizeof a.sun_path) return -1;
-    std::strcpy(a.sun_path, path);
-    const int fd = AboveZero(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (fd < 0) return -1;
-    const double deadline = NowMs() + timeout_ms;
-    for (;;) {
-        if (connect(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0) return fd;
-        // A full backlog answers EAGAIN at once; the host takes one
-        // connection per round of its loop, so try again shortly.
-        if ((errno != EAGAIN && errno != EINTR) || NowMs() >= deadline) break;
-        Pace(deadline - timeout_ms);
-    }
-    close(fd);
-    return -1;
+    static_assert(sizeof a.sun_path == sizeof l->path);
+    std::memcpy(a.sun_path, l->path, sizeof a.sun_path);
+    l->sock = AboveZero(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    l->armed_ms = 0;
+    // The send time-out also bounds connect() while the host's backlog is full.
+    if (l->sock >= 0 && Arm(l, timeout_ms) &&
+        connect(l->sock, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0)
+        return true;
+    if (l->sock >= 0) close(l->sock);
+    l->sock = -1;
+    return false;
 }
 
 int ListHosts(std::uint32_t* pids, std::uint32_t cap, std::uint32_t* count) {

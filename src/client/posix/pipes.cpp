@@ -27,23 +27,24 @@ bool MakePipe(int* read_end, int* write_end) {
 }
 
 // write() on a pipe whose reader has gone raises SIGPIPE, which would end
-// the client: it is blocked around the write, and one it raised is taken
-// back before the mask is restored.
+// the client: it is blocked around the write, and one the write raised is
+// taken back before the mask is restored. (Where the caller blocks SIGPIPE
+// itself, it stays the caller's.)
 ssize_t WriteQuietly(int fd, const void* data, std::size_t n) {
-    sigset_t pipe_only, old, pending;
+    sigset_t pipe_only, old;
     sigemptyset(&pipe_only);
     sigaddset(&pipe_only, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &pipe_only, &old);
-    sigpending(&pending);
-    const bool was_pending = sigismember(&pending, SIGPIPE) == 1;
     const ssize_t r = write(fd, data, n);
     const int err = errno;
-    if (r < 0 && err == EPIPE && !was_pending) {
-        const timespec zero{0, 0};
-        while (sigtimedwait(&pipe_only, nullptr, &zero) < 0 && errno == EINTR) {
+    if (sigismember(&old, SIGPIPE) == 0) {
+        if (r < 0 && err == EPIPE) {
+            const timespec zero{0, 0};
+            while (sigtimedwait(&pipe_only, nullptr, &zero) < 0 && errno == EINTR) {
+            }
         }
+        pthread_sigmask(SIG_SETMASK, &old, nullptr);
     }
-    pthread_sigmask(SIG_SETMASK, &old, nullptr);
     errno = err;
     return r;
 }
@@ -89,15 +90,13 @@ int PipeReadAnswer(ZorConnection* c, Handle h, std::uint32_t* answer, std::uint3
     const int fd = static_cast<int>(h);
     const double deadline = NowMs() + timeout_ms;
     auto* p = reinterpret_cast<unsigned char*>(answer);
+    // Wait first: the answer is hardly ever there as soon as the frame is.
     for (std::uint32_t done = 0; done < 4;) {
+        if (!WaitFor(fd, POLLIN, deadline)) return HostAlive(c) ? ZOR_E_TIMEOUT : ZOR_E_HOST_GONE;
         const ssize_t n = read(fd, p + done, 4 - done);
-        if (n > 0) {
-            done += static_cast<std::uint32_t>(n);
-        } else if (n < 0 && errno == EAGAIN) {
-            if (!WaitFor(fd, POLLIN, deadline)) return HostAlive(c) ? ZOR_E_TIMEOUT : ZOR_E_HOST_GONE;
-        } else if (n == 0 || errno != EINTR) {
+        if (n > 0) done += static_cast<std::uint32_t>(n);
+        else if (n == 0 || (errno != EAGAIN && errno != EINTR))
             return HostAlive(c) ? ZOR_E_PIPE : ZOR_E_HOST_GONE;  // the host closed its end
-        }
     }
     return ZOR_OK;
 }

@@ -4,11 +4,9 @@
 // the socket out of step (a late answer would be taken for the next
 // command's), so it is dropped and the next command connects anew.
 #include <sys/socket.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 
 #include "client/payloads.h"
@@ -43,6 +41,13 @@ void Drop(Link* l) {
 
 int Gone(ZorConnection* c, int status) { return HostAlive(c) ? status : ZOR_E_HOST_GONE; }
 
+// Re-arms the socket's time-outs for what is left until the deadline after a
+// signal cut a call short; false once nothing is left.
+bool Rearm(Link* l, double deadline) {
+    const double left = deadline - NowMs();
+    return left > 0 && Arm(l, static_cast<std::uint32_t>(left) + 1);
+}
+
 int SendRequest(ZorConnection* c, std::uint64_t command, const void* payload, std::uint32_t size,
                 const Fds& out, double deadline) {
     Link* l = c->link;
@@ -63,9 +68,9 @@ int SendRequest(ZorConnection* c, std::uint64_t command, const void* payload, st
     }
     for (;;) {
         if (sendmsg(l->sock, &m, MSG_NOSIGNAL) >= 0) return ZOR_OK;
-        if (errno == EINTR) continue;
-        if (errno != EAGAIN) return Gone(c, ZOR_E_SYSTEM);
-        if (!WaitFor(l->sock, POLLOUT, deadline)) return Gone(c, ZOR_E_TIMEOUT);
+        if (errno == EAGAIN || (errno == EINTR && !Rearm(l, deadline))) return Gone(c, ZOR_E_TIMEOUT);
+        if (errno == EPIPE || errno == ECONNRESET) return Gone(c, ZOR_E_REFUSED);  // it closed our end
+        if (errno != EINTR) return Gone(c, ZOR_E_SYSTEM);
     }
 }
 
@@ -81,10 +86,10 @@ int ReceiveAnswer(ZorConnection* c, std::uint64_t* answer, Fds* in, double deadl
         m.msg_control = ctl.bytes;
         m.msg_controllen = sizeof ctl.bytes;
         const ssize_t n = recvmsg(l->sock, &m, MSG_CMSG_CLOEXEC);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0 && errno == EAGAIN) {
-            if (!WaitFor(l->sock, POLLIN, deadline)) return Gone(c, ZOR_E_TIMEOUT);
-            continue;
+        if (n < 0) {
+            if (errno == EAGAIN || (errno == EINTR && !Rearm(l, deadline))) return Gone(c, ZOR_E_TIMEOUT);
+            if (errno == EINTR) continue;
+            return Gone(c, ZOR_E_REFUSED);
         }
         for (cmsghdr* h = CMSG_FIRSTHDR(&m); h; h = CMSG_NXTHDR(&m, h)) {
             if (h->cmsg_level != SOL_SOCKET || h->cmsg_type != SCM_RIGHTS) continue;
@@ -96,36 +101,42 @@ int ReceiveAnswer(ZorConnection* c, std::uint64_t* answer, Fds* in, double deadl
                 else close(fd);
             }
         }
-        if (n <= 0) return Gone(c, ZOR_E_REFUSED);  // the host closed its end
+        if (n == 0) return Gone(c, ZOR_E_REFUSED);  // the host closed our end
         if (n != 8 || (m.msg_flags & (MSG_TRUNC | MSG_CTRUNC))) return ZOR_E_SYSTEM;
         std::memcpy(answer, buf, 8);
         return ZOR_OK;
     }
 }
 
-// One command: `out` goes with the request, `in` gets what the answer
-// carries (closed by the caller).
-int Transact(ZorConnection* c, std::uint32_t command, const void* payload, std::uint32_t size,
-             const Fds& out, std::uint64_t* answer, Fds* in, std::uint32_t timeout_ms) {
-    if (size > wire::kMaxPayload) return ZOR_E_TOO_LARGE;
-    if (size > 0 && payload == nullptr) return ZOR_E_INVALID_ARG;
-    if (!HostAlive(c)) return ZOR_E_HOST_GONE;
-    const std::uint32_t wait = timeout_ms ? timeout_ms : c->timeout_ms;
-    const double deadline = NowMs() + wait;
+// One command under the socket's turn: `out` goes with the request, `in`
+// gets what the answer carries (closed by the caller). The host's end of
+// the socket tells when it ends, so only a failure asks whether it runs.
+int Exchange(ZorConnection* c, std::uint32_t command, const void* payload, std::uint32_t size,
+             const Fds& out, std::uint64_t* answer, Fds* in, double deadline) {
     Link* l = c->link;
-    std::unique_lock hold(l->lock, std::defer_lock);
-    if (!hold.try_lock_for(std::chrono::milliseconds(wait))) return ZOR_E_TIMEOUT;
     if (l->sock < 0) {
         const double left = deadline - NowMs();
-        l->sock = left > 0 ? ConnectSocket(l->path, static_cast<std::uint32_t>(left) + 1) : -1;
-        if (l->sock < 0) return Gone(c, ZOR_E_TIMEOUT);
+        if (left <= 0) return Gone(c, ZOR_E_TIMEOUT);
+        if (!ConnectSocket(l, static_cast<std::uint32_t>(left) + 1)) return ZOR_E_HOST_GONE;
     }
-    int st = SendRequest(c, command, payload, size, out, deadline);
+    int st = Rearm(l, deadline) ? SendRequest(c, command, payload, size, out, deadline) : Gone(c, ZOR_E_TIMEOUT);
     if (st == ZOR_OK) st = ReceiveAnswer(c, answer, in, deadline);
     if (st != ZOR_OK) {
         in->CloseAll();
         Drop(l);
     }
+    return st;
+}
+
+int Transact(ZorConnection* c, std::uint32_t command, const void* payload, std::uint32_t size,
+             const Fds& out, std::uint64_t* answer, Fds* in, std::uint32_t timeout_ms) {
+    if (size > wire::kMaxPayload) return ZOR_E_TOO_LARGE;
+    if (size > 0 && payload == nullptr) return ZOR_E_INVALID_ARG;
+    const std::uint32_t wait = timeout_ms ? timeout_ms : c->timeout_ms;
+    const double deadline = NowMs() + wait;
+    if (!c->link->turn.Take(wait)) return Gone(c, ZOR_E_TIMEOUT);
+    const int st = Exchange(c, command, payload, size, out, answer, in, deadline);
+    c->link->turn.Give();
     return st;
 }
 
