@@ -15,9 +15,9 @@
 // The thread waits in poll() on the device and on an eventfd, so that an
 // unloading ends the wait at once. A source that fails (a read or write
 // fails, the device hangs up) is logged and counted, and the thread opens
-// it again every second; the host keeps running. The event thread is the
-// host's dispatch thread. The read buffer is allocated at Initialize: the
-// per-event path allocates nothing.
+// it again a second later, and every second until it opens; the host keeps
+// running. The event thread is the host's dispatch thread. The read buffer
+// is allocated at Initialize: the per-event path allocates nothing.
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
@@ -210,6 +210,7 @@ void* EventThread(void*) {
         int error = 0;
         if (Serve(&error)) break;
         Lost(error);
+        Stopping(kReopenMs);  // a device that fails at once must not spin at real-time priority
     }
     return nullptr;
 }
