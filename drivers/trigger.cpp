@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <mutex>
 
+#include "driver_entry.h"
 #include "driver_thread.h"
 #include "os/os.h"
 #include "zor/zor_module.h"
@@ -125,31 +126,21 @@ void SetEntry(ZorInterruptProc entry) {
     g.wake.notify_all();
 }
 
+std::uint32_t ThreadName() {
+    std::lock_guard<std::mutex> lock(g.mutex);
+    return DriverThreadName(g.thread, g.threadId);
+}
+
+std::uint32_t Delivered() {
+    std::lock_guard<std::mutex> lock(g.mutex);
+    return g.delivered;
+}
+
 }  // namespace
 
 ZOR_EXPORT uint32_t IRQ_GetSet(uint32_t code, uintptr_t arg) {
-    switch (code) {
-    case ZOR_FN_INITIALIZE:
-        return Start();
-    case ZOR_FN_SHUTDOWN:
-        Stop();
-        return 0;
-    case ZOR_GS_SET_INTERRUPT:
-        SetEntry(reinterpret_cast<ZorInterruptProc>(arg));
-        return 0;
-    case ZOR_GS_GET_THREAD: {
-        std::lock_guard<std::mutex> lock(g.mutex);
-        return DriverThreadName(g.thread, g.threadId);
-    }
-    case ZOR_GS_IRQ_QUERY: {
-        std::lock_guard<std::mutex> lock(g.mutex);
-        return g.delivered;
-    }
-    case ZOR_GS_IRQ_CONTROL:
-        return Control(static_cast<std::uint32_t>(arg));
-    default:
-        return 0;
-    }
+    static constexpr DriverParts kParts{Start, Stop, SetEntry, ThreadName, Delivered, Control};
+    return DriverGetSet(kParts, code, arg);
 }
 
 // Queues n events (1 .. 0x7FFFFFFF); the same as GS_IRQ_CONTROL(n).

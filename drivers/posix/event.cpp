@@ -37,6 +37,7 @@
 
 #include "os/os.h"
 #include "os/posix/posix_internal.h"
+#include "driver_entry.h"
 #include "zor/zor_module.h"
 
 namespace {
@@ -52,9 +53,7 @@ constexpr std::uint32_t kDefaultSize = 4;
 
 struct Driver {
     std::atomic<ZorInterruptProc> entry{nullptr};
-    std::atomic<bool> delivering{true};
-    std::atomic<std::uint32_t> delivered{0};
-    std::atomic<std::uint32_t> failures{0};
+    EventCounters counts;
     std::atomic<std::uint32_t> tid{0};
     char source[PATH_MAX] = {};
     std::uint32_t size = kDefaultSize;
@@ -135,10 +134,10 @@ int OpenSource() {
 }
 
 void Deliver(std::uint32_t sequence) {
-    if (!g.delivering.load(std::memory_order_acquire)) return;  // paused: dropped
+    if (!g.counts.delivering.load(std::memory_order_acquire)) return;  // paused: dropped
     g.sequence = sequence;
     if (ZorInterruptProc entry = g.entry.load(std::memory_order_acquire)) entry(sequence);
-    g.delivered.fetch_add(1, std::memory_order_relaxed);
+    g.counts.delivered.fetch_add(1, std::memory_order_relaxed);
 }
 
 // One completed read: the event, then the re-enabling write. False with
@@ -185,7 +184,7 @@ bool Serve(int* error) {
 
 // Logs and counts a failure, drops the source; the thread opens it again.
 void Lost(int error) {
-    const std::uint32_t n = g.failures.fetch_add(1, std::memory_order_relaxed) + 1;
+    const std::uint32_t n = g.counts.failures.fetch_add(1, std::memory_order_relaxed) + 1;
     Log(1, "ZOR: event.irq: device '%s' failed with error %d (failure %u), opening it again\n\r", g.source, error, n);
     close(g.fd);
     g.fd = -1;
@@ -252,36 +251,14 @@ void Stop() {
     CloseAll();
 }
 
-std::uint32_t Query() {
-    const std::uint32_t failed = g.failures.load(std::memory_order_relaxed) ? ZOR_EVENT_FAILED : 0;
-    return (g.delivered.load(std::memory_order_relaxed) & ~ZOR_EVENT_FAILED) | failed;
-}
-
-std::uint32_t Control(std::uint32_t value) {
-    if (value == ZOR_EVENT_FAILURES) return g.failures.load(std::memory_order_relaxed);
-    if (value != ZOR_EVENT_PAUSE && value != ZOR_EVENT_RESUME) return ZOR_EVENT_REFUSED;
-    return g.delivering.exchange(value == ZOR_EVENT_RESUME, std::memory_order_acq_rel) ? 1u : 0u;
-}
+std::uint32_t Query() { return g.counts.Query(); }
+std::uint32_t Control(std::uint32_t value) { return g.counts.Control(value); }
+void SetEntry(ZorInterruptProc entry) { g.entry.store(entry, std::memory_order_release); }
+std::uint32_t ThreadId() { return g.tid.load(std::memory_order_acquire); }
 
 }  // namespace
 
 ZOR_EXPORT uint32_t IRQ_GetSet(uint32_t code, uintptr_t arg) {
-    switch (code) {
-    case ZOR_FN_INITIALIZE:
-        return Start();
-    case ZOR_FN_SHUTDOWN:
-        Stop();
-        return 0;
-    case ZOR_GS_SET_INTERRUPT:
-        g.entry.store(reinterpret_cast<ZorInterruptProc>(arg), std::memory_order_release);
-        return 0;
-    case ZOR_GS_GET_THREAD:
-        return g.tid.load(std::memory_order_acquire);
-    case ZOR_GS_IRQ_QUERY:
-        return Query();
-    case ZOR_GS_IRQ_CONTROL:
-        return Control(static_cast<std::uint32_t>(arg));
-    default:
-        return 0;
-    }
+    static constexpr DriverParts kParts{Start, Stop, SetEntry, ThreadId, Query, Control};
+    return DriverGetSet(kParts, code, arg);
 }

@@ -30,6 +30,7 @@
 #include <cstdint>
 #include <mutex>
 
+#include "driver_entry.h"
 #include "zor/zor_module.h"
 
 namespace {
@@ -158,27 +159,14 @@ std::uint32_t ThreadId() {
     return g.tid;
 }
 
+void SetEntry(ZorInterruptProc entry) { g.entry.store(entry, std::memory_order_release); }
+std::uint32_t Period() { return g.periodUs.load(std::memory_order_acquire); }
+
 }  // namespace
 
 ZOR_EXPORT uint32_t IRQ_GetSet(uint32_t code, uintptr_t arg) {
-    switch (code) {
-    case ZOR_FN_INITIALIZE:
-        return Start();
-    case ZOR_FN_SHUTDOWN:
-        Stop();
-        return 0;
-    case ZOR_GS_SET_INTERRUPT:
-        g.entry.store(reinterpret_cast<ZorInterruptProc>(arg), std::memory_order_release);
-        return 0;
-    case ZOR_GS_GET_THREAD:
-        return ThreadId();
-    case ZOR_GS_IRQ_QUERY:
-        return g.periodUs.load(std::memory_order_acquire);
-    case ZOR_GS_IRQ_CONTROL:
-        return Control(static_cast<std::uint32_t>(arg));
-    default:
-        return 0;
-    }
+    static constexpr DriverParts kParts{Start, Stop, SetEntry, ThreadId, Period, Control};
+    return DriverGetSet(kParts, code, arg);
 }
 
 // The CLOCK_MONOTONIC deadline (ns) the thread waited for before the event

@@ -30,6 +30,7 @@
 #include <cwchar>
 #include <new>
 
+#include "driver_entry.h"
 #include "zor/zor_module.h"
 
 namespace {
@@ -50,9 +51,7 @@ struct Read {
 
 struct Driver {
     std::atomic<ZorInterruptProc> entry{nullptr};
-    std::atomic<bool> delivering{true};
-    std::atomic<std::uint32_t> delivered{0};
-    std::atomic<std::uint32_t> failures{0};
+    EventCounters counts;
     wchar_t source[MAX_PATH] = {};
     bool device = false;
     std::uint32_t pending = kDefaultPending;
@@ -132,10 +131,10 @@ HANDLE OpenSource() {
 }
 
 void Deliver(std::uint32_t sequence) {
-    if (!g.delivering.load(std::memory_order_acquire)) return;  // paused: dropped
+    if (!g.counts.delivering.load(std::memory_order_acquire)) return;  // paused: dropped
     g.sequence = sequence;
     if (ZorInterruptProc entry = g.entry.load(std::memory_order_acquire)) entry(sequence);
-    g.delivered.fetch_add(1, std::memory_order_relaxed);
+    g.counts.delivered.fetch_add(1, std::memory_order_relaxed);
 }
 
 // False: the source failed with `*error`. True: stop was asked.
@@ -210,7 +209,7 @@ bool ServeDevice(DWORD* error) {
 
 // Logs and counts a failure, drops the source; the thread opens it again.
 void Lost(DWORD error) {
-    const std::uint32_t n = g.failures.fetch_add(1, std::memory_order_relaxed) + 1;
+    const std::uint32_t n = g.counts.failures.fetch_add(1, std::memory_order_relaxed) + 1;
     Log(1, L"ZOR: event.irq: %ls '%ls' failed with error %lu (failure %u), opening it again\n\r", Kind(),
         g.source, error, n);
     // A closed event handle is not closed again: its value may be in use already.
@@ -279,36 +278,14 @@ void Stop() {
     CloseAll();
 }
 
-std::uint32_t Query() {
-    const std::uint32_t failed = g.failures.load(std::memory_order_relaxed) ? ZOR_EVENT_FAILED : 0;
-    return (g.delivered.load(std::memory_order_relaxed) & ~ZOR_EVENT_FAILED) | failed;
-}
-
-std::uint32_t Control(std::uint32_t value) {
-    if (value == ZOR_EVENT_FAILURES) return g.failures.load(std::memory_order_relaxed);
-    if (value != ZOR_EVENT_PAUSE && value != ZOR_EVENT_RESUME) return ZOR_EVENT_REFUSED;
-    return g.delivering.exchange(value == ZOR_EVENT_RESUME, std::memory_order_acq_rel) ? 1u : 0u;
-}
+std::uint32_t Query() { return g.counts.Query(); }
+std::uint32_t Control(std::uint32_t value) { return g.counts.Control(value); }
+void SetEntry(ZorInterruptProc entry) { g.entry.store(entry, std::memory_order_release); }
+std::uint32_t ThreadHandle() { return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(g.thread)); }
 
 }  // namespace
 
 ZOR_EXPORT uint32_t IRQ_GetSet(uint32_t code, uintptr_t arg) {
-    switch (code) {
-    case ZOR_FN_INITIALIZE:
-        return Start();
-    case ZOR_FN_SHUTDOWN:
-        Stop();
-        return 0;
-    case ZOR_GS_SET_INTERRUPT:
-        g.entry.store(reinterpret_cast<ZorInterruptProc>(arg), std::memory_order_release);
-        return 0;
-    case ZOR_GS_GET_THREAD:
-        return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(g.thread));
-    case ZOR_GS_IRQ_QUERY:
-        return Query();
-    case ZOR_GS_IRQ_CONTROL:
-        return Control(static_cast<std::uint32_t>(arg));
-    default:
-        return 0;
-    }
+    static constexpr DriverParts kParts{Start, Stop, SetEntry, ThreadHandle, Query, Control};
+    return DriverGetSet(kParts, code, arg);
 }

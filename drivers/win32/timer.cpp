@@ -33,6 +33,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "driver_entry.h"
 #include "zor/zor_module.h"
 
 #ifndef CREATE_WAITABLE_TIMER_HIGH_RESOLUTION
@@ -227,27 +228,15 @@ std::uint32_t Control(std::uint32_t periodUs) {
     return previous;
 }
 
+void SetEntry(ZorInterruptProc entry) { g.entry.store(entry, std::memory_order_release); }
+std::uint32_t ThreadHandle() { return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(g.thread)); }
+std::uint32_t Period() { return g.periodUs.load(std::memory_order_acquire); }
+
 }  // namespace
 
 ZOR_EXPORT uint32_t IRQ_GetSet(uint32_t code, uintptr_t arg) {
-    switch (code) {
-    case ZOR_FN_INITIALIZE:
-        return Start();
-    case ZOR_FN_SHUTDOWN:
-        Stop();
-        return 0;
-    case ZOR_GS_SET_INTERRUPT:
-        g.entry.store(reinterpret_cast<ZorInterruptProc>(arg), std::memory_order_release);
-        return 0;
-    case ZOR_GS_GET_THREAD:
-        return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(g.thread));
-    case ZOR_GS_IRQ_QUERY:
-        return g.periodUs.load(std::memory_order_acquire);
-    case ZOR_GS_IRQ_CONTROL:
-        return Control(static_cast<std::uint32_t>(arg));
-    default:
-        return 0;
-    }
+    static constexpr DriverParts kParts{Start, Stop, SetEntry, ThreadHandle, Period, Control};
+    return DriverGetSet(kParts, code, arg);
 }
 
 // How the event thread waits: 0 high-resolution waitable timer, 1 plain
