@@ -17,7 +17,7 @@ double Field(const std::string& out, const std::string& key) {
 ZorInstance::Options TimerHost() {
     ZorInstance::Options o;
     o.ini = "[INIT]\r\nLASTIRQ=timer.irq\r\n";
-    o.binFiles = {"timer.irq", "latency_isr.dll"};
+    o.binFiles = {"timer.irq", Mod("latency_isr")};
     o.testModules = {};
     return o;
 }
@@ -27,8 +27,8 @@ TEST(ClientTools, SampleClientThenZorctlCommandsAndTheirExitCodes) {
     // Mapping the system area makes this test a live client: the host does
     // not end by itself when a tool that mapped it exits.
     ASSERT_EQ(zor_system_area(zor.conn(), 0, nullptr), ZOR_OK);
-    auto ctl = [&](const std::wstring& args) { return Ctl(zor.Pid(), args); };
-    auto r = RunTool(BinFile("latency_client.exe"), L"--pid " + std::to_wstring(zor.Pid()) + L" --seconds 3");
+    auto ctl = [&](const std::vector<std::string>& args) { return Ctl(zor.Pid(), args); };
+    auto r = RunTool(BinFile(Exe("latency_client")), {"--pid", std::to_string(zor.Pid()), "--seconds", "3"});
     ASSERT_EQ(r.code, 0u) << r.out;
     EXPECT_NE(r.out.find("reset #1"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("[  2 s] events"), std::string::npos) << r.out;
@@ -40,32 +40,33 @@ TEST(ClientTools, SampleClientThenZorctlCommandsAndTheirExitCodes) {
     EXPECT_GE(Field(r.out, "mean_us"), 800) << r.out;
     EXPECT_GE(Field(r.out, "p99_us"), Field(r.out, "p50_us")) << r.out;
     std::uint32_t mod = 0;  // it unregistered its module on the way out
-    EXPECT_EQ(zor_find_module(zor.conn(), "latency_isr.dll", &mod), ZOR_E_NOT_REGISTERED);
+    EXPECT_EQ(zor_find_module(zor.conn(), Mod("latency_isr").c_str(), &mod), ZOR_E_NOT_REGISTERED);
 
-    r = ctl(L"status");
+    r = ctl({"status"});
     EXPECT_EQ(r.code, 0u) << r.out;
     EXPECT_NE(r.out.find("host running: pid " + std::to_string(zor.Pid())), std::string::npos) << r.out;
-    r = ctl(L"register latency_isr.dll --shm 9000");
+    r = ctl({"register", Mod("latency_isr"), "--shm", "9000"});
     ASSERT_EQ(r.code, 0u) << r.out;
     const auto at = r.out.find("as module ");
     ASSERT_NE(at, std::string::npos) << r.out;
-    const std::wstring n = std::to_wstring(std::atoi(r.out.c_str() + at + 10));
-    EXPECT_NE(ctl(L"info " + n).out.find("9000 bytes"), std::string::npos);
-    for (const wchar_t* ok : {L" 0102", L" 0102 --pipe"}) EXPECT_EQ(ctl(L"call " + n + ok).code, 0u) << ok;
-    r = ctl(L"exec " + n + L" 2 --wait 3000");  // a deferred request answered from the dispatch thread
+    const std::string n = std::to_string(std::atoi(r.out.c_str() + at + 10));
+    EXPECT_NE(ctl({"info", n}).out.find("9000 bytes"), std::string::npos);
+    EXPECT_EQ(ctl({"call", n, "0102"}).code, 0u);
+    EXPECT_EQ(ctl({"call", n, "0102", "--pipe"}).code, 0u);
+    r = ctl({"exec", n, "2", "--wait", "3000"});  // a deferred request answered from the dispatch thread
     EXPECT_EQ(r.code, 0u) << r.out;
     EXPECT_GT(std::atoi(r.out.c_str()), 0) << r.out;
     // Refusals exit 1, bad usage 2.
-    r = ctl(L"call 97 00");
+    r = ctl({"call", "97", "00"});
     EXPECT_EQ(r.code, 1u) << r.out;
     EXPECT_NE(r.out.find("no registered module"), std::string::npos) << r.out;
-    EXPECT_EQ(ctl(L"call " + n + L" 0g").code, 2u);
-    EXPECT_EQ(ctl(L"unregister " + n).code, 0u);
+    EXPECT_EQ(ctl({"call", n, "0g"}).code, 2u);
+    EXPECT_EQ(ctl({"unregister", n}).code, 0u);
 
     // Quit ends the host; then no host is found (exit 3).
-    EXPECT_EQ(ctl(L"quit").code, 0u);
+    EXPECT_EQ(ctl({"quit"}).code, 0u);
     EXPECT_TRUE(zor.Exited(5000));
-    r = ctl(L"status");
+    r = ctl({"status"});
     EXPECT_EQ(r.code, 3u) << r.out;
     EXPECT_NE(r.out.find("no host running"), std::string::npos) << r.out;
 }

@@ -2,6 +2,7 @@
 // module): module registration with private shared memory, the lookups,
 // requests by command and by pipe, the system area, unknown numbers and
 // malformed payloads, and a host that dies while a client waits.
+#include <atomic>
 #include <cstring>
 #include <thread>
 
@@ -44,11 +45,11 @@ TEST_F(Commands, ModuleRegistrationLookupsCallsPipeRequestsAndRemoval) {
     ASSERT_NE(c_, nullptr);
     std::uint32_t mod = 0, found = 0, size = 0, r = 0;
     ZorView shm{}, again{};
-    ASSERT_EQ(zor_register_module(c_, "test_isr.dll", 4096, &mod, &shm), ZOR_OK);
+    ASSERT_EQ(zor_register_module(c_, Mod("test_isr").c_str(), 4096, &mod, &shm), ZOR_OK);
     ASSERT_GE(mod, 1u);
     // Our duplicate of the module's memory shows what its Initialize wrote.
     EXPECT_EQ(*static_cast<std::uint32_t*>(shm.base), kEchoMark);
-    EXPECT_EQ(zor_find_module(c_, "TEST_ISR.DLL", &found), ZOR_OK);
+    EXPECT_EQ(zor_find_module(c_, Mod("TEST_ISR").c_str(), &found), ZOR_OK);
     EXPECT_EQ(found, mod);
     EXPECT_EQ(zor_module_info(c_, mod, &size), ZOR_OK);
     EXPECT_EQ(size, 4096u);
@@ -72,20 +73,20 @@ TEST_F(Commands, ModuleRegistrationLookupsCallsPipeRequestsAndRemoval) {
 
     // Command 2 answers 0 and removes it; the lookups then find nothing.
     EXPECT_EQ(zor_.Send(ZOR_CMD_ISR_UNREGISTER, Bytes(0, mod)), 0u);
-    EXPECT_EQ(zor_find_module(c_, "test_isr.dll", &found), ZOR_E_NOT_REGISTERED);
+    EXPECT_EQ(zor_find_module(c_, Mod("test_isr").c_str(), &found), ZOR_E_NOT_REGISTERED);
     EXPECT_EQ(zor_module_info(c_, mod, &size), ZOR_OK);
     EXPECT_EQ(size, 0u);
-    EXPECT_EQ(zor_register_module(c_, "no_such_module.dll", 0, &found, nullptr), ZOR_E_REFUSED);
+    EXPECT_EQ(zor_register_module(c_, Mod("no_such_module").c_str(), 0, &found, nullptr), ZOR_E_REFUSED);
     // Registered again, found again.
-    ASSERT_EQ(zor_register_module(c_, "test_isr.dll", 0, &mod, nullptr), ZOR_OK);
-    EXPECT_EQ(zor_find_module(c_, "test_isr.DLL", &found), ZOR_OK);
+    ASSERT_EQ(zor_register_module(c_, Mod("test_isr").c_str(), 0, &mod, nullptr), ZOR_OK);
+    EXPECT_EQ(zor_find_module(c_, Mod("test_ISR").c_str(), &found), ZOR_OK);
     EXPECT_EQ(found, mod);
-    EXPECT_TRUE(zor_.WaitLog("Register DLL test_isr.dll\n\r", 2));
+    EXPECT_TRUE(zor_.WaitLog("Register DLL " + Mod("test_isr") + "\n\r", 2));
     zor_unmap(&shm);
     zor_unmap(&again);
 }
 
-// The command intake's own tests cover each short payload; this is the window's path.
+// The command intake's own tests cover each short payload; this is the window's or socket's path.
 TEST_F(Commands, UnknownNumbersAndShortPayloadsAreRefusedAndHarmless) {
     for (std::uint64_t cmd : {0ull, 10ull, 16ull, ~0ull}) EXPECT_EQ(zor_.Send(cmd, Bytes(0x200000001)), 0u) << cmd;
     EXPECT_EQ(zor_.Send(ZOR_CMD_MODULE_CALL, {0, 0, 0, 0, 1}), 0xFFFFFFFFu);
@@ -100,25 +101,24 @@ TEST_F(Commands, UnknownNumbersAndShortPayloadsAreRefusedAndHarmless) {
 
 TEST_F(Commands, TheSystemAreaFollowsEventsAndAHostThatDiesEndsAWait) {
     std::uint32_t mod = 0, r = 0;
-    ASSERT_EQ(zor_register_module(c_, "test_isr.dll", 0, &mod, nullptr), ZOR_OK);
+    ASSERT_EQ(zor_register_module(c_, Mod("test_isr").c_str(), 0, &mod, nullptr), ZOR_OK);
     const ZorSystemSharedArea* area = nullptr;
     ASSERT_EQ(zor_system_area(c_, 0x10000, &area), ZOR_OK);
     EXPECT_EQ(area->capacity, 0x10000u - ZOR_SSA_QUEUE);
     ASSERT_EQ(zor_irq_control(c_, 5, &r), ZOR_OK);  // the trigger driver fires 5 events
     EXPECT_EQ(r, 1u);                                // its first sequence number
-    for (int i = 0; i < 300 && area->sequence != 5; ++i) Sleep(10);
+    for (int i = 0; i < 300 && area->sequence != 5; ++i) Pause(10);
     EXPECT_EQ(area->sequence, 5u);
 
     // Hold the queue's lock as a stuck writer would: nothing can be queued.
-    auto* sync = reinterpret_cast<volatile LONG*>(const_cast<std::uint32_t*>(&area->sync_tdl));
-    ASSERT_EQ(InterlockedExchange(sync, 1), 0);
+    ASSERT_EQ(std::atomic_ref(*const_cast<std::uint32_t*>(&area->sync_tdl)).exchange(1), 0u);
     std::thread killer([&] {
-        Sleep(400);
+        Pause(400);
         zor_.Kill();
     });
-    const ULONGLONG t0 = GetTickCount64();
+    const auto t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(zor_exec_isr_func(c_, mod, 1, nullptr, 0, 20000, &r), ZOR_E_HOST_GONE);
-    EXPECT_LT(GetTickCount64() - t0, 5000u);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5));
     killer.join();
     EXPECT_EQ(zor_irq_query(c_, &r), ZOR_E_HOST_GONE);  // every later call says so at once
     EXPECT_EQ(zor_module_call(c_, mod, 0, "x", 1, &r), ZOR_E_HOST_GONE);

@@ -13,7 +13,7 @@ run="$build/screenshot-run"
 mkdir -p "$out"
 rm -rf "$run"
 mkdir -p "$run"
-cp "$build/bin/zor.exe" "$build/bin/timer.irq" "$build/tests/bin/zor_client.exe" "$run/"
+cp "$build/bin/zor.exe" "$build/bin/timer.irq" "$build/tests/bin/dialog_click.exe" "$run/"
 printf '[INIT]\r\nLASTIRQ=timer.irq\r\nIRQPRIO=1\r\n' > "$run/ZOR.INI"
 
 export WINEPREFIX="$build/screenshot-prefix"
@@ -36,10 +36,10 @@ xvfb-run -a -s "-screen 0 480x300x24" bash -euo pipefail -c '
   host=$!
   sleep 5                                                                  # the timer runs
   pid=0   # the only host in this prefix: the client takes the first window
-  timeout 30 wine ./zor_client.exe $pid click 1003 </dev/null               # Stats
+  timeout 30 wine ./dialog_click.exe $pid 1003 </dev/null               # Stats
   sleep 1
   import -window root "$OUT/zor_dialog.png"
-  timeout 30 wine ./zor_client.exe $pid click 2 </dev/null || true   # Cancel: no clients, ends
+  timeout 30 wine ./dialog_click.exe $pid 2 </dev/null || true   # Cancel: no clients, ends
   wait $host || true
   timeout 60 wineserver -w || true
 '

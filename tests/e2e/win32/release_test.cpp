@@ -1,6 +1,6 @@
 // The one version of the build as a user sees it: the version resource of
 // every shipped file (Explorer's Details tab) and zorctl --version.
-#include "e2e_support.h"
+#include "win32/host_window.h"
 #include "zor/zor_version.h"
 
 namespace zor::e2e {
@@ -8,7 +8,7 @@ namespace {
 
 TEST(Release, EveryShippedFileCarriesTheBuildsVersion) {
     for (const char* file : {"zor.exe", "timer.irq", "trigger.irq", "event.irq", "zorclient.dll", "zorctl.exe"}) {
-        const std::wstring path = BinFile(file);
+        const std::wstring path = Widen(BinFile(file));
         DWORD unused = 0;
         const DWORD size = GetFileVersionInfoSizeW(path.c_str(), &unused);
         std::vector<unsigned char> block(size);
@@ -20,7 +20,7 @@ TEST(Release, EveryShippedFileCarriesTheBuildsVersion) {
         EXPECT_EQ(info->dwFileVersionMS, static_cast<DWORD>(MAKELONG(ZOR_VERSION_MINOR, ZOR_VERSION_MAJOR))) << file;
         EXPECT_EQ(info->dwFileVersionLS, static_cast<DWORD>(MAKELONG(0, ZOR_VERSION_PATCH))) << file;
     }
-    const RunResult r = RunTool(BinFile("zorctl.exe"), L"--version");
+    const RunResult r = RunTool(BinFile("zorctl.exe"), {"--version"});
     EXPECT_EQ(r.code, 0u);
     EXPECT_EQ(r.out.substr(0, r.out.find_first_of("\r\n")), std::string("zorctl ") + ZOR_VERSION_STRING);
 }
