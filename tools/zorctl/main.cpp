@@ -36,7 +36,7 @@ const char kHelp[] =
     "  irq-control VALUE           send VALUE to the IRQ driver, print its answer\n"
     "  call N HEXBYTES [--pipe] [--tag T]\n"
     "                              hand the bytes to module N's ExecRemoteFunc (by\n"
-    "                              window command, or over a pipe with --pipe)\n"
+    "                              command 5, or over a pipe with --pipe)\n"
     "  exec N FUNC [HEXBYTES] [--wait [MS]]\n"
     "                              run function FUNC of module N on the dispatch thread;\n"
     "                              --wait prints its result (default wait 2000 ms)\n"

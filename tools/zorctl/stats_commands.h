@@ -1,5 +1,5 @@
 // zorctl's commands that read the statistics area: stats, watch, plot. They
-// need no connection to the host's window and never make zorctl a client.
+// need no connection to the host and never make zorctl a client.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,7 @@ namespace zorctl {
 
 struct StatsOptions {
     std::uint32_t pid = 0;      // 0: the one running host
-    std::uint32_t timeout = 0;  // for finding the host window
+    std::uint32_t timeout = 0;  // for finding the host
     bool json = false;
     const char* svg = nullptr;
     std::uint32_t seconds = 0;
