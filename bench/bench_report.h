@@ -17,11 +17,12 @@
 namespace bench {
 
 struct Goal {
-    enum Kind { kNone, kMaxRatio, kMinValue } kind = kNone;
+    enum Kind { kNone, kMaxRatio, kMinValue, kMaxValue } kind = kNone;
     double limit = 0;
 };
 inline Goal MaxRatio(double r) { return {Goal::kMaxRatio, r}; }
 inline Goal MinValue(double v) { return {Goal::kMinValue, v}; }
+inline Goal MaxValue(double v) { return {Goal::kMaxValue, v}; }
 
 inline void Row(const char* figure, double value, const char* baseline, double base,
                 const char* unit, Goal goal = {}) {
@@ -35,6 +36,9 @@ inline void Row(const char* figure, double value, const char* baseline, double b
     } else if (goal.kind == Goal::kMinValue) {
         std::snprintf(verdict, sizeof verdict, ">= %.0f: %s", goal.limit,
                       value >= goal.limit ? "met" : "not met");
+    } else if (goal.kind == Goal::kMaxValue) {
+        std::snprintf(verdict, sizeof verdict, "<= %g %s: %s", goal.limit, unit,
+                      value <= goal.limit ? "met" : "not met");
     }
     std::printf("ROW | %s | %.4g | %s | %.4g | %.2fx | %s | %s |\n", figure, value, baseline, base,
                 ratio, unit, verdict);
