@@ -70,7 +70,7 @@ protected:
         msghdr msg{};
         msg.msg_iov = &iov;
         msg.msg_iovlen = 1;
-        if (!fds.empty()) {
+        if (!fds.empty()) {  // by hand: more than the host takes
             msg.msg_control = control;
             msg.msg_controllen = CMSG_SPACE(sizeof(int) * fds.size());
             cmsghdr* c = CMSG_FIRSTHDR(&msg);
@@ -81,19 +81,18 @@ protected:
         Pump();
         std::uint64_t result = 0xBAD;
         iovec in{&result, sizeof result};
+        os::posix::wire::Control answerControl;
         msghdr answer{};
         answer.msg_iov = &in;
         answer.msg_iovlen = 1;
-        answer.msg_control = control;
-        answer.msg_controllen = sizeof control;
+        answer.msg_control = answerControl.bytes;
+        answer.msg_controllen = sizeof answerControl.bytes;
         EXPECT_EQ(recvmsg(client_, &answer, MSG_DONTWAIT), 8);
-        for (cmsghdr* c = CMSG_FIRSTHDR(&answer); c; c = CMSG_NXTHDR(&answer, c)) {
-            for (std::size_t i = 0; i < (c->cmsg_len - CMSG_LEN(0)) / sizeof(int); ++i) {
-                int fd;
-                std::memcpy(&fd, CMSG_DATA(c) + i * sizeof(int), sizeof fd);
-                if (got) got->push_back(fd);
-                else close(fd);
-            }
+        int taken[os::posix::wire::kMaxDescriptors], n = 0;
+        os::posix::wire::take_descriptors(&answer, taken, &n);
+        for (int i = 0; i < n; ++i) {
+            if (got) got->push_back(taken[i]);
+            else close(taken[i]);
         }
         return result;
     }

@@ -20,6 +20,7 @@
 #include <new>
 
 #include "client/posix/link.h"
+#include "os/os.h"
 #include "os/posix/wire.h"
 
 namespace zor::client {
@@ -38,20 +39,10 @@ int OpenPidfd(std::uint32_t pid) {
 }
 
 // A process descriptor turns readable when the process has ended, zombies
-// included; kill(pid, 0) is the fallback where there is none.
+// included, and cannot be fooled by a reused pid.
 bool Ended(int pidfd) {
     pollfd p{pidfd, POLLIN, 0};
     return poll(&p, 1, 0) != 0;
-}
-
-bool PidAlive(std::uint32_t pid) {
-    if (pid == 0 || pid > 0x7FFFFFFFu) return false;
-    if (const int fd = OpenPidfd(pid); fd >= 0) {
-        const bool alive = !Ended(fd);
-        close(fd);
-        return alive;
-    }
-    return errno != ESRCH && (kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM);
 }
 
 // Calls visit(pid, made_ns) for each live host's socket in the runtime folder.
@@ -66,7 +57,7 @@ void Scan(F&& visit) {
         if (pid == 0 || (e->d_type != DT_SOCK && e->d_type != DT_UNKNOWN)) continue;
         struct stat st;
         if (fstatat(dirfd(d), e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISSOCK(st.st_mode)) continue;
-        if (PidAlive(pid)) visit(pid, st.st_mtim.tv_sec * 1000000000ll + st.st_mtim.tv_nsec);
+        if (os::process_alive(pid)) visit(pid, st.st_mtim.tv_sec * 1000000000ll + st.st_mtim.tv_nsec);
     }
     closedir(d);
 }
@@ -140,7 +131,7 @@ int ListHosts(std::uint32_t* pids, std::uint32_t cap, std::uint32_t* count) {
 }
 
 int Attach(ZorConnection* c, std::uint32_t host_pid, bool by_pid) {
-    if (by_pid) return PidAlive(host_pid) && Link1(c, host_pid) ? ZOR_OK : ZOR_E_NO_HOST;
+    if (by_pid) return os::process_alive(host_pid) && Link1(c, host_pid) ? ZOR_OK : ZOR_E_NO_HOST;
     // Any host: the newest first, as a new window comes first on Windows.
     struct Found {
         std::uint32_t pid;
@@ -164,7 +155,7 @@ void Detach(ZorConnection* c) {
 }
 
 bool HostAlive(ZorConnection* c) {
-    if (c->link->pidfd < 0) return PidAlive(c->host_pid);
+    if (c->link->pidfd < 0) return os::process_alive(c->host_pid);
     return !Ended(c->link->pidfd);
 }
 

@@ -29,11 +29,6 @@ struct Fds {
     }
 };
 
-union Control {
-    cmsghdr align;
-    char bytes[CMSG_SPACE(sizeof(int) * wire::kMaxDescriptors)];
-};
-
 void Drop(Link* l) {
     if (l->sock >= 0) close(l->sock);
     l->sock = -1;
@@ -55,17 +50,8 @@ int SendRequest(ZorConnection* c, std::uint64_t command, const void* payload, st
     msghdr m{};
     m.msg_iov = iov;
     m.msg_iovlen = size ? 2 : 1;
-    Control ctl;
-    if (out.n > 0) {
-        std::memset(&ctl, 0, sizeof ctl);
-        m.msg_control = ctl.bytes;
-        m.msg_controllen = CMSG_SPACE(sizeof(int) * out.n);
-        cmsghdr* h = CMSG_FIRSTHDR(&m);
-        h->cmsg_level = SOL_SOCKET;
-        h->cmsg_type = SCM_RIGHTS;
-        h->cmsg_len = CMSG_LEN(sizeof(int) * out.n);
-        std::memcpy(CMSG_DATA(h), out.fd, sizeof(int) * out.n);
-    }
+    wire::Control ctl;
+    wire::attach_descriptors(&m, &ctl, out.fd, out.n);
     for (;;) {
         if (sendmsg(l->sock, &m, MSG_NOSIGNAL) >= 0) return ZOR_OK;
         if (errno == EAGAIN || (errno == EINTR && !Rearm(l, deadline))) return Gone(c, ZOR_E_TIMEOUT);
@@ -78,7 +64,7 @@ int ReceiveAnswer(ZorConnection* c, std::uint64_t* answer, Fds* in, double deadl
     Link* l = c->link;
     unsigned char buf[16];
     iovec iov{buf, sizeof buf};
-    Control ctl;
+    wire::Control ctl;
     for (;;) {
         msghdr m{};
         m.msg_iov = &iov;
@@ -91,16 +77,8 @@ int ReceiveAnswer(ZorConnection* c, std::uint64_t* answer, Fds* in, double deadl
             if (errno == EINTR) continue;
             return Gone(c, ZOR_E_REFUSED);
         }
-        for (cmsghdr* h = CMSG_FIRSTHDR(&m); h; h = CMSG_NXTHDR(&m, h)) {
-            if (h->cmsg_level != SOL_SOCKET || h->cmsg_type != SCM_RIGHTS) continue;
-            const int k = static_cast<int>((h->cmsg_len - CMSG_LEN(0)) / sizeof(int));
-            for (int i = 0; i < k; ++i) {
-                int fd;
-                std::memcpy(&fd, CMSG_DATA(h) + i * sizeof(int), sizeof fd);
-                if (in->n < wire::kMaxDescriptors) in->fd[in->n++] = AboveZero(fd);
-                else close(fd);
-            }
-        }
+        wire::take_descriptors(&m, in->fd, &in->n);  // more than we take are closed
+        for (int i = 0; i < in->n; ++i) in->fd[i] = AboveZero(in->fd[i]);
         if (n == 0) return Gone(c, ZOR_E_REFUSED);  // the host closed our end
         if (n != 8 || (m.msg_flags & (MSG_TRUNC | MSG_CTRUNC))) return ZOR_E_SYSTEM;
         std::memcpy(answer, buf, 8);

@@ -40,4 +40,36 @@ std::uint32_t socket_pid(const char* name) {
     return static_cast<std::uint32_t>(pid);
 }
 
+void attach_descriptors(msghdr* msg, Control* control, const int* fds, int n) {
+    if (n <= 0) return;
+    std::memset(control, 0, sizeof *control);
+    msg->msg_control = control->bytes;
+    msg->msg_controllen = CMSG_SPACE(sizeof(int) * n);
+    cmsghdr* c = CMSG_FIRSTHDR(msg);
+    c->cmsg_level = SOL_SOCKET;
+    c->cmsg_type = SCM_RIGHTS;
+    c->cmsg_len = CMSG_LEN(sizeof(int) * n);
+    std::memcpy(CMSG_DATA(c), fds, sizeof(int) * n);
+}
+
+bool take_descriptors(msghdr* msg, int* fds, int* n) {
+    bool ok = (msg->msg_flags & MSG_CTRUNC) == 0;
+    *n = 0;
+    for (cmsghdr* c = CMSG_FIRSTHDR(msg); c; c = CMSG_NXTHDR(msg, c)) {
+        if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
+        const std::size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        for (std::size_t i = 0; i < count; ++i) {
+            int fd;
+            std::memcpy(&fd, CMSG_DATA(c) + i * sizeof(int), sizeof fd);
+            if (*n < kMaxDescriptors) {
+                fds[(*n)++] = fd;
+            } else {
+                close(fd);
+                ok = false;
+            }
+        }
+    }
+    return ok;
+}
+
 }  // namespace zor::os::posix::wire

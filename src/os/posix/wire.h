@@ -15,6 +15,8 @@
 // and does not use.
 #pragma once
 
+#include <sys/socket.h>
+
 #include <cstddef>
 #include <cstdint>
 
@@ -33,5 +35,18 @@ bool runtime_dir(char* out, std::size_t cap);
 bool socket_path(std::uint32_t pid, char* out, std::size_t cap);
 // The pid of a socket file name "zor-<pid>.sock"; 0 for any other name.
 std::uint32_t socket_pid(const char* name);
+
+// Room for one SCM_RIGHTS record of kMaxDescriptors.
+union Control {
+    cmsghdr align;
+    char bytes[CMSG_SPACE(sizeof(int) * kMaxDescriptors)];
+};
+// Attaches fds[0..n) (n <= kMaxDescriptors) to `msg` through `control`;
+// n 0 attaches nothing.
+void attach_descriptors(msghdr* msg, Control* control, const int* fds, int n);
+// The descriptors a received message carries, in order, into fds[0..*n).
+// False when it carried more than kMaxDescriptors (or the kernel cut them
+// short): those beyond are closed.
+bool take_descriptors(msghdr* msg, int* fds, int* n);
 
 }  // namespace zor::os::posix::wire

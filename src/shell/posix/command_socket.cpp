@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <grp.h>
 #include <new>
 #include <sys/socket.h>
@@ -23,43 +24,9 @@ namespace {
 
 constexpr std::uint32_t kDatagramMax = 8 + wire::kMaxPayload;
 
-// The folder and its parents, like mkdir -p; the last one with `mode`.
-bool MakeFolder(const char* dir, mode_t mode) {
-    char p[256];
-    std::strncpy(p, dir, sizeof p - 1);
-    p[sizeof p - 1] = 0;
-    for (char* s = p + 1; *s; ++s) {
-        if (*s != '/') continue;
-        *s = 0;
-        if (mkdir(p, 0755) != 0 && errno != EEXIST) return false;
-        *s = '/';
-    }
-    return mkdir(p, mode) == 0 || errno == EEXIST;
-}
-
 void CloseAll(const int* fds, int n) {
     for (int i = 0; i < n; ++i)
         if (fds[i] >= 0) close(fds[i]);
-}
-
-// The descriptors of SCM_RIGHTS records, at most kMaxDescriptors; false
-// when the datagram carried more (the kernel cut the control data).
-bool TakeDescriptors(msghdr* msg, os::posix::ServedMessage* m) {
-    bool ok = (msg->msg_flags & MSG_CTRUNC) == 0;
-    for (cmsghdr* c = CMSG_FIRSTHDR(msg); c; c = CMSG_NXTHDR(msg, c)) {
-        if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
-        const int n = static_cast<int>((c->cmsg_len - CMSG_LEN(0)) / sizeof(int));
-        for (int i = 0; i < n; ++i) {
-            int fd;
-            std::memcpy(&fd, CMSG_DATA(c) + i * sizeof(int), sizeof fd);
-            if (m->receivedCount < wire::kMaxDescriptors) m->received[m->receivedCount++] = fd;
-            else {
-                close(fd);
-                ok = false;
-            }
-        }
-    }
-    return ok;
 }
 
 // One answer datagram: the result, and the descriptors given to the peer.
@@ -70,16 +37,8 @@ bool Answer(int fd, std::uint64_t result, const os::posix::ServedMessage& m) {
     msghdr msg{};
     msg.msg_iov = &iov;
     msg.msg_iovlen = 1;
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * wire::kMaxDescriptors)];
-    if (m.givenCount > 0) {
-        msg.msg_control = control;
-        msg.msg_controllen = CMSG_SPACE(sizeof(int) * m.givenCount);
-        cmsghdr* c = CMSG_FIRSTHDR(&msg);
-        c->cmsg_level = SOL_SOCKET;
-        c->cmsg_type = SCM_RIGHTS;
-        c->cmsg_len = CMSG_LEN(sizeof(int) * m.givenCount);
-        std::memcpy(CMSG_DATA(c), m.given, sizeof(int) * m.givenCount);
-    }
+    wire::Control control;
+    wire::attach_descriptors(&msg, &control, m.given, m.givenCount);
     return sendmsg(fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT) == static_cast<ssize_t>(sizeof result);
 }
 
@@ -120,7 +79,11 @@ bool CommandSocket::Listen(const char* group) {
     const bool fits = std::strlen(path_) < sizeof addr.sun_path;
     if (fits) std::strcpy(addr.sun_path, path_);
     const mode_t mode = access_.hasGroup ? 0660 : 0600;
-    bool ok = fits && MakeFolder(dir, access_.hasGroup ? 0750 : 0700);
+    // A folder made here is the host's: closed to others but the group.
+    std::error_code made;
+    bool ok = fits;
+    if (ok && std::filesystem::create_directories(dir, made)) chmod(dir, access_.hasGroup ? 0750 : 0700);
+    ok = ok && !made;
     if (ok) {
         if (access_.hasGroup) chown(dir, static_cast<uid_t>(-1), access_.group);
         unlink(path_);  // a dead host's socket under a reused pid
@@ -198,18 +161,18 @@ void CommandSocket::Serve(int slot, const DialogEnder& ender) {
     m.peerPid = peer.pid;
     m.peerUid = peer.uid;
     iovec iov{buffer_, kDatagramMax + 1};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * wire::kMaxDescriptors)];
+    wire::Control control;
     msghdr msg{};
     msg.msg_iov = &iov;
     msg.msg_iovlen = 1;
-    msg.msg_control = control;
-    msg.msg_controllen = sizeof control;
+    msg.msg_control = control.bytes;
+    msg.msg_controllen = sizeof control.bytes;
     const ssize_t got = recvmsg(peer.fd, &msg, MSG_CMSG_CLOEXEC | MSG_TRUNC | MSG_DONTWAIT);
     if (got <= 0) {
         if (got == 0 || (errno != EAGAIN && errno != EINTR)) Drop(slot);  // the peer went
         return;
     }
-    const bool descriptorsOk = TakeDescriptors(&msg, &m);
+    const bool descriptorsOk = wire::take_descriptors(&msg, m.received, &m.receivedCount);
     std::uint64_t command = 0;
     if (got >= 8) std::memcpy(&command, buffer_, sizeof command);
     std::uint64_t result = command == 5 ? 0xFFFFFFFFu : 0;
