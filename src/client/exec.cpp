@@ -1,10 +1,10 @@
 // ExecISRFunc from a client process: the request is queued in the system
-// area with the host's own writer (modules/tdl_writer), so client and host
+// area with the host's own writer (modules/deferred_list_writer), so client and host
 // follow one set of rules for SyncTDL, result slots and bounds. What is
 // added here is the client's view of time: a deadline of the caller's
 // choosing and a host that may end while we wait.
 #include "client/connection.h"
-#include "modules/tdl_writer.h"
+#include "modules/deferred_list_writer.h"
 
 namespace {
 

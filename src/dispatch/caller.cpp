@@ -62,9 +62,11 @@ void GuardedCall(void* p) {
     char16_t line[Logger::kMaxLineUnits];
     const std::size_t cap = Logger::kMaxLineUnits;
     std::size_t n = wformat(line, cap, u"ZOR: %s: %s(", name, Caller::FunctionCodeName(code));
-    if (code == 1 || code == 3 || code == 7 || code == 8 || code == 9 || code == 20) {
+    if (code == ZOR_FN_INITIALIZE || code == ZOR_FN_SET_SERVICE_PROC || code == ZOR_FN_SET_ISR_HANDLE ||
+        code == ZOR_FN_ATTACH || code == ZOR_FN_DETACH || code == ZOR_FN_INTERRUPT) {
         n += wformat(line + n, cap - n, u"%p", reinterpret_cast<void*>(arg));
-    } else if ((code == 5 || code == 6) && arg != 0 && blockBytes >= 8) {
+    } else if ((code == ZOR_FN_EXEC_ISR_FUNC || code == ZOR_FN_EXEC_REMOTE_FUNC) && arg != 0 &&
+               blockBytes >= 8) {
         // The word count is the module's or client's: read no further than
         // the bytes the block really has (blockBytes) and the largest packet.
         // Deferred entries follow each other unaligned: read words bytewise.
@@ -84,7 +86,7 @@ void GuardedCall(void* p) {
         }
     }
     wcopy(line + n, cap - n, tail);
-    log.wPrintf(0, 1, u"%s", line);
+    log.wPrintf(kLogTiming, u"%s", line);
 }
 
 }  // namespace
@@ -165,7 +167,7 @@ void Caller::ReportFault(std::uint32_t slot, const void* address) {
         wcopy(faultModuleName_, 260, name);
         faultNameBusy_.store(false, std::memory_order_release);
     }
-    h_.log.wPrintf(2, 0, u"ZOR: ISR '%s' caused exception in '%s'!\n\r", h_.slots[slot].name,
+    h_.log.wPrintf(kLogFault, u"ZOR: ISR '%s' caused exception in '%s'!\n\r", h_.slots[slot].name,
                    name);
 }
 
@@ -188,19 +190,19 @@ void Caller::ReportCall(std::uint32_t slot, double elapsed, std::uint32_t code,
     ModuleSlot& s = h_.slots[slot];
     const char16_t* suffix = (flags & kFlagTdl) ? u" (TDL)" : u"";
     if (elapsed > kSlowCallMs && h_.dispatcher.IsDispatchThread() &&
-        h_.log.wPrintf_IsUserLevelActive(0, 1)) {
-        if (code > 21) {
-            h_.log.wPrintf(0, 1, u"ZOR: %s used %3.2f ms (unknown func=%ld)%s\n\r", s.name,
+        h_.log.IsActive(kLogTiming)) {
+        if (code > ZOR_GS_SET_INTERRUPT) {
+            h_.log.wPrintf(kLogTiming, u"ZOR: %s used %3.2f ms (unknown func=%ld)%s\n\r", s.name,
                            elapsed, static_cast<long>(static_cast<std::int32_t>(code)), suffix);
             return;
         }
         LogSlowCall(h_.log, s.name, elapsed, code, arg, suffix, BlockBytes(flags, arg));
     }
-    if (code == 20) {
+    if (code == ZOR_FN_INTERRUPT) {
         s.interruptStat.Add(elapsed);
         h_.stats.OnIsrCall(slot, elapsed, (flags & kFlagInEvent) != 0);
     }
-    if (code == 5) {
+    if (code == ZOR_FN_EXEC_ISR_FUNC) {
         s.execStat.Add(elapsed);
         h_.stats.OnExecCall();
     }
@@ -214,7 +216,7 @@ void Caller::AddThreadContext(std::uint32_t threadId, std::uint32_t context) {
             return;
         }
     }
-    h_.log.wPrintf(2, 0, u"ZOR: Out of thread contexts!\n");
+    h_.log.wPrintf(kLogFault, u"ZOR: Out of thread contexts!\n");
 }
 
 void Caller::RemoveThreadContext(std::uint32_t threadId) {
@@ -232,19 +234,19 @@ std::uint32_t Caller::GetThreadContext(std::uint32_t threadId) {
             return c.context.load(std::memory_order_relaxed);
         }
     }
-    h_.log.wPrintf(2, 0, u"ZOR: context for thread %x not found!\n", static_cast<unsigned>(threadId));
+    h_.log.wPrintf(kLogFault, u"ZOR: context for thread %x not found!\n", static_cast<unsigned>(threadId));
     return 0;
 }
 
 const char16_t* Caller::FunctionCodeName(std::uint32_t code) {
-    static constexpr char16_t kNames[21][20] = {
+    static constexpr char16_t kNames[ZOR_GS_SET_INTERRUPT][20] = {
         u"?? (0)",      u"Initialize",     u"Shutdown",      u"SetServiceProc",
         u"EditProperties", u"ExecISRFunc", u"ExecRemoteFunc", u"SetISRHandle",
         u"Attach",      u"Detach",         u"?? (10)",       u"?? (11)",
         u"?? (12)",     u"?? (13)",        u"?? (14)",       u"?? (15)",
         u"?? (16)",     u"?? (17)",        u"?? (18)",       u"?? (19)",
         u"Interrupt"};
-    return code < 21 ? kNames[code] : u"";
+    return code < ZOR_GS_SET_INTERRUPT ? kNames[code] : u"";
 }
 
 }  // namespace zor

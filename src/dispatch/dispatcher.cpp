@@ -103,12 +103,12 @@ void Dispatcher::PauseISR(bool pause) {
     // One look only: an event in progress costs the full 2000 ms.
     if (inDispatch.load(std::memory_order_seq_cst) == 0) return;
     while (os::tick_ms() < start + 2000u) os::sleep_ms(1);
-    h_.log.wPrintf(2, 0, u"ZOR: PauseISR timed out!\n\r");
+    h_.log.wPrintf(kLogFault, u"ZOR: PauseISR timed out!\n\r");
 }
 
 std::uint32_t Dispatcher::BlockISR(std::uint32_t handle, std::uint32_t block) {
     if (h_.slots.Check(handle) == 0) {
-        h_.log.wPrintf(2, 1, u"ZOR: SERV_BlockISR: invalid DLL handle! (%ld)\n\r",
+        h_.log.wPrintf(kLogError, u"ZOR: SERV_BlockISR: invalid DLL handle! (%ld)\n\r",
                        AsLong(handle));
         return 0;
     }
@@ -122,13 +122,13 @@ std::uint32_t Dispatcher::BlockISR(std::uint32_t handle, std::uint32_t block) {
         if (s.busy.load(std::memory_order_acquire) == 0) return 0;
         os::sleep_ms(10);
     }
-    h_.log.wPrintf(2, 1, u"ZOR: BlockISR timeout!\n");
+    h_.log.wPrintf(kLogError, u"ZOR: BlockISR timeout!\n");
     return 0;
 }
 
 std::int32_t Dispatcher::ISRBlocked(std::uint32_t handle) {
     if (h_.slots.Check(handle) == 0) {
-        h_.log.wPrintf(2, 1, u"ZOR: SERV_ISRBlocked: invalid DLL handle! (%ld)\n\r",
+        h_.log.wPrintf(kLogError, u"ZOR: SERV_ISRBlocked: invalid DLL handle! (%ld)\n\r",
                        AsLong(handle));
         return 0;
     }

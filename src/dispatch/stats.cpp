@@ -37,16 +37,16 @@ bool StatsArea::Publish() {
     const os::Handle h = os::mapping_create_named(name_, sizeof(ZorStats), &existed);
     if (h == 0) {
         if (existed) {
-            h_.log.wPrintf(2, 1, u"ZOR: statistics area '%s' already exists, not ours to use! Running without it.\n\r", name_);
+            h_.log.wPrintf(kLogError, u"ZOR: statistics area '%s' already exists, not ours to use! Running without it.\n\r", name_);
         } else {
-            h_.log.wPrintf(2, 1, u"ZOR: statistics area '%s' not created (%08x)! Running without it.\n\r", name_,
+            h_.log.wPrintf(kLogError, u"ZOR: statistics area '%s' not created (%08x)! Running without it.\n\r", name_,
                            static_cast<unsigned>(os::last_error()));
         }
         return false;
     }
     void* view = os::mapping_map(h, sizeof(ZorStats));
     if (view == nullptr) {
-        h_.log.wPrintf(2, 1, u"ZOR: statistics area '%s' not mapped (%08x)! Running without it.\n\r", name_,
+        h_.log.wPrintf(kLogError, u"ZOR: statistics area '%s' not mapped (%08x)! Running without it.\n\r", name_,
                        static_cast<unsigned>(os::last_error()));
         os::handle_close(h);
         os::mapping_remove_name(name_);
@@ -68,7 +68,7 @@ bool StatsArea::Publish() {
     PutText(a->info.log_file, 260, path);
     std::atomic_ref<std::uint32_t>(a->magic).store(ZOR_STATS_MAGIC, std::memory_order_release);
     area_.store(a, std::memory_order_release);
-    h_.log.wPrintf(2, 6, u"ZOR: statistics in '%s' (%u bytes, read-only for others)\n\r", name_,
+    h_.log.wPrintf(kLogTrace, u"ZOR: statistics in '%s' (%u bytes, read-only for others)\n\r", name_,
                    static_cast<unsigned>(sizeof(ZorStats)));
     return true;
 }

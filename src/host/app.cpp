@@ -44,7 +44,7 @@ int RunZorApp(const char16_t* commandLine, DialogShell& shell) {
         SetRunningHost(nullptr);
         delete host;
     } else {
-        logger.wPrintf(2, 0, u"ZOR: a client request is still running in a module: exit without cleanup\n\r");
+        logger.wPrintf(kLogFault, u"ZOR: a client request is still running in a module: exit without cleanup\n\r");
     }
     logger.End();
     return 0;

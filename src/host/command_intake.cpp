@@ -46,14 +46,14 @@ constexpr std::uint32_t kNameOffset = 16;
 
 bool TooShort(Host& h, std::uint32_t cmd, const Payload& p, std::uint32_t need) {
     if (p.Has(need)) return false;
-    h.log.wPrintf(2, 1, u"ZOR: command %d: payload of %u bytes too short\n\r", cmd, p.Size());
+    h.log.wPrintf(kLogError, u"ZOR: command %d: payload of %u bytes too short\n\r", cmd, p.Size());
     return true;
 }
 
 bool NameMissing(Host& h, std::uint32_t cmd, const Payload& p) {
     if (TooShort(h, cmd, p, kNameOffset + 2)) return true;
     if (p.TerminatedAt(kNameOffset)) return false;
-    h.log.wPrintf(2, 1, u"ZOR: command %d: name not terminated in %u bytes\n\r", cmd, p.Size());
+    h.log.wPrintf(kLogError, u"ZOR: command %d: name not terminated in %u bytes\n\r", cmd, p.Size());
     return true;
 }
 
@@ -71,7 +71,7 @@ struct Copy {
 
 bool CopyFailed(Host& h, std::uint32_t cmd, const Copy& c, std::uint32_t size) {
     if (c.bytes) return false;
-    h.log.wPrintf(2, 0, u"ZOR: command %d: no memory for %u bytes\n\r", cmd, size);
+    h.log.wPrintf(kLogFault, u"ZOR: command %d: no memory for %u bytes\n\r", cmd, size);
     return true;
 }
 

@@ -60,9 +60,9 @@ void LoadConfig(Host& host) {
 
     ReadConfigFiles(host);
 
-    host.log.wPrintf(2, 0, u"SZINI: %s\r\n", c.szIni);
-    host.log.wPrintf(2, 0, u"SZINIW: %s\r\n", c.szIniW);
-    host.log.wPrintf(2, 0, u"SZEXE: %s\r\n", c.szExe);
+    host.log.wPrintf(kLogFault, u"SZINI: %s\r\n", c.szIni);
+    host.log.wPrintf(kLogFault, u"SZINIW: %s\r\n", c.szIniW);
+    host.log.wPrintf(kLogFault, u"SZEXE: %s\r\n", c.szExe);
 }
 
 void AppendClientPid(Host& host, std::uint32_t pid) {

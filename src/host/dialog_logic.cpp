@@ -32,7 +32,7 @@ bool AutoKillDue(Host& host, std::uintptr_t timerId) {
     if (timerId != kAutoKillTimerId) return false;
     if (host.config.clientCount.load(std::memory_order_relaxed) == 0) return false;
     if (!IsNoClientAlive(host)) return false;
-    host.log.wPrintf(2, 6, u"ZOR: AutoKill!\n\r");
+    host.log.wPrintf(kLogTrace, u"ZOR: AutoKill!\n\r");
     return true;
 }
 

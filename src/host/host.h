@@ -6,15 +6,15 @@
 
 #include <cstdint>
 
-#include "clients/client_registry.h"
+#include "pipes/client_registry.h"
 #include "dispatch/caller.h"
 #include "dispatch/dispatcher.h"
 #include "dispatch/stats.h"
 #include "host/config.h"
-#include "irq/irq_driver.h"
-#include "lock/page_locker.h"
-#include "modules/registry.h"
-#include "modules/services.h"
+#include "control/irq_driver.h"
+#include "pagelock/page_locker.h"
+#include "control/registry.h"
+#include "control/services.h"
 #include "modules/shared_mem.h"
 #include "modules/slot_table.h"
 #include "support/critsec.h"

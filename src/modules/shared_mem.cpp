@@ -28,13 +28,13 @@ std::uint64_t SharedMemory::SysMem(std::uint32_t pid, std::uint32_t size) {
     const bool complete = mapping_ != 0 && Area() != nullptr;
     if (mapping_ == 0) {
         if (size < ZOR_SSA_MIN_SIZE) {
-            h_.log.wPrintf(2, 0, u"ZOR: System shared memory of %u bytes refused, at least %u bytes needed!\n\r",
+            h_.log.wPrintf(kLogFault, u"ZOR: System shared memory of %u bytes refused, at least %u bytes needed!\n\r",
                            size, ZOR_SSA_MIN_SIZE);
             return 0;
         }
         mapping_ = os::mapping_create(size);
         if (mapping_ == 0) {
-            h_.log.wPrintf(2, 0, u"ZOR: Failed to alloc system shared memory!\n\r");
+            h_.log.wPrintf(kLogFault, u"ZOR: Failed to alloc system shared memory!\n\r");
             if (!complete) ReleaseLocked();
             return 0;
         }
@@ -44,14 +44,14 @@ std::uint64_t SharedMemory::SysMem(std::uint32_t pid, std::uint32_t size) {
     const bool duplicated = process != 0 && os::handle_dup_to(process, mapping_, &remote);
     if (process != 0) os::handle_close(process);
     if (!duplicated) {
-        h_.log.wPrintf(2, 0, u"ZOR: Failed to duplicate handle for system shared memory!\n\r");
+        h_.log.wPrintf(kLogFault, u"ZOR: Failed to duplicate handle for system shared memory!\n\r");
         if (!complete) ReleaseLocked();
         return 0;
     }
     if (Area() == nullptr) {
         auto* view = static_cast<unsigned char*>(os::mapping_map(mapping_, size));
         if (view == nullptr) {
-            h_.log.wPrintf(2, 0, u"ZOR: Failed to map view of system shared memory!\n\r");
+            h_.log.wPrintf(kLogFault, u"ZOR: Failed to map view of system shared memory!\n\r");
             if (!complete) ReleaseLocked();
             return 0;
         }
@@ -95,7 +95,7 @@ std::uint64_t SharedMemory::GetIsrMem(std::uint32_t pid, std::uint64_t number) {
     const bool duplicated =
         process != 0 && os::handle_dup_to(process, h_.slots[slot].mapping, &remote);
     if (!duplicated) {
-        h_.log.wPrintf(2, 0, u"ZOR: GetIsrMem of failed to duplicate handle for shared memory (%08x)!\n\r",
+        h_.log.wPrintf(kLogFault, u"ZOR: GetIsrMem of failed to duplicate handle for shared memory (%08x)!\n\r",
                        os::last_error());
     }
     if (process != 0) os::handle_close(process);

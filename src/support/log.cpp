@@ -146,6 +146,13 @@ void Logger::wPrintf(std::uint32_t level, std::uint32_t mask, const char16_t* fm
     va_end(ap);
 }
 
+void Logger::wPrintf(LogKind kind, const char16_t* fmt, ...) {
+    std::va_list ap;
+    va_start(ap, fmt);
+    vwPrintf(kind.level, kind.mask, fmt, ap);
+    va_end(ap);
+}
+
 void Logger::vwPrintf(std::uint32_t level, std::uint32_t mask, const char16_t* fmt, std::va_list ap) {
     Impl& I = *impl_;
     if (!I.IsActive(level, mask) || !I.running.load(std::memory_order_acquire)) return;

@@ -71,6 +71,16 @@
 
 namespace zor {
 
+// What a host line is about: the level/mask pair that LOGACTIVE filters on.
+struct LogKind {
+    std::uint32_t level, mask;
+};
+inline constexpr LogKind kLogTrace{2, 6};        // routine traces and reports
+inline constexpr LogKind kLogError{2, 1};        // errors worth attention
+inline constexpr LogKind kLogFault{2, 0};        // faults and internal errors
+inline constexpr LogKind kLogUnknownCall{2, 2};  // unknown service calls
+inline constexpr LogKind kLogTiming{0, 1};       // timing and communication warnings
+
 class Logger {
 public:
     // Receives each written entry (text exactly as formatted, UTF-8), on the
@@ -113,6 +123,8 @@ public:
     void vwPrintf(std::uint32_t level, std::uint32_t mask, const char16_t* fmt,
                   std::va_list ap);
     bool wPrintf_IsUserLevelActive(std::uint32_t level, std::uint32_t mask) const;
+    void wPrintf(LogKind kind, const char16_t* fmt, ...);
+    bool IsActive(LogKind kind) const { return wPrintf_IsUserLevelActive(kind.level, kind.mask); }
 
     // Same syntax as ZOR_LOG_ACTIVE; replaces the active set.
     bool SetActive(const char* list);

@@ -26,7 +26,7 @@
 #include <thread>
 
 #include "common/test_host.h"
-#include "modules/tdl_writer.h"
+#include "modules/deferred_list_writer.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include "common/heap_area_os.h"
 #include "common/fuzz_host.h"
 #include "common/test_host.h"
-#include "modules/tdl_writer.h"
+#include "modules/deferred_list_writer.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     zor::test::FuzzBytes in{data, size};

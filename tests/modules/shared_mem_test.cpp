@@ -5,7 +5,7 @@
 
 #include "common/test_host.h"
 #include "common/heap_area_os.h"
-#include "modules/tdl_writer.h"
+#include "modules/deferred_list_writer.h"
 
 namespace zor {
 namespace {

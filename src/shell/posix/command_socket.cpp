@@ -57,7 +57,7 @@ bool CommandSocket::ReadGroup(const char* group) {
     if (!group[0]) return true;
     struct group* g = getgrnam(group);
     if (!g) {
-        host_.log.wPrintf(2, 0, u"ZOR: command socket: GROUP '%S' unknown\n\r", group);
+        host_.log.wPrintf(kLogFault, u"ZOR: command socket: GROUP '%S' unknown\n\r", group);
         return false;
     }
     access_.hasGroup = true;
@@ -71,7 +71,7 @@ bool CommandSocket::Listen(const char* group) {
     char dir[256];
     if (!buffer_ || !ReadGroup(group) || !wire::runtime_dir(dir, sizeof dir) ||
         !wire::socket_path(static_cast<std::uint32_t>(getpid()), path_, sizeof path_)) {
-        host_.log.wPrintf(2, 0, u"ZOR: command socket: cannot be made\n\r");
+        host_.log.wPrintf(kLogFault, u"ZOR: command socket: cannot be made\n\r");
         return false;
     }
     sockaddr_un addr{};
@@ -94,11 +94,11 @@ bool CommandSocket::Listen(const char* group) {
              listen(listen_, 16) == 0;
     }
     if (!ok) {
-        host_.log.wPrintf(2, 0, u"ZOR: command socket: cannot listen on '%S' (%S)\n\r", path_,
+        host_.log.wPrintf(kLogFault, u"ZOR: command socket: cannot listen on '%S' (%S)\n\r", path_,
                           std::strerror(errno));
         return false;
     }
-    host_.log.wPrintf(2, 6, u"ZOR: command socket %S (mode %o)\n\r", path_, static_cast<unsigned>(mode));
+    host_.log.wPrintf(kLogTrace, u"ZOR: command socket %S (mode %o)\n\r", path_, static_cast<unsigned>(mode));
     return true;
 }
 
@@ -135,7 +135,7 @@ void CommandSocket::Accept() {
     }
     if (getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups, &glen) != 0) glen = 0;
     if (!PeerAllowed(access_, cred.uid, cred.gid, groups, static_cast<int>(glen / sizeof groups[0]))) {
-        host_.log.wPrintf(2, 1, u"ZOR: command socket: peer pid %u uid %u refused\n\r",
+        host_.log.wPrintf(kLogError, u"ZOR: command socket: peer pid %u uid %u refused\n\r",
                           static_cast<unsigned>(cred.pid), static_cast<unsigned>(cred.uid));
         close(fd);
         return;
@@ -145,7 +145,7 @@ void CommandSocket::Accept() {
         p = Peer{fd, static_cast<std::uint32_t>(cred.pid), static_cast<std::uint32_t>(cred.uid)};
         return;
     }
-    host_.log.wPrintf(2, 1, u"ZOR: command socket: more than %d peers, pid %u refused\n\r", kMaxPeers,
+    host_.log.wPrintf(kLogError, u"ZOR: command socket: more than %d peers, pid %u refused\n\r", kMaxPeers,
                       static_cast<unsigned>(cred.pid));
     close(fd);
 }
@@ -177,10 +177,10 @@ void CommandSocket::Serve(int slot, const DialogEnder& ender) {
     if (got >= 8) std::memcpy(&command, buffer_, sizeof command);
     std::uint64_t result = command == 5 ? 0xFFFFFFFFu : 0;
     if (got < 8 || static_cast<std::uint64_t>(got) > kDatagramMax) {
-        host_.log.wPrintf(2, 1, u"ZOR: command socket: datagram of %u bytes refused\n\r",
+        host_.log.wPrintf(kLogError, u"ZOR: command socket: datagram of %u bytes refused\n\r",
                           static_cast<unsigned>(got));
     } else if (!descriptorsOk) {
-        host_.log.wPrintf(2, 1, u"ZOR: command socket: more than %d descriptors refused\n\r",
+        host_.log.wPrintf(kLogError, u"ZOR: command socket: more than %d descriptors refused\n\r",
                           wire::kMaxDescriptors);
     } else {
         os::posix::serve_message(&m);
@@ -188,7 +188,7 @@ void CommandSocket::Serve(int slot, const DialogEnder& ender) {
                             ender);
         os::posix::serve_message(nullptr);
         if (m.refusedPid)
-            host_.log.wPrintf(2, 1, u"ZOR: command %d: payload pid %u is not the peer's (pid %u uid %u)\n\r",
+            host_.log.wPrintf(kLogError, u"ZOR: command %d: payload pid %u is not the peer's (pid %u uid %u)\n\r",
                               static_cast<int>(command), m.refusedPid, m.peerPid, m.peerUid);
     }
     const bool answered = Answer(peer.fd, result, m);

@@ -13,7 +13,7 @@
 #include "host/config.h"
 #include "host/dialog_logic.h"
 #include "host/host.h"
-#include "irq/selection.h"
+#include "control/driver_selection.h"
 #include "os/os.h"
 #include "os/posix/process_setup.h"
 #include "shell/posix/command_socket.h"
@@ -90,11 +90,11 @@ struct Loop {
 void LockMemory(Host& host) {
 #ifdef ZOR_SANITIZED
     // The sanitizers' shadow memory is terabytes of reserved pages.
-    host.log.wPrintf(2, 6, u"ZOR: memory not locked (%S)\n\r", "sanitizer build");
+    host.log.wPrintf(kLogTrace, u"ZOR: memory not locked (%S)\n\r", "sanitizer build");
 #else
     char why[128];
-    if (os::posix::lock_memory(why, sizeof why)) host.log.wPrintf(2, 6, u"ZOR: memory locked\n\r");
-    else host.log.wPrintf(2, 6, u"ZOR: memory not locked (%S)\n\r", why);
+    if (os::posix::lock_memory(why, sizeof why)) host.log.wPrintf(kLogTrace, u"ZOR: memory locked\n\r");
+    else host.log.wPrintf(kLogTrace, u"ZOR: memory not locked (%S)\n\r", why);
 #endif
 }
 

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "common/test_host.h"
-#include "lock/page_locker.h"
+#include "pagelock/page_locker.h"
 
 namespace zor {
 namespace {

@@ -5,8 +5,8 @@
 #include <atomic>
 #include <thread>
 
-#include "clients/client_registry.h"
-#include "clients/client_test_util.h"
+#include "pipes/client_registry.h"
+#include "pipes/client_test_util.h"
 #include "common/test_host.h"
 
 namespace zor::test {

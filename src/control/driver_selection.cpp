@@ -1,6 +1,6 @@
 // Start-up choice of the IRQ driver: the configured file must be present in
 // the module directory; a failing strict load gives way to the fallback.
-#include "irq/selection.h"
+#include "control/driver_selection.h"
 
 #include "host/host.h"
 #include "support/wstr.h"
@@ -20,7 +20,7 @@ struct SearchVisit {
 void VisitIrqFile(void* ctx, const char16_t* name) {
     auto* v = static_cast<SearchVisit*>(ctx);
     Host& h = *v->host;
-    h.log.wPrintf(2, 6, u"Found '%s'\n\r", name);
+    h.log.wPrintf(kLogTrace, u"Found '%s'\n\r", name);
     if (wicmp(name, h.config.lastIrqName) == 0) h.irq.search.lastIndex = v->counter;
     if (wicmp(name, h.config.fallbackIrqName) == 0) h.irq.search.fallbackIndex = v->counter;
     ++v->counter;
@@ -31,7 +31,7 @@ void SearchIrqFiles(Host& h) {
     char16_t pattern[kPathUnits];
     wcopy(pattern, kPathUnits, h.config.szExe);
     wappend(pattern, kPathUnits, u"*.irq");
-    h.log.wPrintf(2, 6, u"Searching for '%s' ...\n\r", pattern);
+    h.log.wPrintf(kLogTrace, u"Searching for '%s' ...\n\r", pattern);
     SearchVisit visit{&h, 0};
     os::enumerate_files(pattern, &VisitIrqFile, &visit);
     h.irq.search.fileCount = visit.counter;
@@ -40,7 +40,7 @@ void SearchIrqFiles(Host& h) {
 void WarnNoDriver(Host& h, const SelectionUi& ui) {
     if (ui.showWindow) ui.showWindow(ui.ctx);
     // Also in the log, for hosts that run without a window.
-    h.log.wPrintf(2, 1, u"ZOR: No IRQ driver selected!\n\r");
+    h.log.wPrintf(kLogError, u"ZOR: No IRQ driver selected!\n\r");
     if (ui.warnNoDriver) ui.warnNoDriver(ui.ctx);
 }
 
@@ -65,7 +65,7 @@ std::uint32_t SelectAndLoadIrq(Host& h, const SelectionUi& ui) {
                       h.irq.search.fallbackIndex != IrqSearch::kNotFound;
         std::uint32_t result = h.irq.LoadIRQ(c.szExe, c.lastIrqName, strict);
         if (result == 0 && strict) {
-            h.log.wPrintf(2, 1, u"ZOR: try to load fallback IRQ driver %s\n", c.fallbackIrqName);
+            h.log.wPrintf(kLogError, u"ZOR: try to load fallback IRQ driver %s\n", c.fallbackIrqName);
             h.irq.LoadIRQ(c.szExe, c.fallbackIrqName, false);
         }
     }

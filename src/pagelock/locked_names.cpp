@@ -1,5 +1,5 @@
 // The process-wide table of locked module file names.
-#include "lock/page_locker.h"
+#include "pagelock/page_locker.h"
 #include "support/log.h"
 #include "support/wstr.h"
 
@@ -29,7 +29,7 @@ bool LockedNames::Add(Logger& log, const char16_t* path, std::uint64_t image) {
     const char16_t* file = FilePart(path);
     const std::size_t len = wnlen(file, kUnits);
     if (len >= kUnits) {
-        log.wPrintf(2, 1, u"PageLocker: module name too long, not recorded: '%s'\n\r", file);
+        log.wPrintf(kLogError, u"PageLocker: module name too long, not recorded: '%s'\n\r", file);
         for (std::uint64_t& b : longNamed_) {
             if (image == 0 || b != 0) continue;
             b = image;

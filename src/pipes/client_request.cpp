@@ -1,7 +1,7 @@
 // A client's request for a module's ExecRemoteFunc, from a pipe or command 5.
 #include <cstring>
 
-#include "clients/client_registry.h"
+#include "pipes/client_registry.h"
 #include "host/host.h"
 
 namespace zor {

@@ -1,6 +1,6 @@
 // The IRQ driver contract: loading and starting the one interrupt source,
 // withdrawing it in a fixed order, and raising its thread's priority.
-#include "irq/irq_driver.h"
+#include "control/irq_driver.h"
 
 #include <new>
 
@@ -34,7 +34,7 @@ std::uint32_t IrqDriver::LoadIRQ(const char16_t* directory, const char16_t* file
     char16_t path[kPathUnits];
     wcopy(path, kPathUnits, directory ? directory : u"");
     wappend(path, kPathUnits, fileName ? fileName : u"");
-    h_.log.wPrintf(2, 6, u"LoadIRQ %s\n\r", path);
+    h_.log.wPrintf(kLogTrace, u"LoadIRQ %s\n\r", path);
     UnregisterIRQ();
     std::uint32_t result = RegisterIRQ(path, strict);
     ResetIrqPriority();
@@ -44,11 +44,11 @@ std::uint32_t IrqDriver::LoadIRQ(const char16_t* directory, const char16_t* file
 std::uint32_t IrqDriver::RegisterIRQ(const char16_t* path, bool strict) {
     ZOR_LOCK_FUNCS(h_, __LINE__);
     if (!path) path = u"";
-    h_.log.wPrintf(2, 6, u"Register IRQ %s\n\r", path);
+    h_.log.wPrintf(kLogTrace, u"Register IRQ %s\n\r", path);
 
     std::uint32_t slot = h_.slots.Alloc();
     if (slot == 0) {
-        h_.log.wPrintf(2, 0, u"ZOR: Failed to add '%s' to internal list\n\r", path);
+        h_.log.wPrintf(kLogFault, u"ZOR: Failed to add '%s' to internal list\n\r", path);
         return 0;
     }
     ModuleSlot& s = h_.slots[slot];
@@ -59,7 +59,7 @@ std::uint32_t IrqDriver::RegisterIRQ(const char16_t* path, bool strict) {
     // created: nothing of the driver was loaded, so nothing is sent to it.
     const char16_t* name = DriverName(path);
     if (wnlen(name, kNameUnits) >= kNameUnits) {
-        h_.log.wPrintf(2, 1, u"ZOR: IRQ driver name too long (19 characters at most): '%s'\n\r",
+        h_.log.wPrintf(kLogError, u"ZOR: IRQ driver name too long (19 characters at most): '%s'\n\r",
                        path);
         return 0;
     }
@@ -68,13 +68,13 @@ std::uint32_t IrqDriver::RegisterIRQ(const char16_t* path, bool strict) {
 
     s.module = os::module_load(path);
     if (!s.module) {
-        h_.log.wPrintf(2, 1, u"ZOR: Failed to load IRQ: '%s'\n\r", path);
+        h_.log.wPrintf(kLogError, u"ZOR: Failed to load IRQ: '%s'\n\r", path);
         FailRegistration(slot);
         return 0;
     }
     auto entry = reinterpret_cast<ZorGetSetProc>(os::module_symbol(s.module, ZOR_IRQ_EXPORT_NAME));
     if (!entry) {
-        h_.log.wPrintf(2, 1, u"ZOR: Failed to locate IRQ_GetSet in module '%s'\n\r", path);
+        h_.log.wPrintf(kLogError, u"ZOR: Failed to locate IRQ_GetSet in module '%s'\n\r", path);
         FailRegistration(slot);
         return 0;
     }
@@ -87,7 +87,7 @@ std::uint32_t IrqDriver::RegisterIRQ(const char16_t* path, bool strict) {
     if (r == ZOR_INIT_PENDING) {
         s.startPending.store(1, std::memory_order_relaxed);
     } else if (r != ZOR_INIT_OK) {
-        h_.log.wPrintf(2, 1, u"ZOR: '%s' returned error %08x\n\r", path, r);
+        h_.log.wPrintf(kLogError, u"ZOR: '%s' returned error %08x\n\r", path, r);
         if (strict) {
             FailRegistration(slot);
             return 0;
@@ -128,7 +128,7 @@ void IrqDriver::UnregisterIRQ(std::uint32_t waitMs) {
             s.kind.load(std::memory_order_relaxed) != kKindIrq) {
             continue;
         }
-        h_.log.wPrintf(2, 6, u"Unregister IRQ\n\r");
+        h_.log.wPrintf(kLogTrace, u"Unregister IRQ\n\r");
         // Fixed order: no more services, no more events, stop, unlock, unload.
         if (ZorGetSetProc entry = s.entry.load(std::memory_order_acquire)) {
             h_.services.RemoveCustomServices(i);
@@ -144,7 +144,7 @@ void IrqDriver::UnregisterIRQ(std::uint32_t waitMs) {
         if (h_.caller.CloseSlot(i, waitMs)) {
             if (s.module) os::module_free(s.module);
         } else {
-            h_.log.wPrintf(2, 0, u"ZOR: IRQ driver '%s' did not return within %ld ms: module stays loaded\n\r",
+            h_.log.wPrintf(kLogFault, u"ZOR: IRQ driver '%s' did not return within %ld ms: module stays loaded\n\r",
                            s.name, static_cast<long>(waitMs));
         }
         s.module = nullptr;
@@ -187,7 +187,7 @@ void IrqDriver::RunPriorityRamp(std::uint32_t stage) {
             !os::thread_priority_set(driverThread, stage == 0 ? os::kThreadPriorityAboveNormal
                                                               : os::kThreadPriorityTimeCritical)) {
             // Without the privilege (Linux: SCHED_FIFO) the stage is not applied.
-            h_.log.wPrintf(2, 1, u"ZOR: IRQ priority stage %u not applied (%08x)\n\r", stage,
+            h_.log.wPrintf(kLogError, u"ZOR: IRQ priority stage %u not applied (%08x)\n\r", stage,
                            static_cast<unsigned>(os::last_error()));
         }
         std::uint32_t cls = os::priority_class_get();

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "common/test_host.h"
-#include "irq/irq_files.h"
+#include "common/irq_files.h"
 
 namespace zor::test {
 namespace {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "common/test_host.h"
-#include "irq/irq_files.h"
+#include "common/irq_files.h"
 
 namespace zor::test {
 namespace {

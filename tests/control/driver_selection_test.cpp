@@ -7,8 +7,8 @@
 #include <string>
 
 #include "common/test_host.h"
-#include "irq/irq_files.h"
-#include "irq/selection.h"
+#include "common/irq_files.h"
+#include "control/driver_selection.h"
 #include "support/wstr.h"
 
 namespace zor::test {

@@ -1,4 +1,4 @@
-#include "modules/tdl_writer.h"
+#include "modules/deferred_list_writer.h"
 
 #include <cstring>
 #include <thread>

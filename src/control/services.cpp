@@ -1,4 +1,4 @@
-#include "modules/services.h"
+#include "control/services.h"
 
 #include <thread>
 
@@ -85,12 +85,12 @@ std::int64_t Services::MemoryService(std::uint32_t code, std::uintptr_t a1, std:
     const MemoryMessages& m = kMemoryMessages[code - SERV_MemLock];
     const std::uint32_t slot = h_.slots.Check(Low32(a1));
     if (slot == 0) {
-        h_.log.wPrintf(2, 1, m.invalid, Printed(a1));
+        h_.log.wPrintf(kLogError, m.invalid, Printed(a1));
         return 0;
     }
     PageLocker* locker = h_.slots[slot].locker;
     if (locker == nullptr) {
-        h_.log.wPrintf(2, 1, m.noLocker, Printed(a1));
+        h_.log.wPrintf(kLogError, m.noLocker, Printed(a1));
         return 0;
     }
     const void* address = reinterpret_cast<const void*>(a2);
@@ -105,7 +105,7 @@ std::int64_t Services::MemoryService(std::uint32_t code, std::uintptr_t a1, std:
 std::int64_t Services::SetISRPrio(std::uintptr_t a1, std::uintptr_t a2) {
     const std::uint32_t slot = h_.slots.Check(Low32(a1));
     if (slot == 0) {
-        h_.log.wPrintf(2, 1, kSetPrioInvalid, Printed(a1));
+        h_.log.wPrintf(kLogError, kSetPrioInvalid, Printed(a1));
         return 1;
     }
     h_.slots[slot].priority.store(Low32(a2), std::memory_order_relaxed);
@@ -117,7 +117,7 @@ std::int64_t Services::SetISRPrio(std::uintptr_t a1, std::uintptr_t a2) {
 std::int64_t Services::GetISRName(std::uintptr_t a1) {
     const std::uint32_t slot = h_.slots.Check(Low32(a1));
     if (slot == 0) {
-        h_.log.wPrintf(2, 1, kSetPrioInvalid, Printed(a1));
+        h_.log.wPrintf(kLogError, kSetPrioInvalid, Printed(a1));
         return static_cast<std::int64_t>(reinterpret_cast<std::uintptr_t>(kUnknownName));
     }
     return static_cast<std::int64_t>(reinterpret_cast<std::uintptr_t>(h_.slots[slot].name));
@@ -126,7 +126,7 @@ std::int64_t Services::GetISRName(std::uintptr_t a1) {
 std::uint32_t Services::InstallService(std::uint32_t owner, std::uint32_t code,
                                        ZorCustomService fn) {
     if (owner >= SlotTable::kSlots) {
-        h_.log.wPrintf(2, 0, u"ZOR: Installing custom service %x failed: invalid owner #%u!\n\r",
+        h_.log.wPrintf(kLogFault, u"ZOR: Installing custom service %x failed: invalid owner #%u!\n\r",
                        code, owner);
         return 0xFFFFFFFF;
     }
@@ -140,14 +140,14 @@ std::uint32_t Services::InstallService(std::uint32_t owner, std::uint32_t code,
         }
     }
     if (entry == nullptr) {
-        h_.log.wPrintf(2, 0, u"ZOR: Installing custom service failed!!\n\r");
+        h_.log.wPrintf(kLogFault, u"ZOR: Installing custom service failed!!\n\r");
         return 0xFFFFFFFF;
     }
     for (const CustomService& c : custom_) {
         if (c.fn.load(std::memory_order_acquire) > kClaimed &&
             c.code.load(std::memory_order_relaxed) == code) {
             const std::uint32_t other = c.owner.load(std::memory_order_relaxed);
-            h_.log.wPrintf(2, 0, u"ZOR: Duplicate custom service %x registration! (%s & %s)\n",
+            h_.log.wPrintf(kLogFault, u"ZOR: Duplicate custom service %x registration! (%s & %s)\n",
                            code, h_.slots[owner].name, h_.slots[other].name);
             break;
         }
@@ -195,7 +195,7 @@ void Services::CountUnknown(std::uint32_t code, const void* caller) {
             ModuleNameOfAddress(caller, u.name, kNameUnits);
             u.count.store(1, std::memory_order_relaxed);
             u.state.store(2, std::memory_order_release);
-            h_.log.wPrintf(2, 2, u"ZOR: Unknown service call (%08x) called  by %s\n", code, u.name);
+            h_.log.wPrintf(kLogUnknownCall, u"ZOR: Unknown service call (%08x) called  by %s\n", code, u.name);
             return;
         }
         // Another thread is filling this entry: its name lookup is short.
@@ -206,29 +206,29 @@ void Services::CountUnknown(std::uint32_t code, const void* caller) {
         if (u.code == code && u.caller == low) {
             const std::uint32_t n = u.count.fetch_add(1, std::memory_order_relaxed) + 1;
             if ((n & 0x3FFF) == 0)
-                h_.log.wPrintf(2, 2, u"ZOR: Unknown service call (%08x) called %d times by %s\n",
+                h_.log.wPrintf(kLogUnknownCall, u"ZOR: Unknown service call (%08x) called %d times by %s\n",
                                code, static_cast<int>(n), u.name);
             return;
         }
     }
     char16_t name[kNameUnits];
     ModuleNameOfAddress(caller, name, kNameUnits);
-    h_.log.wPrintf(2, 2, u"ZOR: Unknown service call (%08x) called  by %s\n", code, name);
+    h_.log.wPrintf(kLogUnknownCall, u"ZOR: Unknown service call (%08x) called  by %s\n", code, name);
 }
 
 void Services::ReportUnknownServiceCalls() {
     if (unknown_[0].state.load(std::memory_order_acquire) != 2) return;
     Logger& log = h_.log;
-    log.wPrintf(2, 2, u"ZOR: List of unknown service calls\n");
-    log.wPrintf(2, 2, u"ZOR: ----------------------------------------------\n");
-    log.wPrintf(2, 2, u"ZOR: - Func      - # Called - Caller              -\n");
-    log.wPrintf(2, 2, u"ZOR: ----------------------------------------------\n");
+    log.wPrintf(kLogUnknownCall, u"ZOR: List of unknown service calls\n");
+    log.wPrintf(kLogUnknownCall, u"ZOR: ----------------------------------------------\n");
+    log.wPrintf(kLogUnknownCall, u"ZOR: - Func      - # Called - Caller              -\n");
+    log.wPrintf(kLogUnknownCall, u"ZOR: ----------------------------------------------\n");
     for (const UnknownCall& u : unknown_) {
         if (u.state.load(std::memory_order_acquire) != 2) break;
-        log.wPrintf(2, 2, u"ZOR: - %08x - %8d - %20s -\n", u.code,
+        log.wPrintf(kLogUnknownCall, u"ZOR: - %08x - %8d - %20s -\n", u.code,
                     static_cast<int>(u.count.load(std::memory_order_relaxed)), u.name);
     }
-    log.wPrintf(2, 2, u"ZOR: ----------------------------------------------\n");
+    log.wPrintf(kLogUnknownCall, u"ZOR: ----------------------------------------------\n");
 }
 
 }  // namespace zor

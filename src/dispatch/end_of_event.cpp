@@ -21,7 +21,7 @@ constexpr std::uint32_t kLockReportAt = 6000;
 long AsLong(std::uint32_t v) { return static_cast<long>(static_cast<std::int32_t>(v)); }
 
 void PrintRow(Logger& log, const char16_t* who, const CStatistic& s) {
-    log.wPrintf(2, 6, u"%20s: %7.3lf / %7.3lf / %7.3lf\n", who, s.Min(), s.Avg(), s.Max());
+    log.wPrintf(kLogTrace, u"%20s: %7.3lf / %7.3lf / %7.3lf\n", who, s.Min(), s.Avg(), s.Max());
 }
 
 }  // namespace
@@ -36,21 +36,21 @@ void Dispatcher::EndOfInterrupt(std::uint32_t sequence, double now) {
         irqLoadPercent.store(total / (1000.0 / hz) * 100.0, std::memory_order_relaxed);
     }
     if (total > kLongEventMs) {
-        log.wPrintf(0, 1, u"ZOR: total ISR used %3.2f ms (TDL %3.2f ms)\n\r", total, tdlTime_);
+        log.wPrintf(kLogTiming, u"ZOR: total ISR used %3.2f ms (TDL %3.2f ms)\n\r", total, tdlTime_);
     }
     totalStat_.Add(total);
     h_.stats.OnEventEnd(total);
 
     if ((eventCounter_ & kReportMask) == 0) {
-        log.wPrintf(2, 6, u"                             Standard ISR                     ExecISRFunc\n");
-        log.wPrintf(2, 6, u"-------- WHO ---------- MIN ----- AVG ----- MAX ------- MIN ----- AVG ----- MAX --------\n");
+        log.wPrintf(kLogTrace, u"                             Standard ISR                     ExecISRFunc\n");
+        log.wPrintf(kLogTrace, u"-------- WHO ---------- MIN ----- AVG ----- MAX ------- MIN ----- AVG ----- MAX --------\n");
         PrintRow(log, u"ZOR WAKEUP", wakeupStat_);
         PrintRow(log, u"ZOR TOTAL", totalStat_);
         wakeupStat_.Reset();
         totalStat_.Reset();
         for (std::uint32_t i = 0; i < dispatchCount_.load(std::memory_order_relaxed); ++i) {
             ModuleSlot& s = h_.slots[order_[i]];
-            log.wPrintf(2, 6, u"%20s: %7.3lf / %7.3lf / %7.3lf     %7.3lf / %7.3lf / %7.3lf\n",
+            log.wPrintf(kLogTrace, u"%20s: %7.3lf / %7.3lf / %7.3lf     %7.3lf / %7.3lf / %7.3lf\n",
                         s.name, s.interruptStat.Min(), s.interruptStat.Avg(),
                         s.interruptStat.Max(), s.execStat.Min(), s.execStat.Avg(),
                         s.execStat.Max());
@@ -61,7 +61,7 @@ void Dispatcher::EndOfInterrupt(std::uint32_t sequence, double now) {
 
     if (eventCounter_ > kSequenceCheckAfter) {
         if (sequence != lastSequence_ + 1) {
-            log.wPrintf(0, 1, u"ZOR: Time discontinuous! %ld->%ld\n\r", AsLong(lastSequence_),
+            log.wPrintf(kLogTiming, u"ZOR: Time discontinuous! %ld->%ld\n\r", AsLong(lastSequence_),
                         AsLong(sequence));
         }
         lastSequence_ = sequence;

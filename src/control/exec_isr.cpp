@@ -5,8 +5,8 @@
 #include <cstring>
 
 #include "host/host.h"
-#include "modules/services.h"
-#include "modules/tdl_writer.h"
+#include "control/services.h"
+#include "modules/deferred_list_writer.h"
 
 namespace zor {
 
@@ -27,7 +27,7 @@ std::int32_t Services::ExecDirect(std::uint32_t module, std::uint32_t code, cons
                                   std::uint32_t size) {
     // Computed wide: a size near 4 GiB must not wrap into the limit.
     if (std::uint64_t{size} + sizeof(ZorExecIsrPacket) > ISR_MAX_DIRECT_ARG) {
-        h_.log.wPrintf(2, 0, u"ZOR: ExecISRFunc (within ISR!) ISR#%ld: Argument too large!\n\r",
+        h_.log.wPrintf(kLogFault, u"ZOR: ExecISRFunc (within ISR!) ISR#%ld: Argument too large!\n\r",
                        Printed(module));
         return 0;
     }
@@ -37,7 +37,7 @@ std::int32_t Services::ExecDirect(std::uint32_t module, std::uint32_t code, cons
     const ZorExecIsrPacket header{code, size};
     std::memcpy(packet, &header, sizeof header);
     if (!GuardedCopy(packet + sizeof header, data, size)) {
-        h_.log.wPrintf(2, 0, u"ZOR: ExecISRFunc ISR#%u: argument not readable!\n\r", module);
+        h_.log.wPrintf(kLogFault, u"ZOR: ExecISRFunc ISR#%u: argument not readable!\n\r", module);
         return 0;
     }
     h_.caller.CallModule(slot, ZOR_FN_EXEC_ISR_FUNC, reinterpret_cast<std::uintptr_t>(packet));
@@ -49,7 +49,7 @@ std::int32_t Services::ExecQueued(std::uint32_t module, std::uint32_t code, cons
     unsigned char* area = h_.shm.Area();
     const std::uint32_t areaSize = h_.shm.AreaSize();
     if (area == nullptr) {
-        h_.log.wPrintf(2, 0, u"ZOR: ExecISRFunc ISR#%u: no system shared memory to queue into!\n\r",
+        h_.log.wPrintf(kLogFault, u"ZOR: ExecISRFunc ISR#%u: no system shared memory to queue into!\n\r",
                        module);
         return 0;
     }
@@ -60,27 +60,27 @@ std::int32_t Services::ExecQueued(std::uint32_t module, std::uint32_t code, cons
         break;
     case TdlStatus::kQueuedNoSlot:
         // Still queued; its result is not kept.
-        h_.log.wPrintf(2, 0, u"ZOR: async result list overflow!!!\n\r");
+        h_.log.wPrintf(kLogFault, u"ZOR: async result list overflow!!!\n\r");
         break;
     case TdlStatus::kTooLarge:
-        h_.log.wPrintf(2, 0, u"ZOR: ExecISRFunc ISR#%ld: Argument too large!\n\r",
+        h_.log.wPrintf(kLogFault, u"ZOR: ExecISRFunc ISR#%ld: Argument too large!\n\r",
                        Printed(module));
         return 0;
     case TdlStatus::kTimeout:
-        h_.log.wPrintf(2, 0, u"ZOR: ExecISRFunc timeout!\n\r");
+        h_.log.wPrintf(kLogFault, u"ZOR: ExecISRFunc timeout!\n\r");
         return 0;
     case TdlStatus::kBadData:
-        h_.log.wPrintf(2, 0, u"ZOR: ExecISRFunc ISR#%u: argument not readable!\n\r", module);
+        h_.log.wPrintf(kLogFault, u"ZOR: ExecISRFunc ISR#%u: argument not readable!\n\r", module);
         return 0;
     case TdlStatus::kNoArea:
-        h_.log.wPrintf(2, 0, u"ZOR: ExecISRFunc ISR#%u: no system shared memory to queue into!\n\r",
+        h_.log.wPrintf(kLogFault, u"ZOR: ExecISRFunc ISR#%u: no system shared memory to queue into!\n\r",
                        module);
         return 0;
     }
     if (wait == 0) return 1;
     std::uint32_t result = 0;
     if (!TdlWait(area, areaSize, ticket, kExecWaitLimitMs, kQueueWaitMs, &result)) {
-        h_.log.wPrintf(2, 0, u"ZOR: ExecISRFunc ISR#%u: no result within %u ms!\n\r", module,
+        h_.log.wPrintf(kLogFault, u"ZOR: ExecISRFunc ISR#%u: no result within %u ms!\n\r", module,
                        kExecWaitLimitMs);
         return 0;
     }

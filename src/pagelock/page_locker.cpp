@@ -1,5 +1,5 @@
 // PageLocker: locking and unlocking of module images and address ranges.
-#include "lock/page_locker.h"
+#include "pagelock/page_locker.h"
 
 #include "os/os.h"
 #include "support/log.h"
@@ -14,7 +14,7 @@ PageLocker::~PageLocker() {
     // word: with three entries the log names the first and the third.
     while (list_.GetNrOfEntries() > 0) {
         const std::uint64_t base = Base(0);
-        log_.wPrintf(2, 1, u"PageLocker: unlock forgotten memory! Base=%x\n\r",
+        log_.wPrintf(kLogError, u"PageLocker: unlock forgotten memory! Base=%x\n\r",
                      static_cast<unsigned>(base));
         UnlockRange(base);
         list_.DelEntry(0);
@@ -55,11 +55,11 @@ bool PageLocker::DescribeModule(const void* address, const char16_t* verb, std::
                                 std::uint64_t* image) {
     std::uint64_t& allocBase = *image;
     if (!Walk(address, base, length, &allocBase)) {
-        log_.wPrintf(2, 1, u"PageLocker: failed to get module memory range!\n\r");
+        log_.wPrintf(kLogError, u"PageLocker: failed to get module memory range!\n\r");
         return false;
     }
     os::module_file_name(allocBase, path, 260);
-    log_.wPrintf(2, 6, u"PageLocker: %s '%s': Base=%x, Len=%ld\n\r", verb, path,
+    log_.wPrintf(kLogTrace, u"PageLocker: %s '%s': Base=%x, Len=%ld\n\r", verb, path,
                  static_cast<unsigned>(*base), static_cast<long>(static_cast<std::int32_t>(*length)));
     return true;
 }
@@ -88,7 +88,7 @@ std::uint32_t PageLocker::UnlockModule(const void* address) {
 std::uint32_t PageLocker::LockRange(std::uint64_t base, std::uint32_t length) {
     // Only the base becomes the entry; the length is not kept.
     if (list_.AppendEntry(&base) == 0xFFFFFFFFu) {
-        log_.wPrintf(2, 6, u"PageLocker: locking failed! (list overflow)\n\r");
+        log_.wPrintf(kLogTrace, u"PageLocker: locking failed! (list overflow)\n\r");
         return 0;
     }
     return 1;
@@ -97,17 +97,17 @@ std::uint32_t PageLocker::LockRange(std::uint64_t base, std::uint32_t length) {
 std::uint32_t PageLocker::UnlockRange(std::uint64_t base) {
     const std::uint32_t n = list_.GetNrOfEntries();
     if (n == 0) {
-        log_.wPrintf(2, 6, u"PageLocker: no entries\n\r");
+        log_.wPrintf(kLogTrace, u"PageLocker: no entries\n\r");
         return 0;
     }
     std::uint32_t i = 0;
     while (i < n && Base(i) != base) ++i;
     if (i == n) {
-        log_.wPrintf(2, 6, u"PageLocker: unlocking failed! (list seek error)\n\r");
+        log_.wPrintf(kLogTrace, u"PageLocker: unlocking failed! (list seek error)\n\r");
         return 0;
     }
     if (list_.DelEntry(i) == 0xFFFFFFFFu) {
-        log_.wPrintf(2, 6, u"PageLocker: unlocking ok, but list update error!\n\r");
+        log_.wPrintf(kLogTrace, u"PageLocker: unlocking ok, but list update error!\n\r");
         return 0;
     }
     return 1;

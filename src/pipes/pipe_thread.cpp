@@ -2,7 +2,7 @@
 // 32-bit answer out per request, strictly in order.
 #include <cstring>
 
-#include "clients/client_registry.h"
+#include "pipes/client_registry.h"
 #include "host/host.h"
 
 namespace zor {
@@ -83,7 +83,7 @@ std::uint32_t ClientPipeThread(void* arg) {
         if (!ServeOne(r, buffer)) {
             // A read cancelled by a stop is the end, not a failure.
             if (r.stopRequested.load(std::memory_order_acquire)) break;
-            host.log.wPrintf(0, 1, u"ZOR: Pipe-Communication failed!\n\r");
+            host.log.wPrintf(kLogTiming, u"ZOR: Pipe-Communication failed!\n\r");
             os::sleep_ms(20);
             ++failures;
         }

@@ -1,5 +1,5 @@
 // Registration and unregistration of ISR modules.
-#include "modules/registry.h"
+#include "control/registry.h"
 
 #include <cstring>
 #include <new>
@@ -36,13 +36,13 @@ std::uint64_t Registry::RegisterISRProc(const void* payload, std::uint32_t size)
         if (name[len] == 0) break;
     }
     if (len == avail) {
-        h_.log.wPrintf(2, 0, u"ZOR: RegisterISRProc: malformed request refused (%ld bytes)!\n\r",
+        h_.log.wPrintf(kLogFault, u"ZOR: RegisterISRProc: malformed request refused (%ld bytes)!\n\r",
                        AsLong(size));
         return 0;
     }
     if (len == kNameUnits) {
         name[kNameUnits - 1] = 0;
-        h_.log.wPrintf(2, 0, u"ZOR: RegisterISRProc: module name too long, refused: '%s...'\n\r",
+        h_.log.wPrintf(kLogFault, u"ZOR: RegisterISRProc: module name too long, refused: '%s...'\n\r",
                        name);
         return 0;
     }
@@ -54,10 +54,10 @@ std::uint64_t Registry::RegisterISRProc(const void* payload, std::uint32_t size)
 
 std::uint64_t Registry::Register(std::uint32_t pid, std::uint32_t sharedSize,
                                  const char16_t* name) {
-    h_.log.wPrintf(2, 6, u"Register DLL %s\n\r", name);
+    h_.log.wPrintf(kLogTrace, u"Register DLL %s\n\r", name);
     for (std::uint32_t s = 1; s < h_.slots.HighWater(); ++s) {
         if (h_.slots[s].inUse.load(std::memory_order_acquire) && wicmp(h_.slots[s].name, name) == 0) {
-            h_.log.wPrintf(2, 6, u"ZOR: ISR '%s' already registered! Unregistering old version...\n\r",
+            h_.log.wPrintf(kLogTrace, u"ZOR: ISR '%s' already registered! Unregistering old version...\n\r",
                            name);
             UnregisterISR(s);
         }
@@ -66,7 +66,7 @@ std::uint64_t Registry::Register(std::uint32_t pid, std::uint32_t sharedSize,
     std::uint64_t remote = 0;
     const std::uint32_t slot = h_.slots.Alloc();
     bool ok = slot != 0;
-    if (!ok) h_.log.wPrintf(2, 0, u"ZOR: Failed to add '%s' to internal list\n\r", name);
+    if (!ok) h_.log.wPrintf(kLogFault, u"ZOR: Failed to add '%s' to internal list\n\r", name);
     ModuleSlot& s = h_.slots[slot];
     if (ok) {
         s.kind.store(kKindIsr, std::memory_order_relaxed);
@@ -79,7 +79,7 @@ std::uint64_t Registry::Register(std::uint32_t pid, std::uint32_t sharedSize,
         wcopy(s.name, kNameUnits, name);
         s.module = os::module_load(s.name);
         if (s.module == nullptr) {
-            h_.log.wPrintf(2, 1, u"ZOR: Failed to load ISR: '%s'\n\r", s.name);
+            h_.log.wPrintf(kLogError, u"ZOR: Failed to load ISR: '%s'\n\r", s.name);
             ok = false;
         }
     }
@@ -87,7 +87,7 @@ std::uint64_t Registry::Register(std::uint32_t pid, std::uint32_t sharedSize,
     if (ok) {
         entry = reinterpret_cast<ZorGetSetProc>(os::module_symbol(s.module, ZOR_ISR_EXPORT_NAME));
         if (entry == nullptr) {
-            h_.log.wPrintf(2, 1, u"ZOR: Failed to locate ISR_GetSet in module '%s'\n\r", s.name);
+            h_.log.wPrintf(kLogError, u"ZOR: Failed to locate ISR_GetSet in module '%s'\n\r", s.name);
             ok = false;
         }
     }
@@ -134,7 +134,7 @@ bool Registry::CreateSharedMemory(std::uint32_t slot, std::uint32_t pid, const c
     ModuleSlot& s = h_.slots[slot];
     s.mapping = os::mapping_create(s.sharedSize);
     if (s.mapping == 0) {
-        h_.log.wPrintf(2, 0, u"ZOR: RegisterISRProc of  '%s' failed to alloc %ld bytes shared memory!\n\r",
+        h_.log.wPrintf(kLogFault, u"ZOR: RegisterISRProc of  '%s' failed to alloc %ld bytes shared memory!\n\r",
                        name, AsLong(s.sharedSize));
         return false;
     }
@@ -143,7 +143,7 @@ bool Registry::CreateSharedMemory(std::uint32_t slot, std::uint32_t pid, const c
         const std::uint32_t error = os::last_error();
         if (process != 0) os::handle_close(process);
         *remote = 0;
-        h_.log.wPrintf(2, 0,
+        h_.log.wPrintf(kLogFault,
                        u"ZOR: RegisterISRProc of  '%s' failed to duplicate handle for shared memory (%08x)!\n\r",
                        name, static_cast<unsigned>(error));
         return false;
@@ -151,7 +151,7 @@ bool Registry::CreateSharedMemory(std::uint32_t slot, std::uint32_t pid, const c
     os::handle_close(process);
     s.view = os::mapping_map(s.mapping, s.sharedSize);
     if (s.view == nullptr) {
-        h_.log.wPrintf(2, 0, u"ZOR: RegisterISRProc of  '%s' failed to map view of shared memory!\n\r",
+        h_.log.wPrintf(kLogFault, u"ZOR: RegisterISRProc of  '%s' failed to map view of shared memory!\n\r",
                        name);
         return false;
     }
@@ -170,7 +170,7 @@ void Registry::ReleaseModuleSlot(std::uint32_t slot, std::uint32_t waitMs) {
         if (drained) {
             os::module_free(s.module);
         } else {
-            h_.log.wPrintf(2, 0, u"ZOR: ISR '%s' did not return within %ld ms: module stays loaded\n\r",
+            h_.log.wPrintf(kLogFault, u"ZOR: ISR '%s' did not return within %ld ms: module stays loaded\n\r",
                            s.name, AsLong(waitMs));
         }
         s.module = nullptr;
@@ -196,7 +196,7 @@ void Registry::UnregisterISR(std::uint32_t slot, std::uint32_t waitMs) {
     ModuleSlot& s = h_.slots[slot];
     if (!s.inUse.load(std::memory_order_acquire) || s.kind.load(std::memory_order_relaxed) != kKindIsr) return;
 
-    h_.log.wPrintf(2, 6, u"ZOR: Unregistering ISR '%s'\n\r", s.name);
+    h_.log.wPrintf(kLogTrace, u"ZOR: Unregistering ISR '%s'\n\r", s.name);
     h_.dispatcher.PauseISR(true);
     // The leaving module is detached from itself too.
     for (std::uint32_t t = 1; t < h_.slots.HighWater(); ++t) {
@@ -225,7 +225,7 @@ std::uint32_t Registry::UnregisterCommand(std::uint64_t number) {
             return 0;
         }
     }
-    h_.log.wPrintf(2, 0, u"ZOR: Unregistering ISR #%ld failed!\n\r", AsLong(number));
+    h_.log.wPrintf(kLogFault, u"ZOR: Unregistering ISR #%ld failed!\n\r", AsLong(number));
     return 0;
 }
 

@@ -9,7 +9,7 @@
 
 #include "common/heap_area_os.h"
 #include "common/test_host.h"
-#include "modules/tdl_writer.h"
+#include "modules/deferred_list_writer.h"
 
 namespace zor {
 namespace {

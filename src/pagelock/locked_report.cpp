@@ -2,7 +2,7 @@
 // it reads other modules' memory.
 #include <cstring>
 
-#include "lock/page_locker.h"
+#include "pagelock/page_locker.h"
 #include "os/os.h"
 #include "support/log.h"
 
@@ -38,7 +38,7 @@ void ExamineRegion(void* ctx) {
     char16_t path[260] = {};
     GetModuleFileNameForAddress(reinterpret_cast<const void*>(w.region.base), path);
     if (w.names->Find(path) == 0 && !w.names->IsLongNamed(w.region.base))
-        w.log->wPrintf(2, 6, u"%s\n", path);
+        w.log->wPrintf(kLogTrace, u"%s\n", path);
 }
 
 // The whole address space; a fault outside a region's examination ends it.
@@ -59,22 +59,22 @@ void WalkAddressSpace(void* ctx) {
 }  // namespace
 
 void ReportLockedModules(Logger& log, const LockedNames& names) {
-    if (!log.wPrintf_IsUserLevelActive(2, 6)) return;
-    log.wPrintf(2, 6, u"ZOR: ############### LOCKED DLLs #####################################################\n");
+    if (!log.IsActive(kLogTrace)) return;
+    log.wPrintf(kLogTrace, u"ZOR: ############### LOCKED DLLs #####################################################\n");
     for (std::uint32_t i = 1; i < LockedNames::kSlots; ++i) {
-        if (names.Slot(i)[0] != 0) log.wPrintf(2, 6, u"%s\n", names.Slot(i));
+        if (names.Slot(i)[0] != 0) log.wPrintf(kLogTrace, u"%s\n", names.Slot(i));
     }
     // Locked, but with names too long for the table.
     for (std::uint32_t i = 0; i < LockedNames::kSlots; ++i) {
         char16_t path[260] = {};
         if (names.LongNamed(i) != 0 && os::module_file_name(names.LongNamed(i), path, 260) != 0)
-            log.wPrintf(2, 6, u"%s\n", LockedNames::FilePart(path));
+            log.wPrintf(kLogTrace, u"%s\n", LockedNames::FilePart(path));
     }
-    log.wPrintf(2, 6, u"ZOR: ########### NON LOCKED DLLs (DLLs used in ISR should be locked!) ################\n");
+    log.wPrintf(kLogTrace, u"ZOR: ########### NON LOCKED DLLs (DLLs used in ISR should be locked!) ################\n");
     Walk w{&log, &names, {}};
     os::Fault fault;
     os::guarded_run(WalkAddressSpace, &w, &fault);
-    log.wPrintf(2, 6, u"ZOR: #################################################################################\n");
+    log.wPrintf(kLogTrace, u"ZOR: #################################################################################\n");
 }
 
 }  // namespace zor

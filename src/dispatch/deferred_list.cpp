@@ -11,7 +11,7 @@
 
 #include "dispatch/dispatcher.h"
 #include "host/host.h"
-#include "modules/tdl_writer.h"
+#include "modules/deferred_list_writer.h"
 
 namespace zor {
 
@@ -27,13 +27,13 @@ void RunEntries(Host& h, unsigned char* area, std::uint32_t areaSize) {
     for (std::uint32_t i = 0; i < count.load(std::memory_order_relaxed); ++i) {
         ZorTdlEntry e;
         if (queueBytes - p < kTdlEntryHeader) {
-            h.log.wPrintf(2, 1, u"ZOR: DoTDL: entry %u at queue offset %u runs past the queue (%u bytes)! Rest of the list dropped.\n\r",
+            h.log.wPrintf(kLogError, u"ZOR: DoTDL: entry %u at queue offset %u runs past the queue (%u bytes)! Rest of the list dropped.\n\r",
                           i, p, queueBytes);
             return;
         }
         std::memcpy(&e, queue + p, sizeof e);
         if (e.size > queueBytes - p - kTdlEntryHeader) {
-            h.log.wPrintf(2, 1, u"ZOR: DoTDL: entry %u at queue offset %u runs past the queue (%u bytes)! Rest of the list dropped.\n\r",
+            h.log.wPrintf(kLogError, u"ZOR: DoTDL: entry %u at queue offset %u runs past the queue (%u bytes)! Rest of the list dropped.\n\r",
                           i, p, queueBytes);
             return;
         }
@@ -45,7 +45,7 @@ void RunEntries(Host& h, unsigned char* area, std::uint32_t areaSize) {
             reinterpret_cast<std::uintptr_t>(queue + p + offsetof(ZorTdlEntry, func)),
             Caller::kFlagTdl, e.context);
         if (e.result_index >= ZOR_SSA_RESULT_SLOTS) {
-            h.log.wPrintf(2, 1, u"ZOR: DoTDL: result index %u of ISR #%u out of range! Result dropped.\n\r",
+            h.log.wPrintf(kLogError, u"ZOR: DoTDL: result index %u of ISR #%u out of range! Result dropped.\n\r",
                           e.result_index, slot);
         } else if (e.result_index != 0) {
             TdlWord(area, ZOR_SSA_RESULTS + 4 * e.result_index).store(r, std::memory_order_relaxed);
@@ -64,7 +64,7 @@ void Dispatcher::DoTDL() {
     auto sync = TdlWord(area, ZOR_SSA_SYNC_TDL);
     if (sync.exchange(1, std::memory_order_acquire) != 0) {
         h_.stats.OnTdlSkipped();
-        h_.log.wPrintf(2, 6, u"ZOR: DoTDL skipps due to SyncTDL=1\n");
+        h_.log.wPrintf(kLogTrace, u"ZOR: DoTDL skipps due to SyncTDL=1\n");
         return;
     }
     if (TdlWord(area, ZOR_SSA_ENTRY_COUNT).load(std::memory_order_relaxed) != 0)

@@ -1,5 +1,5 @@
 // The client table: registration, pipe connection and stop.
-#include "clients/client_registry.h"
+#include "pipes/client_registry.h"
 
 #include "host/host.h"
 
@@ -38,7 +38,7 @@ std::uint32_t ClientRegistry::RegisterClient(std::uint32_t pid) {
         r.inUse.store(1, std::memory_order_release);
         return i;
     }
-    h_.log.wPrintf(2, 1, u"ZOR: too many clients\n");
+    h_.log.wPrintf(kLogError, u"ZOR: too many clients\n");
     return 0;
 }
 
