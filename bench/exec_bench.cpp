@@ -165,7 +165,7 @@ int main(int argc, char** argv) {
     SetRunningHost(&h);
     const std::uint32_t slot = AddTarget(h);
     DirectCalls(h, slot);
-    if (!h.shm.SysMem(os::current_process_id(), ZOR_SSA_QUEUE + 256 * 1024) ||
+    if (!h.shm.SysMem(zor::os::process_peer(), os::current_process_id(), ZOR_SSA_QUEUE + 256 * 1024) ||
         !h.irq.LoadIRQ(dir, u"trigger.irq", false)) {
         std::printf("no system area or no trigger.irq next to the bench\n");
         return 1;

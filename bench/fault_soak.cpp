@@ -14,6 +14,7 @@
 #include "bench_report.h"
 #include "host/host.h"
 #include "os/os.h"
+#include "os/peer.h"
 
 namespace {
 
@@ -41,7 +42,7 @@ int main(int argc, char** argv) {
     zor::SetRunningHost(&h);
     ZorRegisterPayload reg{};
     std::memcpy(reg.name, u"test_isr" ZOR_MODULE_SUFFIX, sizeof(u"test_isr" ZOR_MODULE_SUFFIX));
-    h.registry.RegisterISRProc(&reg, sizeof reg);
+    h.registry.RegisterISRProc(zor::os::process_peer(), &reg, sizeof reg);
     auto* module = zor::os::module_load(u"test_isr" ZOR_MODULE_SUFFIX);
     auto faultIn = module ? reinterpret_cast<void (*)(std::uint32_t)>(zor::os::module_symbol(module, "Test_SetFault")) : nullptr;
     if (h.registry.FindModule(u"test_isr" ZOR_MODULE_SUFFIX) == 0 || !faultIn) {

@@ -16,6 +16,7 @@
 #include "host/command_intake.h"
 #include "host/host.h"
 #include "os/os.h"
+#include "os/peer.h"
 
 namespace {
 
@@ -111,7 +112,7 @@ int main() {
     zor::os::Handle reqRead, reqWrite, repRead, repWrite;
     if (!zor::os::pipe_create(&reqRead, &reqWrite) || !zor::os::pipe_create(&repRead, &repWrite)) return 1;
     std::uint32_t index = host->clients.RegisterClient(zor::os::current_process_id());
-    host->clients.ConnectClientPipe(index, reqRead, repWrite, zor::os::current_process_id());
+    host->clients.ConnectClientPipe(zor::os::process_peer(), index, reqRead, repWrite, zor::os::current_process_id());
 
     for (std::uint32_t body : {0u, 64u, 4096u, ZOR_PIPE_BUFFER_SIZE - 12}) {
         std::vector<unsigned char> frame(4 + 12 + body);
@@ -151,7 +152,7 @@ int main() {
         std::vector<double> us;
         for (int i = 0; i < 20000; ++i) {
             double t0 = NowUs();
-            if (zor::OnCopyData(*host, ZOR_CMD_MODULE_CALL, req.data(), static_cast<std::uint32_t>(req.size()),
+            if (zor::OnCopyData(*host, zor::os::process_peer(), ZOR_CMD_MODULE_CALL, req.data(), static_cast<std::uint32_t>(req.size()),
                                 none) != slot)
                 return 3;
             us.push_back(NowUs() - t0);
@@ -163,7 +164,7 @@ int main() {
     std::vector<double> us;
     for (int i = 0; i < 20000; ++i) {
         double t0 = NowUs();
-        zor::OnCopyData(*host, ZOR_CMD_IRQ_QUERY, nullptr, 0, none);
+        zor::OnCopyData(*host, zor::os::process_peer(), ZOR_CMD_IRQ_QUERY, nullptr, 0, none);
         us.push_back(NowUs() - t0);
     }
     Report("command 6, no driver", us);

@@ -2,7 +2,9 @@
 // the module directory; a failing strict load gives way to the fallback.
 #include "control/driver_selection.h"
 
-#include "host/host.h"
+#include "control/irq_driver.h"
+#include "dispatch/stats.h"
+#include "support/log.h"
 #include "support/wstr.h"
 
 namespace zor {
@@ -12,67 +14,65 @@ namespace {
 constexpr std::uint32_t kPathUnits = 260;
 
 struct SearchVisit {
-    Host* host;
+    IrqDriver& irq;
+    Logger& log;
+    const DriverChoice& choice;
     std::uint32_t counter;
 };
 
 // Both names are tested for every file, so the last match wins.
 void VisitIrqFile(void* ctx, const char16_t* name) {
     auto* v = static_cast<SearchVisit*>(ctx);
-    Host& h = *v->host;
-    h.log.wPrintf(kLogTrace, u"Found '%s'\n\r", name);
-    if (wicmp(name, h.config.lastIrqName) == 0) h.irq.search.lastIndex = v->counter;
-    if (wicmp(name, h.config.fallbackIrqName) == 0) h.irq.search.fallbackIndex = v->counter;
+    v->log.wPrintf(kLogTrace, u"Found '%s'\n\r", name);
+    if (wicmp(name, v->choice.lastName) == 0) v->irq.search.lastIndex = v->counter;
+    if (wicmp(name, v->choice.fallbackName) == 0) v->irq.search.fallbackIndex = v->counter;
     ++v->counter;
 }
 
-void SearchIrqFiles(Host& h) {
-    h.irq.search = IrqSearch{};
+void SearchIrqFiles(IrqDriver& irq, Logger& log, const DriverChoice& c) {
+    irq.search = IrqSearch{};
     char16_t pattern[kPathUnits];
-    wcopy(pattern, kPathUnits, h.config.szExe);
+    wcopy(pattern, kPathUnits, c.directory);
     wappend(pattern, kPathUnits, u"*.irq");
-    h.log.wPrintf(kLogTrace, u"Searching for '%s' ...\n\r", pattern);
-    SearchVisit visit{&h, 0};
+    log.wPrintf(kLogTrace, u"Searching for '%s' ...\n\r", pattern);
+    SearchVisit visit{irq, log, c, 0};
     os::enumerate_files(pattern, &VisitIrqFile, &visit);
-    h.irq.search.fileCount = visit.counter;
+    irq.search.fileCount = visit.counter;
 }
 
-void WarnNoDriver(Host& h, const SelectionUi& ui) {
+void WarnNoDriver(Logger& log, const SelectionUi& ui) {
     if (ui.showWindow) ui.showWindow(ui.ctx);
     // Also in the log, for hosts that run without a window.
-    h.log.wPrintf(kLogError, u"ZOR: No IRQ driver selected!\n\r");
+    log.wPrintf(kLogError, u"ZOR: No IRQ driver selected!\n\r");
     if (ui.warnNoDriver) ui.warnNoDriver(ui.ctx);
 }
 
 // The per-user file wins over the per-installation one.
-std::uint32_t ConfiguredPriority(Host& h) {
-    std::uint32_t level = os::ini_read_int(u"INIT", u"IRQPRIO", 0, h.config.szIni);
-    return os::ini_read_int(u"INIT", u"IRQPRIO", static_cast<std::int32_t>(level),
-                            h.config.szIniW);
+std::uint32_t ConfiguredPriority(const DriverChoice& c) {
+    std::uint32_t level = os::ini_read_int(u"INIT", u"IRQPRIO", 0, c.installIni);
+    return os::ini_read_int(u"INIT", u"IRQPRIO", static_cast<std::int32_t>(level), c.userIni);
 }
 
 }  // namespace
 
-std::uint32_t SelectAndLoadIrq(Host& h, const SelectionUi& ui) {
-    SearchIrqFiles(h);
-    const Config& c = h.config;
-    if (c.lastIrqName[0] == 0 || h.irq.search.lastIndex == IrqSearch::kNotFound) {
+std::uint32_t SelectAndLoadIrq(IrqDriver& irq, StatsArea& stats, Logger& log,
+                               const DriverChoice& c, const SelectionUi& ui) {
+    SearchIrqFiles(irq, log, c);
+    if (c.lastName[0] == 0 || irq.search.lastIndex == IrqSearch::kNotFound) {
         // The fallback is meant for a driver that fails, not for one that is
         // missing: nothing is loaded here.
-        WarnNoDriver(h, ui);
+        WarnNoDriver(log, ui);
     } else {
-        bool strict = c.fallbackIrqName[0] != 0 &&
-                      h.irq.search.fallbackIndex != IrqSearch::kNotFound;
-        std::uint32_t result = h.irq.LoadIRQ(c.szExe, c.lastIrqName, strict);
+        bool strict = c.fallbackName[0] != 0 && irq.search.fallbackIndex != IrqSearch::kNotFound;
+        std::uint32_t result = irq.LoadIRQ(c.directory, c.lastName, strict);
         if (result == 0 && strict) {
-            h.log.wPrintf(kLogError, u"ZOR: try to load fallback IRQ driver %s\n", c.fallbackIrqName);
-            h.irq.LoadIRQ(c.szExe, c.fallbackIrqName, false);
+            log.wPrintf(kLogError, u"ZOR: try to load fallback IRQ driver %s\n", c.fallbackName);
+            irq.LoadIRQ(c.directory, c.fallbackName, false);
         }
     }
-    std::uint32_t level = ConfiguredPriority(h);
-    if (level < 3) h.irq.SetIrqPriority(level);
-    const std::uint32_t slot = h.irq.CurrentIrqSlot();
-    h.stats.SetDriver(h.irq.Loaded() ? h.slots[slot].name : u"", level);
+    std::uint32_t level = ConfiguredPriority(c);
+    if (level < 3) irq.SetIrqPriority(level);
+    stats.SetDriver(irq.LoadedName(), level);
     return level;
 }
 

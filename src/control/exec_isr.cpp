@@ -2,10 +2,15 @@
 // On the dispatch thread the target is called at once with a packet built
 // on the stack; elsewhere the request is queued in the deferred list of the
 // system shared area and, when asked, its result is waited for.
+#include "control/services.h"
+
 #include <cstring>
 
-#include "host/host.h"
-#include "control/services.h"
+#include "dispatch/caller.h"
+#include "dispatch/dispatcher.h"
+#include "modules/shared_mem.h"
+#include "modules/slot_table.h"
+#include "support/log.h"
 #include "modules/deferred_list_writer.h"
 
 namespace zor {
@@ -18,7 +23,7 @@ std::int32_t Printed(std::uint32_t module) { return static_cast<std::int32_t>(mo
 
 std::int32_t Services::ExecISRFunc(std::uint32_t module, std::uint32_t code, const void* data,
                                    std::uint32_t size, std::uint32_t wait) {
-    if (h_.dispatcher.IsDispatchThread()) return ExecDirect(module, code, data, size);
+    if (dispatcher_.IsDispatchThread()) return ExecDirect(module, code, data, size);
     return ExecQueued(module, code, data, size, wait);
 }
 
@@ -27,29 +32,29 @@ std::int32_t Services::ExecDirect(std::uint32_t module, std::uint32_t code, cons
                                   std::uint32_t size) {
     // Computed wide: a size near 4 GiB must not wrap into the limit.
     if (std::uint64_t{size} + sizeof(ZorExecIsrPacket) > ISR_MAX_DIRECT_ARG) {
-        h_.log.wPrintf(kLogFault, u"ZOR: ExecISRFunc (within ISR!) ISR#%ld: Argument too large!\n\r",
+        log_.wPrintf(kLogFault, u"ZOR: ExecISRFunc (within ISR!) ISR#%ld: Argument too large!\n\r",
                        Printed(module));
         return 0;
     }
-    const std::uint32_t slot = h_.slots.Check(module);
+    const std::uint32_t slot = slots_.Check(module);
     if (slot == 0) return 0;
     alignas(8) unsigned char packet[ISR_MAX_DIRECT_ARG];
     const ZorExecIsrPacket header{code, size};
     std::memcpy(packet, &header, sizeof header);
     if (!GuardedCopy(packet + sizeof header, data, size)) {
-        h_.log.wPrintf(kLogFault, u"ZOR: ExecISRFunc ISR#%u: argument not readable!\n\r", module);
+        log_.wPrintf(kLogFault, u"ZOR: ExecISRFunc ISR#%u: argument not readable!\n\r", module);
         return 0;
     }
-    h_.caller.CallModule(slot, ZOR_FN_EXEC_ISR_FUNC, reinterpret_cast<std::uintptr_t>(packet));
+    caller_.CallModule(slot, ZOR_FN_EXEC_ISR_FUNC, reinterpret_cast<std::uintptr_t>(packet));
     return 1;
 }
 
 std::int32_t Services::ExecQueued(std::uint32_t module, std::uint32_t code, const void* data,
                                   std::uint32_t size, std::uint32_t wait) {
-    unsigned char* area = h_.shm.Area();
-    const std::uint32_t areaSize = h_.shm.AreaSize();
+    unsigned char* area = shm_.Area();
+    const std::uint32_t areaSize = shm_.AreaSize();
     if (area == nullptr) {
-        h_.log.wPrintf(kLogFault, u"ZOR: ExecISRFunc ISR#%u: no system shared memory to queue into!\n\r",
+        log_.wPrintf(kLogFault, u"ZOR: ExecISRFunc ISR#%u: no system shared memory to queue into!\n\r",
                        module);
         return 0;
     }
@@ -60,27 +65,27 @@ std::int32_t Services::ExecQueued(std::uint32_t module, std::uint32_t code, cons
         break;
     case TdlStatus::kQueuedNoSlot:
         // Still queued; its result is not kept.
-        h_.log.wPrintf(kLogFault, u"ZOR: async result list overflow!!!\n\r");
+        log_.wPrintf(kLogFault, u"ZOR: async result list overflow!!!\n\r");
         break;
     case TdlStatus::kTooLarge:
-        h_.log.wPrintf(kLogFault, u"ZOR: ExecISRFunc ISR#%ld: Argument too large!\n\r",
+        log_.wPrintf(kLogFault, u"ZOR: ExecISRFunc ISR#%ld: Argument too large!\n\r",
                        Printed(module));
         return 0;
     case TdlStatus::kTimeout:
-        h_.log.wPrintf(kLogFault, u"ZOR: ExecISRFunc timeout!\n\r");
+        log_.wPrintf(kLogFault, u"ZOR: ExecISRFunc timeout!\n\r");
         return 0;
     case TdlStatus::kBadData:
-        h_.log.wPrintf(kLogFault, u"ZOR: ExecISRFunc ISR#%u: argument not readable!\n\r", module);
+        log_.wPrintf(kLogFault, u"ZOR: ExecISRFunc ISR#%u: argument not readable!\n\r", module);
         return 0;
     case TdlStatus::kNoArea:
-        h_.log.wPrintf(kLogFault, u"ZOR: ExecISRFunc ISR#%u: no system shared memory to queue into!\n\r",
+        log_.wPrintf(kLogFault, u"ZOR: ExecISRFunc ISR#%u: no system shared memory to queue into!\n\r",
                        module);
         return 0;
     }
     if (wait == 0) return 1;
     std::uint32_t result = 0;
     if (!TdlWait(area, areaSize, ticket, kExecWaitLimitMs, kQueueWaitMs, &result)) {
-        h_.log.wPrintf(kLogFault, u"ZOR: ExecISRFunc ISR#%u: no result within %u ms!\n\r", module,
+        log_.wPrintf(kLogFault, u"ZOR: ExecISRFunc ISR#%u: no result within %u ms!\n\r", module,
                        kExecWaitLimitMs);
         return 0;
     }

@@ -4,7 +4,13 @@
 
 #include <new>
 
-#include "host/host.h"
+#include "control/custom_services.h"
+#include "control/module_entries.h"
+#include "dispatch/dispatcher.h"
+#include "modules/slot_table.h"
+#include "pagelock/page_locker.h"
+#include "support/critsec.h"
+#include "support/log.h"
 #include "support/wstr.h"
 
 namespace zor {
@@ -29,12 +35,17 @@ const char16_t* DriverName(const char16_t* path) {
 
 }  // namespace
 
+const char16_t* IrqDriver::LoadedName() const {
+    const std::uint32_t slot = LoadedSlot();
+    return slot ? slots_[slot].name : u"";
+}
+
 std::uint32_t IrqDriver::LoadIRQ(const char16_t* directory, const char16_t* fileName,
                                  bool strict) {
     char16_t path[kPathUnits];
     wcopy(path, kPathUnits, directory ? directory : u"");
     wappend(path, kPathUnits, fileName ? fileName : u"");
-    h_.log.wPrintf(kLogTrace, u"LoadIRQ %s\n\r", path);
+    log_.wPrintf(kLogTrace, u"LoadIRQ %s\n\r", path);
     UnregisterIRQ();
     std::uint32_t result = RegisterIRQ(path, strict);
     ResetIrqPriority();
@@ -42,16 +53,16 @@ std::uint32_t IrqDriver::LoadIRQ(const char16_t* directory, const char16_t* file
 }
 
 std::uint32_t IrqDriver::RegisterIRQ(const char16_t* path, bool strict) {
-    ZOR_LOCK_FUNCS(h_, __LINE__);
+    CLock lock(funcs_);
     if (!path) path = u"";
-    h_.log.wPrintf(kLogTrace, u"Register IRQ %s\n\r", path);
+    log_.wPrintf(kLogTrace, u"Register IRQ %s\n\r", path);
 
-    std::uint32_t slot = h_.slots.Alloc();
+    std::uint32_t slot = slots_.Alloc();
     if (slot == 0) {
-        h_.log.wPrintf(kLogFault, u"ZOR: Failed to add '%s' to internal list\n\r", path);
+        log_.wPrintf(kLogFault, u"ZOR: Failed to add '%s' to internal list\n\r", path);
         return 0;
     }
-    ModuleSlot& s = h_.slots[slot];
+    ModuleSlot& s = slots_[slot];
     s.kind.store(kKindIrq, std::memory_order_relaxed);
     s.number.store(slot, std::memory_order_relaxed);
 
@@ -59,46 +70,46 @@ std::uint32_t IrqDriver::RegisterIRQ(const char16_t* path, bool strict) {
     // created: nothing of the driver was loaded, so nothing is sent to it.
     const char16_t* name = DriverName(path);
     if (wnlen(name, kNameUnits) >= kNameUnits) {
-        h_.log.wPrintf(kLogError, u"ZOR: IRQ driver name too long (19 characters at most): '%s'\n\r",
+        log_.wPrintf(kLogError, u"ZOR: IRQ driver name too long (19 characters at most): '%s'\n\r",
                        path);
         return 0;
     }
-    s.locker = new (std::nothrow) PageLocker(h_.log, h_.lockedNames);
+    s.locker = new (std::nothrow) PageLocker(log_, lockedNames_);
     wcopy(s.name, kNameUnits, name);
 
     s.module = os::module_load(path);
     if (!s.module) {
-        h_.log.wPrintf(kLogError, u"ZOR: Failed to load IRQ: '%s'\n\r", path);
+        log_.wPrintf(kLogError, u"ZOR: Failed to load IRQ: '%s'\n\r", path);
         FailRegistration(slot);
         return 0;
     }
     auto entry = reinterpret_cast<ZorGetSetProc>(os::module_symbol(s.module, ZOR_IRQ_EXPORT_NAME));
     if (!entry) {
-        h_.log.wPrintf(kLogError, u"ZOR: Failed to locate IRQ_GetSet in module '%s'\n\r", path);
+        log_.wPrintf(kLogError, u"ZOR: Failed to locate IRQ_GetSet in module '%s'\n\r", path);
         FailRegistration(slot);
         return 0;
     }
     s.entry.store(entry, std::memory_order_release);
 
-    h_.caller.CallModule(slot, ZOR_FN_SET_ISR_HANDLE, slot);
-    h_.caller.CallModule(slot, ZOR_FN_SET_SERVICE_PROC, ServiceEntry());
-    h_.caller.CallModule(slot, ZOR_GS_SET_INTERRUPT, InterruptEntry());
-    std::uint32_t r = h_.caller.CallModule(slot, ZOR_FN_INITIALIZE, 0);
+    caller_.CallModule(slot, ZOR_FN_SET_ISR_HANDLE, slot);
+    caller_.CallModule(slot, ZOR_FN_SET_SERVICE_PROC, ServiceEntry());
+    caller_.CallModule(slot, ZOR_GS_SET_INTERRUPT, InterruptEntry());
+    std::uint32_t r = caller_.CallModule(slot, ZOR_FN_INITIALIZE, 0);
     if (r == ZOR_INIT_PENDING) {
         s.startPending.store(1, std::memory_order_relaxed);
     } else if (r != ZOR_INIT_OK) {
-        h_.log.wPrintf(kLogError, u"ZOR: '%s' returned error %08x\n\r", path, r);
+        log_.wPrintf(kLogError, u"ZOR: '%s' returned error %08x\n\r", path, r);
         if (strict) {
             FailRegistration(slot);
             return 0;
         }
     }
 
-    s.irqThread = h_.caller.CallModule(slot, ZOR_GS_GET_THREAD, ServiceEntry());
-    h_.sysLocker.LockModule(reinterpret_cast<const void*>(entry));
+    s.irqThread = caller_.CallModule(slot, ZOR_GS_GET_THREAD, ServiceEntry());
+    sysLocker_.LockModule(reinterpret_cast<const void*>(entry));
     // The driver may already have delivered events from any thread; the
     // first event from now on names the dispatch thread.
-    h_.dispatcher.ResetDispatchThread();
+    dispatcher_.ResetDispatchThread();
     s.inUse.store(1, std::memory_order_release);
     currentSlot_.store(slot, std::memory_order_release);
     return 1;
@@ -107,10 +118,10 @@ std::uint32_t IrqDriver::RegisterIRQ(const char16_t* path, bool strict) {
 // The slot was never marked in use, so leaving it is enough to free it.
 // Shutdown goes out even without an entry: the guarded call absorbs that.
 void IrqDriver::FailRegistration(std::uint32_t slot) {
-    ModuleSlot& s = h_.slots[slot];
+    ModuleSlot& s = slots_[slot];
     delete s.locker;
     s.locker = nullptr;
-    h_.caller.CallModule(slot, ZOR_FN_SHUTDOWN, 0);
+    caller_.CallModule(slot, ZOR_FN_SHUTDOWN, 0);
     s.entry.store(nullptr, std::memory_order_release);
     if (s.module) {
         os::module_free(s.module);
@@ -119,43 +130,43 @@ void IrqDriver::FailRegistration(std::uint32_t slot) {
 }
 
 void IrqDriver::UnregisterIRQ(std::uint32_t waitMs) {
-    ZOR_LOCK_FUNCS(h_, __LINE__);
+    CLock lock(funcs_);
     // Nothing forwards commands to a driver that is being withdrawn.
     currentSlot_.store(0, std::memory_order_release);
-    for (std::uint32_t i = 1; i < h_.slots.HighWater(); ++i) {
-        ModuleSlot& s = h_.slots[i];
+    for (std::uint32_t i = 1; i < slots_.HighWater(); ++i) {
+        ModuleSlot& s = slots_[i];
         if (s.inUse.load(std::memory_order_acquire) == 0 ||
             s.kind.load(std::memory_order_relaxed) != kKindIrq) {
             continue;
         }
-        h_.log.wPrintf(kLogTrace, u"Unregister IRQ\n\r");
+        log_.wPrintf(kLogTrace, u"Unregister IRQ\n\r");
         // Fixed order: no more services, no more events, stop, unlock, unload.
         if (ZorGetSetProc entry = s.entry.load(std::memory_order_acquire)) {
-            h_.services.RemoveCustomServices(i);
-            h_.caller.CallModule(i, ZOR_GS_SET_INTERRUPT, 0);
-            h_.caller.CallModule(i, ZOR_FN_SHUTDOWN, 0);
-            h_.sysLocker.UnlockModule(reinterpret_cast<const void*>(entry));
+            custom_.RemoveCustomServices(i);
+            caller_.CallModule(i, ZOR_GS_SET_INTERRUPT, 0);
+            caller_.CallModule(i, ZOR_FN_SHUTDOWN, 0);
+            sysLocker_.UnlockModule(reinterpret_cast<const void*>(entry));
             s.irqThread = 0;
         }
         delete s.locker;
         s.locker = nullptr;
         // A client's command 5 may be inside the driver on another thread:
         // no new call gets in, and the library goes only once those are out.
-        if (h_.caller.CloseSlot(i, waitMs)) {
+        if (caller_.CloseSlot(i, waitMs)) {
             if (s.module) os::module_free(s.module);
         } else {
-            h_.log.wPrintf(kLogFault, u"ZOR: IRQ driver '%s' did not return within %ld ms: module stays loaded\n\r",
+            log_.wPrintf(kLogFault, u"ZOR: IRQ driver '%s' did not return within %ld ms: module stays loaded\n\r",
                            s.name, static_cast<long>(waitMs));
         }
         s.module = nullptr;
-        h_.slots.Free(i);
+        slots_.Free(i);
     }
 }
 
 std::uint32_t IrqDriver::RegisteredSlot() const {
     std::uint32_t slot = CurrentIrqSlot();
     if (slot == 0 || slot >= SlotTable::kSlots) return 0;
-    const ModuleSlot& s = h_.slots[slot];
+    const ModuleSlot& s = slots_[slot];
     if (s.inUse.load(std::memory_order_acquire) == 0 ||
         s.kind.load(std::memory_order_relaxed) != kKindIrq) {
         return 0;
@@ -165,7 +176,7 @@ std::uint32_t IrqDriver::RegisteredSlot() const {
 
 std::uint32_t IrqDriver::LoadedSlot() const {
     std::uint32_t slot = RegisteredSlot();
-    if (slot == 0 || h_.slots[slot].entry.load(std::memory_order_acquire) == nullptr) return 0;
+    if (slot == 0 || slots_[slot].entry.load(std::memory_order_acquire) == nullptr) return 0;
     return slot;
 }
 
@@ -178,7 +189,7 @@ bool IrqDriver::Loaded() const { return LoadedSlot() != 0; }
 // escalation is intended.
 void IrqDriver::RunPriorityRamp(std::uint32_t stage) {
     std::uint32_t slot = RegisteredSlot();
-    os::Thread driverThread = slot ? h_.slots[slot].irqThread : 0;
+    os::Thread driverThread = slot ? slots_[slot].irqThread : 0;
     for (;;) {
         os::priority_class_set(stage == 2 ? os::kRealtimePriorityClass
                                           : os::kNormalPriorityClass);
@@ -187,7 +198,7 @@ void IrqDriver::RunPriorityRamp(std::uint32_t stage) {
             !os::thread_priority_set(driverThread, stage == 0 ? os::kThreadPriorityAboveNormal
                                                               : os::kThreadPriorityTimeCritical)) {
             // Without the privilege (Linux: SCHED_FIFO) the stage is not applied.
-            h_.log.wPrintf(kLogError, u"ZOR: IRQ priority stage %u not applied (%08x)\n\r", stage,
+            log_.wPrintf(kLogError, u"ZOR: IRQ priority stage %u not applied (%08x)\n\r", stage,
                            static_cast<unsigned>(os::last_error()));
         }
         std::uint32_t cls = os::priority_class_get();
@@ -210,12 +221,12 @@ void IrqDriver::ResetIrqPriority() {
 
 std::uint32_t IrqDriver::Query() {
     std::uint32_t slot = LoadedSlot();
-    return slot ? h_.caller.CallModule(slot, ZOR_GS_IRQ_QUERY, 0) : 1000;
+    return slot ? caller_.CallModule(slot, ZOR_GS_IRQ_QUERY, 0) : 1000;
 }
 
 std::uint32_t IrqDriver::Control(std::uint32_t value) {
     std::uint32_t slot = LoadedSlot();
-    return slot ? h_.caller.CallModule(slot, ZOR_GS_IRQ_CONTROL, value) : 0;
+    return slot ? caller_.CallModule(slot, ZOR_GS_IRQ_CONTROL, value) : 0;
 }
 
 }  // namespace zor

@@ -10,9 +10,15 @@
 
 namespace zor {
 
-struct Host;
+class CCritSec;
+class CustomServices;
+class Dispatcher;
+class LockedNames;
+class Logger;
+class PageLocker;
+class SlotTable;
 
-// What the start-up search of "*.irq" files found (see selection.h). The
+// What the start-up search of "*.irq" files found (see driver_selection.h). The
 // indexes are only "found" marks; kNotFound when the name was not seen.
 struct IrqSearch {
     static constexpr std::uint32_t kNotFound = 0xFFFFFFFF;
@@ -27,7 +33,11 @@ public:
     // units; longer names are refused before anything is loaded.
     static constexpr std::uint32_t kNameUnits = 20;
 
-    explicit IrqDriver(Host& host) : h_(host) {}
+    IrqDriver(Logger& log, CCritSec& funcs, SlotTable& slots, Caller& caller,
+              Dispatcher& dispatcher, CustomServices& custom, PageLocker& sysLocker,
+              LockedNames& lockedNames)
+        : log_(log), funcs_(funcs), slots_(slots), caller_(caller), dispatcher_(dispatcher),
+          custom_(custom), sysLocker_(sysLocker), lockedNames_(lockedNames) {}
 
     std::uint32_t LoadIRQ(const char16_t* directory, const char16_t* fileName, bool strict);
     std::uint32_t RegisterIRQ(const char16_t* path, bool strict);
@@ -39,6 +49,8 @@ public:
     std::uint32_t Control(std::uint32_t value);
     // True when CurrentIrqSlot names an in-use kind-1 slot with an entry.
     bool Loaded() const;
+    // The loaded driver's name, "" without one.
+    const char16_t* LoadedName() const;
     std::uint32_t CurrentIrqSlot() const { return currentSlot_.load(std::memory_order_acquire); }
     std::uint32_t PriorityLevel() const { return priorityLevel_; }
 
@@ -54,7 +66,14 @@ private:
     void RunPriorityRamp(std::uint32_t stage);
     void FailRegistration(std::uint32_t slot);
 
-    Host& h_;
+    Logger& log_;
+    CCritSec& funcs_;
+    SlotTable& slots_;
+    Caller& caller_;
+    Dispatcher& dispatcher_;
+    CustomServices& custom_;
+    PageLocker& sysLocker_;
+    LockedNames& lockedNames_;
     std::atomic<std::uint32_t> currentSlot_{0};
     std::uint32_t priorityLevel_ = 0xFFFFFFFF;
 };

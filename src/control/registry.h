@@ -10,21 +10,36 @@
 #include <cstdint>
 
 #include "dispatch/caller.h"
+#include "os/peer.h"
 
 namespace zor {
 
-struct Host;
+class CCritSec;
+class CustomServices;
+class Dispatcher;
+class IrqDriver;
+class LockedNames;
+class Logger;
+class PageLocker;
+class SharedMemory;
+class SlotTable;
+class StopWatches;
 
 class Registry {
 public:
-    explicit Registry(Host& host) : h_(host) {}
+    Registry(Logger& log, CCritSec& funcs, SlotTable& slots, Caller& caller, Dispatcher& dispatcher,
+             SharedMemory& shm, CustomServices& custom, IrqDriver& irq, PageLocker& sysLocker,
+             LockedNames& lockedNames, StopWatches& stopwatches)
+        : log_(log), funcs_(funcs), slots_(slots), caller_(caller), dispatcher_(dispatcher),
+          shm_(shm), custom_(custom), irq_(irq), sysLocker_(sysLocker),
+          lockedNames_(lockedNames), stopwatches_(stopwatches) {}
 
     // Command 1. `payload`/`size` are the message bytes as received; the
     // process id, size and name are read only within them. A name without
     // its terminator inside the payload, or of 20 units or more, is refused
     // with a log line. Returns the handle value valid in the client, 0 on
     // failure or without shared memory.
-    std::uint64_t RegisterISRProc(const void* payload, std::uint32_t size);
+    std::uint64_t RegisterISRProc(os::Peer& peer, const void* payload, std::uint32_t size);
     // `waitMs` bounds the wait for calls still inside the module.
     void UnregisterISR(std::uint32_t slot, std::uint32_t waitMs = Caller::kUnloadWaitMs);
     void ReleaseModuleSlot(std::uint32_t slot, std::uint32_t waitMs = Caller::kUnloadWaitMs);
@@ -47,13 +62,23 @@ public:
 
 private:
     // Registration after the payload has been validated.
-    std::uint64_t Register(std::uint32_t pid, std::uint32_t sharedSize, const char16_t* name);
+    std::uint64_t Register(os::Peer& peer, std::uint32_t pid, std::uint32_t sharedSize, const char16_t* name);
     // Step 5 of registration: the module's shared memory.
-    bool CreateSharedMemory(std::uint32_t slot, std::uint32_t pid, const char16_t* name,
+    bool CreateSharedMemory(os::Peer& peer, std::uint32_t slot, std::uint32_t pid, const char16_t* name,
                             std::uint64_t* remote);
 
-    Host& h_;
-    std::uint32_t stopwatches_[2] = {};
+    Logger& log_;
+    CCritSec& funcs_;
+    SlotTable& slots_;
+    Caller& caller_;
+    Dispatcher& dispatcher_;
+    SharedMemory& shm_;
+    CustomServices& custom_;
+    IrqDriver& irq_;
+    PageLocker& sysLocker_;
+    LockedNames& lockedNames_;
+    StopWatches& stopwatches_;
+    std::uint32_t stopwatchIds_[2] = {};
     bool ownImageLocked_ = false;
 };
 

@@ -4,7 +4,11 @@
 
 #include <cstring>
 
-#include "host/host.h"
+#include "dispatch/dispatch_thread.h"
+#include "dispatch/stats.h"
+#include "modules/shared_mem.h"
+#include "modules/slot_table.h"
+#include "support/log.h"
 #include "os/os.h"
 #include "support/stopwatch.h"
 #include "support/wformat.h"
@@ -102,7 +106,7 @@ void ModuleNameOfAddress(const void* address, char16_t* buf, unsigned size) {
 std::uint32_t Caller::CallModule(std::uint32_t slot, std::uint32_t code, std::uint64_t arg,
                                  std::uint32_t flags, std::uint32_t context, bool* gone,
                                  double* boundary) {
-    ModuleSlot& s = h_.slots[slot];
+    ModuleSlot& s = slots_[slot];
     // Entering the count and seeing the closing bit are one operation, so
     // an unloading thread either sees this call or this call sees it.
     if (s.calls.fetch_add(1, std::memory_order_acq_rel) & ModuleSlot::kClosing) {
@@ -115,7 +119,7 @@ std::uint32_t Caller::CallModule(std::uint32_t slot, std::uint32_t code, std::ui
     if (!os::guarded_run(GuardedCall, &f, &fault)) {
         ReportFault(slot, fault.address);
         if (boundary) *boundary = ClockMs();
-        if (code == ZOR_FN_INTERRUPT) h_.stats.OnIsrFault(slot, faultModuleName_);
+        if (code == ZOR_FN_INTERRUPT) stats_.OnIsrFault(slot, faultModuleName_);
     } else if (f.nullEntry) {
         // Cleared by an unloading, or not yet set by a registration.
         if (gone && ((s.calls.load(std::memory_order_acquire) & ModuleSlot::kClosing) ||
@@ -133,7 +137,7 @@ std::uint32_t Caller::CallModule(std::uint32_t slot, std::uint32_t code, std::ui
 }
 
 bool Caller::CloseSlot(std::uint32_t slot, std::uint32_t waitMs) {
-    ModuleSlot& s = h_.slots[slot];
+    ModuleSlot& s = slots_[slot];
     s.calls.fetch_or(ModuleSlot::kClosing, std::memory_order_acq_rel);
     s.entry.store(nullptr, std::memory_order_release);
     // This thread's own calls into the slot (a module that asked for its own
@@ -167,7 +171,7 @@ void Caller::ReportFault(std::uint32_t slot, const void* address) {
         wcopy(faultModuleName_, 260, name);
         faultNameBusy_.store(false, std::memory_order_release);
     }
-    h_.log.wPrintf(kLogFault, u"ZOR: ISR '%s' caused exception in '%s'!\n\r", h_.slots[slot].name,
+    log_.wPrintf(kLogFault, u"ZOR: ISR '%s' caused exception in '%s'!\n\r", slots_[slot].name,
                    name);
 }
 
@@ -175,36 +179,36 @@ void Caller::ReportFault(std::uint32_t slot, const void* address) {
 // area (a queued call) may be rewritten by a client during the call, so it
 // also ends where the host's mapping ends.
 std::size_t Caller::BlockBytes(std::uint32_t flags, std::uint64_t arg) const {
-    const unsigned char* area = h_.shm.Area();
+    const unsigned char* area = shm_.Area();
     const auto* block = reinterpret_cast<const unsigned char*>(arg);
     if (!(flags & kFlagTdl) || area == nullptr || block < area ||
-        block >= area + h_.shm.AreaSize()) {
+        block >= area + shm_.AreaSize()) {
         return ISR_MAX_DIRECT_ARG;
     }
-    const auto left = static_cast<std::size_t>(area + h_.shm.AreaSize() - block);
+    const auto left = static_cast<std::size_t>(area + shm_.AreaSize() - block);
     return left < ISR_MAX_DIRECT_ARG ? left : ISR_MAX_DIRECT_ARG;
 }
 
 void Caller::ReportCall(std::uint32_t slot, double elapsed, std::uint32_t code,
                         std::uint64_t arg, std::uint32_t flags) {
-    ModuleSlot& s = h_.slots[slot];
+    ModuleSlot& s = slots_[slot];
     const char16_t* suffix = (flags & kFlagTdl) ? u" (TDL)" : u"";
-    if (elapsed > kSlowCallMs && h_.dispatcher.IsDispatchThread() &&
-        h_.log.IsActive(kLogTiming)) {
+    if (elapsed > kSlowCallMs && thread_.IsCurrent() &&
+        log_.IsActive(kLogTiming)) {
         if (code > ZOR_GS_SET_INTERRUPT) {
-            h_.log.wPrintf(kLogTiming, u"ZOR: %s used %3.2f ms (unknown func=%ld)%s\n\r", s.name,
+            log_.wPrintf(kLogTiming, u"ZOR: %s used %3.2f ms (unknown func=%ld)%s\n\r", s.name,
                            elapsed, static_cast<long>(static_cast<std::int32_t>(code)), suffix);
             return;
         }
-        LogSlowCall(h_.log, s.name, elapsed, code, arg, suffix, BlockBytes(flags, arg));
+        LogSlowCall(log_, s.name, elapsed, code, arg, suffix, BlockBytes(flags, arg));
     }
     if (code == ZOR_FN_INTERRUPT) {
         s.interruptStat.Add(elapsed);
-        h_.stats.OnIsrCall(slot, elapsed, (flags & kFlagInEvent) != 0);
+        stats_.OnIsrCall(slot, elapsed, (flags & kFlagInEvent) != 0);
     }
     if (code == ZOR_FN_EXEC_ISR_FUNC) {
         s.execStat.Add(elapsed);
-        h_.stats.OnExecCall();
+        stats_.OnExecCall();
     }
 }
 
@@ -216,7 +220,7 @@ void Caller::AddThreadContext(std::uint32_t threadId, std::uint32_t context) {
             return;
         }
     }
-    h_.log.wPrintf(kLogFault, u"ZOR: Out of thread contexts!\n");
+    log_.wPrintf(kLogFault, u"ZOR: Out of thread contexts!\n");
 }
 
 void Caller::RemoveThreadContext(std::uint32_t threadId) {
@@ -234,7 +238,7 @@ std::uint32_t Caller::GetThreadContext(std::uint32_t threadId) {
             return c.context.load(std::memory_order_relaxed);
         }
     }
-    h_.log.wPrintf(kLogFault, u"ZOR: context for thread %x not found!\n", static_cast<unsigned>(threadId));
+    log_.wPrintf(kLogFault, u"ZOR: context for thread %x not found!\n", static_cast<unsigned>(threadId));
     return 0;
 }
 

@@ -13,7 +13,11 @@
 
 namespace zor {
 
-struct Host;
+class DispatchThread;
+class Logger;
+class SharedMemory;
+class SlotTable;
+class StatsArea;
 
 class Caller {
 public:
@@ -28,7 +32,9 @@ public:
     // fit in one log entry.
     static constexpr std::uint32_t kMaxLoggedWords = (1200 - 8) / 4;
 
-    explicit Caller(Host& host) : h_(host) {}
+    Caller(Logger& log, SlotTable& slots, const SharedMemory& shm, StatsArea& stats,
+           const DispatchThread& thread)
+        : log_(log), slots_(slots), shm_(shm), stats_(stats), thread_(thread) {}
 
     // Calls above this many milliseconds are slow: logged on the dispatch thread.
     static constexpr double kSlowCallMs = 2.0;
@@ -73,7 +79,11 @@ private:
     };
     void ReportFault(std::uint32_t slot, const void* address);
 
-    Host& h_;
+    Logger& log_;
+    SlotTable& slots_;
+    const SharedMemory& shm_;
+    StatsArea& stats_;
+    const DispatchThread& thread_;
     Context contexts_[kThreadContexts];
     std::atomic<bool> faultNameBusy_{false};
     char16_t faultModuleName_[260] = {};

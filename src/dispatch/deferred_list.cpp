@@ -7,17 +7,20 @@
 // trusted: positions are bounded by the size the host mapped, an entry that
 // would run past the queue ends the pass like an invalid module number does,
 // and a result index outside the 1024 slots is not written.
+#include "dispatch/deferred_list.h"
+
 #include <cstring>
 
-#include "dispatch/dispatcher.h"
-#include "host/host.h"
+#include "dispatch/caller.h"
+#include "dispatch/stats.h"
 #include "modules/deferred_list_writer.h"
+#include "modules/shared_mem.h"
+#include "modules/slot_table.h"
+#include "support/log.h"
 
 namespace zor {
 
-namespace {
-
-void RunEntries(Host& h, unsigned char* area, std::uint32_t areaSize) {
+void DeferredList::RunEntries(unsigned char* area, std::uint32_t areaSize) {
     unsigned char* queue = area + ZOR_SSA_QUEUE;
     const std::uint32_t queueBytes = areaSize - ZOR_SSA_QUEUE;
     auto count = TdlWord(area, ZOR_SSA_ENTRY_COUNT);
@@ -27,48 +30,46 @@ void RunEntries(Host& h, unsigned char* area, std::uint32_t areaSize) {
     for (std::uint32_t i = 0; i < count.load(std::memory_order_relaxed); ++i) {
         ZorTdlEntry e;
         if (queueBytes - p < kTdlEntryHeader) {
-            h.log.wPrintf(kLogError, u"ZOR: DoTDL: entry %u at queue offset %u runs past the queue (%u bytes)! Rest of the list dropped.\n\r",
+            log_.wPrintf(kLogError, u"ZOR: DoTDL: entry %u at queue offset %u runs past the queue (%u bytes)! Rest of the list dropped.\n\r",
                           i, p, queueBytes);
             return;
         }
         std::memcpy(&e, queue + p, sizeof e);
         if (e.size > queueBytes - p - kTdlEntryHeader) {
-            h.log.wPrintf(kLogError, u"ZOR: DoTDL: entry %u at queue offset %u runs past the queue (%u bytes)! Rest of the list dropped.\n\r",
+            log_.wPrintf(kLogError, u"ZOR: DoTDL: entry %u at queue offset %u runs past the queue (%u bytes)! Rest of the list dropped.\n\r",
                           i, p, queueBytes);
             return;
         }
         // An invalid module number drops this entry and every one behind it.
-        const std::uint32_t slot = h.slots.Check(e.isr_handle);
+        const std::uint32_t slot = slots_.Check(e.isr_handle);
         if (slot == 0) return;
-        const std::uint32_t r = h.caller.CallModule(
+        const std::uint32_t r = caller_.CallModule(
             slot, ZOR_FN_EXEC_ISR_FUNC,
             reinterpret_cast<std::uintptr_t>(queue + p + offsetof(ZorTdlEntry, func)),
             Caller::kFlagTdl, e.context);
         if (e.result_index >= ZOR_SSA_RESULT_SLOTS) {
-            h.log.wPrintf(kLogError, u"ZOR: DoTDL: result index %u of ISR #%u out of range! Result dropped.\n\r",
+            log_.wPrintf(kLogError, u"ZOR: DoTDL: result index %u of ISR #%u out of range! Result dropped.\n\r",
                           e.result_index, slot);
         } else if (e.result_index != 0) {
             TdlWord(area, ZOR_SSA_RESULTS + 4 * e.result_index).store(r, std::memory_order_relaxed);
         }
-        h.stats.OnTdlEntryRun();
+        stats_.OnTdlEntryRun();
         p += kTdlEntryHeader + e.size;
     }
 }
 
-}  // namespace
-
-void Dispatcher::DoTDL() {
-    unsigned char* area = h_.shm.Area();
-    const std::uint32_t areaSize = h_.shm.AreaSize();
+void DeferredList::Run() {
+    unsigned char* area = shm_.Area();
+    const std::uint32_t areaSize = shm_.AreaSize();
     if (!TdlAreaUsable(area, areaSize)) return;
     auto sync = TdlWord(area, ZOR_SSA_SYNC_TDL);
     if (sync.exchange(1, std::memory_order_acquire) != 0) {
-        h_.stats.OnTdlSkipped();
-        h_.log.wPrintf(kLogTrace, u"ZOR: DoTDL skipps due to SyncTDL=1\n");
+        stats_.OnTdlSkipped();
+        log_.wPrintf(kLogTrace, u"ZOR: DoTDL skipps due to SyncTDL=1\n");
         return;
     }
     if (TdlWord(area, ZOR_SSA_ENTRY_COUNT).load(std::memory_order_relaxed) != 0)
-        RunEntries(h_, area, areaSize);
+        RunEntries(area, areaSize);
     // Bytes used is cleared after an empty run too, so that a stray value
     // written by a client cannot keep writers out for good.
     TdlWord(area, ZOR_SSA_ENTRY_COUNT).store(0, std::memory_order_relaxed);

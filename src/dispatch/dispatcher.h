@@ -7,21 +7,31 @@
 #include <atomic>
 #include <cstdint>
 
+#include "dispatch/dispatch_thread.h"
 #include "support/statistic.h"
 
 namespace zor {
 
-struct Host;
+class Caller;
+class DeferredList;
+class LockedNames;
+class Logger;
+class SharedMemory;
+class SlotTable;
+class StatsArea;
 
 class Dispatcher {
 public:
-    explicit Dispatcher(Host& host) : h_(host) {}
+    Dispatcher(Logger& log, SlotTable& slots, SharedMemory& shm, StatsArea& stats, Caller& caller,
+               DeferredList& deferred, DispatchThread& thread, LockedNames& lockedNames)
+        : log_(log), slots_(slots), shm_(shm), stats_(stats), caller_(caller),
+          deferred_(deferred), thread_(thread), lockedNames_(lockedNames) {}
 
     // OnInterrupt: 0 after a full dispatch, 1 when paused.
     std::uint32_t OnInterrupt(std::uint32_t sequence);
-    bool IsDispatchThread() const;
+    bool IsDispatchThread() const { return thread_.IsCurrent(); }
     void InvalidateDispatchOrder() { orderValid_.store(0, std::memory_order_release); }
-    void ResetDispatchThread() { dispatchThreadId_.store(0, std::memory_order_relaxed); }
+    void ResetDispatchThread() { thread_.Reset(); }
 
     void PauseISR(bool pause);
     std::uint32_t BlockISR(std::uint32_t handle, std::uint32_t block);
@@ -31,8 +41,6 @@ public:
     // which the event's work ended.
     void EndOfInterrupt(std::uint32_t sequence);
     void EndOfInterrupt(std::uint32_t sequence, double now);
-    // Deferred list (start of every dispatched event).
-    void DoTDL();
 
     // State read by the dialog, the report and the tests.
     std::atomic<double> irqFrequencyHz{50.0};
@@ -43,7 +51,7 @@ public:
     std::uint32_t DispatchCount() const { return dispatchCount_.load(std::memory_order_relaxed); }
     std::uint32_t DispatchOrder(std::uint32_t i) const { return order_[i]; }
     std::uint32_t EventCounter() const { return eventCounter_; }
-    std::uint32_t DispatchThreadId() const { return dispatchThreadId_.load(std::memory_order_relaxed); }
+    std::uint32_t DispatchThreadId() const { return thread_.Id(); }
 
     // Used by the tests that play the dispatch thread.
     void SetWakeTimeForTest(double t) { wakeTime_ = t; }
@@ -52,15 +60,20 @@ public:
 private:
     void RebuildOrder();
 
-    Host& h_;
-    std::atomic<std::uint32_t> dispatchThreadId_{0};
+    Logger& log_;
+    SlotTable& slots_;
+    SharedMemory& shm_;
+    StatsArea& stats_;
+    Caller& caller_;
+    DeferredList& deferred_;
+    DispatchThread& thread_;
+    LockedNames& lockedNames_;
     std::uint32_t order_[100] = {};
     std::atomic<std::uint32_t> dispatchCount_{0};
     std::atomic<std::uint32_t> orderValid_{0};
     double wakeTime_ = 0.0;
     CStatistic wakeupStat_;
     CStatistic totalStat_;
-    double tdlTime_ = 0.0;  // printed in the long-event warning; never written
     std::uint32_t eventCounter_ = 0;
     std::uint32_t lastSequence_ = 0;
 };

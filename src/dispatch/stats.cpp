@@ -4,7 +4,8 @@
 
 #include <cstring>
 
-#include "host/host.h"
+#include "modules/slot_table.h"
+#include "support/log.h"
 #include "support/wformat.h"
 #include "support/wstr.h"
 #include "zor/zor_version.h"
@@ -37,16 +38,16 @@ bool StatsArea::Publish() {
     const os::Handle h = os::mapping_create_named(name_, sizeof(ZorStats), &existed);
     if (h == 0) {
         if (existed) {
-            h_.log.wPrintf(kLogError, u"ZOR: statistics area '%s' already exists, not ours to use! Running without it.\n\r", name_);
+            log_.wPrintf(kLogError, u"ZOR: statistics area '%s' already exists, not ours to use! Running without it.\n\r", name_);
         } else {
-            h_.log.wPrintf(kLogError, u"ZOR: statistics area '%s' not created (%08x)! Running without it.\n\r", name_,
+            log_.wPrintf(kLogError, u"ZOR: statistics area '%s' not created (%08x)! Running without it.\n\r", name_,
                            static_cast<unsigned>(os::last_error()));
         }
         return false;
     }
     void* view = os::mapping_map(h, sizeof(ZorStats));
     if (view == nullptr) {
-        h_.log.wPrintf(kLogError, u"ZOR: statistics area '%s' not mapped (%08x)! Running without it.\n\r", name_,
+        log_.wPrintf(kLogError, u"ZOR: statistics area '%s' not mapped (%08x)! Running without it.\n\r", name_,
                        static_cast<unsigned>(os::last_error()));
         os::handle_close(h);
         os::mapping_remove_name(name_);
@@ -64,11 +65,11 @@ bool StatsArea::Publish() {
     a->start_ms = static_cast<std::uint64_t>(os::wall_ms());
     a->info.irq_priority = 0xFFFFFFFFu;
     char16_t path[260];
-    utf8_to_utf16(h_.log.FilePath(), path, 260);
+    utf8_to_utf16(log_.FilePath(), path, 260);
     PutText(a->info.log_file, 260, path);
     std::atomic_ref<std::uint32_t>(a->magic).store(ZOR_STATS_MAGIC, std::memory_order_release);
     area_.store(a, std::memory_order_release);
-    h_.log.wPrintf(kLogTrace, u"ZOR: statistics in '%s' (%u bytes, read-only for others)\n\r", name_,
+    log_.wPrintf(kLogTrace, u"ZOR: statistics in '%s' (%u bytes, read-only for others)\n\r", name_,
                    static_cast<unsigned>(sizeof(ZorStats)));
     return true;
 }
@@ -95,9 +96,9 @@ void StatsArea::SetDriver(const char16_t* name, std::uint32_t stage) {
 void StatsArea::PublishTable() {
     ZorStats* a = Area();
     if (!a) return;
-    const std::uint32_t high = h_.slots.HighWater();
+    const std::uint32_t high = slots_.HighWater();
     for (std::uint32_t i = 1; i < ZOR_STATS_SLOTS; ++i) {
-        const ModuleSlot& m = h_.slots[i];
+        const ModuleSlot& m = slots_[i];
         const bool used = i < high && m.inUse.load(std::memory_order_acquire) != 0;
         ZorStatsSlot& s = a->slots[i];
         const std::uint32_t number = used ? i : 0;
@@ -140,7 +141,7 @@ void StatsArea::OnEventEnd(double totalMs) {
     if (dispatched_ && sequence != lastSequence_ + 1) Bump(ev.sequence_gaps);
     Count(ev.event, totalMs);
     Put(ev.event_ms, totalMs);
-    if ((Get(ev.events) & 63) == 1) Put(ev.log_dropped, h_.log.Dropped());
+    if ((Get(ev.events) & 63) == 1) Put(ev.log_dropped, log_.Dropped());
     End(ev.seq);
     dispatched_ = true;
     lastSequence_ = sequence;

@@ -15,7 +15,8 @@
 
 namespace zor {
 
-struct Host;
+class Logger;
+class SlotTable;
 
 // Stores are release (a plain mov on x86-64): none moves above the odd
 // sequence word stored before it, so no fence is needed. Readers load with
@@ -43,7 +44,7 @@ inline void Count(ZorStatsHistogram& h, double ms) { Bump(h.count[BucketOfMs(ms)
 
 class StatsArea {
 public:
-    explicit StatsArea(Host& host) : h_(host) {}
+    StatsArea(Logger& log, const SlotTable& slots) : log_(log), slots_(slots) {}
     ~StatsArea() { Release(); }
     StatsArea(const StatsArea&) = delete;
     StatsArea& operator=(const StatsArea&) = delete;
@@ -138,7 +139,8 @@ private:
         wakePending_ = false;
     }
 
-    Host& h_;
+    Logger& log_;
+    const SlotTable& slots_;
     std::atomic<ZorStats*> area_{nullptr};
     os::Handle mapping_ = 0;
     char16_t name_[40] = {};

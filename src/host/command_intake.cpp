@@ -1,4 +1,5 @@
-// Dispatch of the WM_COPYDATA commands, with the payload bounds checks.
+// The command table and the dispatch of the WM_COPYDATA commands, with the
+// payload bounds checks.
 #include "host/command_intake.h"
 
 #include <cstdlib>
@@ -10,58 +11,33 @@ namespace zor {
 
 namespace {
 
-// The payload as it arrived, read only within its size.
-class Payload {
-public:
-    Payload(const void* data, std::uint32_t size)
-        : p_(static_cast<const unsigned char*>(data)), size_(data ? size : 0) {}
-
-    bool Has(std::uint32_t bytes) const { return size_ >= bytes; }
-    std::uint32_t U32(std::uint32_t off) const {
-        std::uint32_t v;
-        std::memcpy(&v, p_ + off, sizeof v);
-        return v;
-    }
-    std::uint64_t U64(std::uint32_t off) const {
-        std::uint64_t v;
-        std::memcpy(&v, p_ + off, sizeof v);
-        return v;
-    }
-    // True when a 0 unit lies entirely inside the payload from `off` on.
-    bool TerminatedAt(std::uint32_t off) const {
-        for (std::uint64_t o = off; o + 2 <= size_; o += 2) {
-            if (p_[o] == 0 && p_[o + 1] == 0) return true;
-        }
-        return false;
-    }
-    const unsigned char* Bytes() const { return p_; }
-    std::uint32_t Size() const { return size_; }
-
-private:
-    const unsigned char* p_;
-    std::uint32_t size_;
-};
-
 constexpr std::uint32_t kNameOffset = 16;
 
-bool TooShort(Host& h, std::uint32_t cmd, const Payload& p, std::uint32_t need) {
-    if (p.Has(need)) return false;
-    h.log.wPrintf(kLogError, u"ZOR: command %d: payload of %u bytes too short\n\r", cmd, p.Size());
-    return true;
+std::uint32_t U32(const CommandRequest& r, std::uint32_t off) {
+    std::uint32_t v;
+    std::memcpy(&v, r.data + off, sizeof v);
+    return v;
+}
+std::uint64_t U64(const CommandRequest& r, std::uint32_t off) {
+    std::uint64_t v;
+    std::memcpy(&v, r.data + off, sizeof v);
+    return v;
 }
 
-bool NameMissing(Host& h, std::uint32_t cmd, const Payload& p) {
-    if (TooShort(h, cmd, p, kNameOffset + 2)) return true;
-    if (p.TerminatedAt(kNameOffset)) return false;
-    h.log.wPrintf(kLogError, u"ZOR: command %d: name not terminated in %u bytes\n\r", cmd, p.Size());
-    return true;
+// True when a 0 unit lies entirely inside the payload from `off` on.
+bool TerminatedAt(const CommandRequest& r, std::uint32_t off) {
+    for (std::uint64_t o = off; o + 2 <= r.size; o += 2) {
+        if (r.data[o] == 0 && r.data[o + 1] == 0) return true;
+    }
+    return false;
 }
 
 // A heap copy of the payload, aligned for every field: the module of
 // command 5 may write into it, and names are read as char16_t in place.
 struct Copy {
-    explicit Copy(const Payload& p) : bytes(static_cast<unsigned char*>(std::malloc(p.Size() ? p.Size() : 1))) {
-        if (bytes && p.Size()) std::memcpy(bytes, p.Bytes(), p.Size());
+    explicit Copy(const CommandRequest& r)
+        : bytes(static_cast<unsigned char*>(std::malloc(r.size ? r.size : 1))) {
+        if (bytes && r.size) std::memcpy(bytes, r.data, r.size);
     }
     ~Copy() { std::free(bytes); }
     Copy(const Copy&) = delete;
@@ -69,83 +45,112 @@ struct Copy {
     unsigned char* bytes;
 };
 
-bool CopyFailed(Host& h, std::uint32_t cmd, const Copy& c, std::uint32_t size) {
+bool CopyFailed(const CommandRequest& r, std::uint32_t cmd, const Copy& c) {
     if (c.bytes) return false;
-    h.log.wPrintf(kLogFault, u"ZOR: command %d: no memory for %u bytes\n\r", cmd, size);
+    r.host.log.wPrintf(kLogFault, u"ZOR: command %d: no memory for %u bytes\n\r", cmd, r.size);
     return true;
 }
 
-std::uint32_t Dispatch(Host& h, std::uint32_t cmd, const Payload& p, const DialogEnder& ender) {
-    switch (cmd) {
-    case ZOR_CMD_ISR_REGISTER: {
-        if (NameMissing(h, cmd, p)) return 0;
-        Copy c(p);
-        if (CopyFailed(h, cmd, c, p.Size())) return 0;
-        return static_cast<std::uint32_t>(h.registry.RegisterISRProc(c.bytes, p.Size()));
+std::uint32_t Register(const CommandRequest& r) {
+    Copy c(r);
+    if (CopyFailed(r, ZOR_CMD_ISR_REGISTER, c)) return 0;
+    return static_cast<std::uint32_t>(r.host.registry.RegisterISRProc(r.peer, c.bytes, r.size));
+}
+std::uint32_t Unregister(const CommandRequest& r) {
+    return r.host.registry.UnregisterCommand(U64(r, offsetof(ZorModulePayload, module)));
+}
+// Every client that gets the area is recorded for the automatic shut-down.
+std::uint32_t SysMem(const CommandRequest& r) {
+    const std::uint32_t pid = U32(r, offsetof(ZorSysMemPayload, pid));
+    CLock lock(r.host.csecFuncs);
+    const std::uint64_t remote =
+        r.host.shm.SysMem(r.peer, pid, U32(r, offsetof(ZorSysMemPayload, size)));
+    if (remote != 0) AppendClientPid(r.host, pid);
+    return static_cast<std::uint32_t>(remote);
+}
+std::uint32_t Quit(const CommandRequest& r) {
+    if (r.ender.end) r.ender.end(r.ender.ctx, 1);
+    return 0;
+}
+std::uint32_t ModuleCall(const CommandRequest& r) {
+    Copy c(r);
+    if (CopyFailed(r, ZOR_CMD_MODULE_CALL, c)) return 0xFFFFFFFFu;
+    return static_cast<std::uint32_t>(HandleClientRequest(r.host.slots, r.host.caller, c.bytes));
+}
+std::uint32_t IrqQuery(const CommandRequest& r) { return r.host.irq.Query(); }
+std::uint32_t IrqControl(const CommandRequest& r) { return r.host.irq.Control(U32(r, 0)); }
+std::uint32_t PipeConnect(const CommandRequest& r) {
+    ClientRegistry& clients = r.host.clients;
+    const std::uint32_t pid = U32(r, offsetof(ZorPipePayload, pid));
+    return clients.ConnectClientPipe(r.peer, clients.FindClient(pid),
+                                     U64(r, offsetof(ZorPipePayload, request_pipe)),
+                                     U64(r, offsetof(ZorPipePayload, reply_pipe)), pid);
+}
+std::uint32_t PipeDisconnect(const CommandRequest& r) {
+    return r.host.clients.StopClientPipe(r.host.clients.FindClient(U32(r, 0)));
+}
+std::uint32_t ClientAdd(const CommandRequest& r) { return r.host.clients.RegisterClient(U32(r, 0)); }
+std::uint32_t ClientRemove(const CommandRequest& r) { return r.host.clients.UnregisterClient(U32(r, 0)); }
+std::uint32_t FindModule(const CommandRequest& r) {
+    Copy c(r);
+    if (CopyFailed(r, ZOR_CMD_FIND_MODULE, c)) return 0;
+    return r.host.registry.FindModule(reinterpret_cast<const char16_t*>(c.bytes + kNameOffset));
+}
+std::uint32_t ModuleInfo(const CommandRequest& r) {
+    return r.host.registry.ModuleInfo(U64(r, offsetof(ZorModulePayload, module)));
+}
+std::uint32_t GetIsrMem(const CommandRequest& r) {
+    return static_cast<std::uint32_t>(r.host.shm.GetIsrMem(
+        r.peer, U32(r, offsetof(ZorIsrMemPayload, pid)), U64(r, offsetof(ZorIsrMemPayload, module))));
+}
+
+constexpr Command kCommands[] = {
+    {ZOR_CMD_ISR_REGISTER, kNameOffset + 2, true, 0, Register},
+    {ZOR_CMD_ISR_UNREGISTER, 16, false, 0, Unregister},
+    {ZOR_CMD_SYSMEM, sizeof(ZorSysMemPayload), false, 0, SysMem},
+    {ZOR_CMD_QUIT, 0, false, 0, Quit},
+    {ZOR_CMD_MODULE_CALL, sizeof(ZorClientRequest), false, 0xFFFFFFFFu, ModuleCall},
+    {ZOR_CMD_IRQ_QUERY, 0, false, 0, IrqQuery},
+    {ZOR_CMD_IRQ_CONTROL, 4, false, 0, IrqControl},
+    {ZOR_CMD_PIPE_CONNECT, 20, false, 0, PipeConnect},
+    {ZOR_CMD_PIPE_DISCONNECT, 4, false, 0, PipeDisconnect},
+    {ZOR_CMD_CLIENT_ADD, 4, false, 0, ClientAdd},
+    {ZOR_CMD_CLIENT_REMOVE, 4, false, 0, ClientRemove},
+    {ZOR_CMD_FIND_MODULE, kNameOffset + 2, true, 0, FindModule},
+    {ZOR_CMD_MODULE_INFO, 16, false, 0, ModuleInfo},
+    {ZOR_CMD_GET_ISR_MEM, 16, false, 0, GetIsrMem},
+};
+
+// The payload checks every command passes before its handler runs.
+bool Refused(const Command& c, const CommandRequest& r) {
+    if (r.size < c.minPayload) {
+        r.host.log.wPrintf(kLogError, u"ZOR: command %d: payload of %u bytes too short\n\r", c.number, r.size);
+        return true;
     }
-    case ZOR_CMD_ISR_UNREGISTER:
-        if (TooShort(h, cmd, p, 16)) return 0;
-        h.registry.UnregisterCommand(p.U64(offsetof(ZorModulePayload, module)));
-        return 0;
-    case ZOR_CMD_SYSMEM:
-        if (TooShort(h, cmd, p, sizeof(ZorSysMemPayload))) return 0;
-        return static_cast<std::uint32_t>(h.shm.SysMem(p.U32(offsetof(ZorSysMemPayload, pid)),
-                                                       p.U32(offsetof(ZorSysMemPayload, size))));
-    case ZOR_CMD_QUIT:
-        if (ender.end) ender.end(ender.ctx, 1);
-        return 0;
-    case ZOR_CMD_MODULE_CALL: {
-        if (TooShort(h, cmd, p, sizeof(ZorClientRequest))) return 0xFFFFFFFFu;
-        Copy c(p);
-        if (CopyFailed(h, cmd, c, p.Size())) return 0xFFFFFFFFu;
-        return static_cast<std::uint32_t>(HandleClientRequest(h, c.bytes));
+    if (c.named && !TerminatedAt(r, kNameOffset)) {
+        r.host.log.wPrintf(kLogError, u"ZOR: command %d: name not terminated in %u bytes\n\r", c.number, r.size);
+        return true;
     }
-    case ZOR_CMD_IRQ_QUERY:
-        return h.irq.Query();
-    case ZOR_CMD_IRQ_CONTROL:
-        if (TooShort(h, cmd, p, 4)) return 0;
-        return h.irq.Control(p.U32(0));
-    case ZOR_CMD_PIPE_CONNECT: {
-        if (TooShort(h, cmd, p, 20)) return 0;
-        std::uint32_t pid = p.U32(offsetof(ZorPipePayload, pid));
-        return h.clients.ConnectClientPipe(h.clients.FindClient(pid),
-                                           p.U64(offsetof(ZorPipePayload, request_pipe)),
-                                           p.U64(offsetof(ZorPipePayload, reply_pipe)), pid);
-    }
-    case ZOR_CMD_PIPE_DISCONNECT:
-        if (TooShort(h, cmd, p, 4)) return 0;
-        return h.clients.StopClientPipe(h.clients.FindClient(p.U32(0)));
-    case ZOR_CMD_CLIENT_ADD:
-        if (TooShort(h, cmd, p, 4)) return 0;
-        return h.clients.RegisterClient(p.U32(0));
-    case ZOR_CMD_CLIENT_REMOVE:
-        if (TooShort(h, cmd, p, 4)) return 0;
-        return h.clients.UnregisterClient(p.U32(0));
-    case ZOR_CMD_FIND_MODULE: {
-        if (NameMissing(h, cmd, p)) return 0;
-        Copy c(p);
-        if (CopyFailed(h, cmd, c, p.Size())) return 0;
-        return h.registry.FindModule(reinterpret_cast<const char16_t*>(c.bytes + kNameOffset));
-    }
-    case ZOR_CMD_MODULE_INFO:
-        if (TooShort(h, cmd, p, 16)) return 0;
-        return h.registry.ModuleInfo(p.U64(offsetof(ZorModulePayload, module)));
-    case ZOR_CMD_GET_ISR_MEM:
-        if (TooShort(h, cmd, p, 16)) return 0;
-        return static_cast<std::uint32_t>(h.shm.GetIsrMem(p.U32(offsetof(ZorIsrMemPayload, pid)),
-                                                          p.U64(offsetof(ZorIsrMemPayload, module))));
-    default:  // 10 has no handler
-        return 0;
-    }
+    return false;
 }
 
 }  // namespace
 
-std::uint32_t OnCopyData(Host& host, std::uint64_t dwData, const void* data,
+const Command* FindCommand(std::uint64_t number) {
+    for (const Command& c : kCommands) {
+        if (c.number == number) return &c;
+    }
+    return nullptr;
+}
+
+std::uint32_t OnCopyData(Host& host, os::Peer& peer, std::uint64_t dwData, const void* data,
                          std::uint32_t cbData, const DialogEnder& ender) {
-    // 0, 16 and above, and anything with the top bit set: 0, payload untouched.
-    if (dwData - 1 > 14) return 0;
-    return Dispatch(host, static_cast<std::uint32_t>(dwData), Payload(data, cbData), ender);
+    // 0, 10, 16 and above, and anything with the top bit set: 0, payload untouched.
+    const Command* c = FindCommand(dwData);
+    if (c == nullptr) return 0;
+    const CommandRequest r{host, peer, static_cast<const unsigned char*>(data), data ? cbData : 0,
+                           ender};
+    return Refused(*c, r) ? c->failure : c->handle(r);
 }
 
 }  // namespace zor

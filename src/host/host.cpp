@@ -11,18 +11,27 @@ std::atomic<Host*> g_running{nullptr};
 Host::Host(Logger& logger)
     : log(logger),
       sysLocker(logger, lockedNames),
-      caller(*this),
-      dispatcher(*this),
-      stats(*this),
-      shm(*this),
-      services(*this),
-      registry(*this),
-      irq(*this),
-      clients(*this) {}
+      shm(logger, csecFuncs, slots),
+      stats(logger, slots),
+      caller(logger, slots, shm, stats, dispatchThread),
+      deferredList(logger, shm, slots, caller, stats),
+      dispatcher(logger, slots, shm, stats, caller, deferredList, dispatchThread, lockedNames),
+      customServices(logger, slots),
+      irq(logger, csecFuncs, slots, caller, dispatcher, customServices, sysLocker, lockedNames),
+      services(logger, slots, shm, caller, dispatcher, irq, customServices),
+      registry(logger, csecFuncs, slots, caller, dispatcher, shm, customServices, irq, sysLocker,
+               lockedNames, stopwatches),
+      clients(logger, csecFuncs, slots, caller) {}
 
 Host::~Host() {
     Host* self = this;
     g_running.compare_exchange_strong(self, nullptr);
+}
+
+std::uint32_t SelectAndLoadIrq(Host& h, const SelectionUi& ui) {
+    const Config& c = h.config;
+    const DriverChoice choice{c.szExe, c.szIni, c.szIniW, c.lastIrqName, c.fallbackIrqName};
+    return SelectAndLoadIrq(h.irq, h.stats, h.log, choice, ui);
 }
 
 Host* RunningHost() { return g_running.load(std::memory_order_acquire); }

@@ -1,22 +1,28 @@
-// One running host: every table of the system is a member of a subsystem
-// object owned here, so each test starts from a fresh host. The only global
-// is the pointer to the running instance, used by the C entry points handed
-// to modules (OnInterrupt, ServiceProc).
+// The composition root: one running host owns every subsystem object and
+// hands each the references it uses, lower layers first (see the member
+// order). Each test starts from a fresh host. The only global is the pointer
+// to the running instance, used by the C entry points handed to modules
+// (OnInterrupt, ServiceProc).
 #pragma once
 
 #include <cstdint>
 
-#include "pipes/client_registry.h"
+#include "control/custom_services.h"
+#include "control/driver_selection.h"
+#include "control/irq_driver.h"
+#include "control/module_entries.h"
+#include "control/registry.h"
+#include "control/services.h"
 #include "dispatch/caller.h"
+#include "dispatch/deferred_list.h"
+#include "dispatch/dispatch_thread.h"
 #include "dispatch/dispatcher.h"
 #include "dispatch/stats.h"
 #include "host/config.h"
-#include "control/irq_driver.h"
-#include "pagelock/page_locker.h"
-#include "control/registry.h"
-#include "control/services.h"
 #include "modules/shared_mem.h"
 #include "modules/slot_table.h"
+#include "pagelock/page_locker.h"
+#include "pipes/client_registry.h"
 #include "support/critsec.h"
 #include "support/log.h"
 #include "support/stopwatch.h"
@@ -35,33 +41,33 @@ struct Host {
     CCritSec csecFuncs;
     LockedNames lockedNames;
     PageLocker sysLocker;
+    // What dispatch stands on.
     SlotTable slots;
-    Caller caller;
-    Dispatcher dispatcher;
-    StatsArea stats;
     SharedMemory shm;
+    // The per-event path.
+    DispatchThread dispatchThread;
+    StatsArea stats;
+    Caller caller;
+    DeferredList deferredList;
+    Dispatcher dispatcher;
+    // The control layer.
+    CustomServices customServices;
+    IrqDriver irq;
     Services services;
     Registry registry;
-    IrqDriver irq;
+    // Client connections.
     ClientRegistry clients;
     Config config;
 };
+
+// The driver choice at start-up, from the host's configuration.
+std::uint32_t SelectAndLoadIrq(Host& host, const SelectionUi& ui);
 
 // The running instance the C entry points use; null when none.
 Host* RunningHost();
 void SetRunningHost(Host* host);
 
-// Takes csecFuncs for the scope, naming the holder as the host does.
-#define ZOR_LOCK_FUNCS(host, line) \
-    ::zor::CLock zorFuncsLock_((host).csecFuncs, "csecFuncs", (line), ::zor::kZorSourcePath)
-
 }  // namespace zor
 
-// The entries handed to modules.
-extern "C" std::uint32_t OnInterrupt(std::uint32_t sequence);
-extern "C" std::int64_t ServiceProc(std::uint32_t code, std::uintptr_t a1,
-                                       std::uintptr_t a2, std::uintptr_t a3,
-                                       std::uintptr_t a4, std::uintptr_t a5,
-                                       std::uintptr_t a6);
 // Exported by the executable under ZOR_LOG_EXPORT_NAME.
 ZOR_EXPORT void ZOR_Log(std::uint32_t level, std::uint32_t mask, const std::uint16_t* text);

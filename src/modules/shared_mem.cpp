@@ -2,7 +2,9 @@
 
 #include <cstring>
 
-#include "host/host.h"
+#include "modules/slot_table.h"
+#include "support/critsec.h"
+#include "support/log.h"
 #include "zor/zor_module.h"
 
 namespace zor {
@@ -23,35 +25,35 @@ void InitArea(unsigned char* area, std::uint32_t size) {
 
 }  // namespace
 
-std::uint64_t SharedMemory::SysMem(std::uint32_t pid, std::uint32_t size) {
-    ZOR_LOCK_FUNCS(h_, 981);
+std::uint64_t SharedMemory::SysMem(os::Peer& peer, std::uint32_t pid, std::uint32_t size) {
+    CLock lock(funcs_);
     const bool complete = mapping_ != 0 && Area() != nullptr;
     if (mapping_ == 0) {
         if (size < ZOR_SSA_MIN_SIZE) {
-            h_.log.wPrintf(kLogFault, u"ZOR: System shared memory of %u bytes refused, at least %u bytes needed!\n\r",
+            log_.wPrintf(kLogFault, u"ZOR: System shared memory of %u bytes refused, at least %u bytes needed!\n\r",
                            size, ZOR_SSA_MIN_SIZE);
             return 0;
         }
         mapping_ = os::mapping_create(size);
         if (mapping_ == 0) {
-            h_.log.wPrintf(kLogFault, u"ZOR: Failed to alloc system shared memory!\n\r");
+            log_.wPrintf(kLogFault, u"ZOR: Failed to alloc system shared memory!\n\r");
             if (!complete) ReleaseLocked();
             return 0;
         }
     }
     std::uint64_t remote = 0;
-    const os::Handle process = os::process_open(pid);
-    const bool duplicated = process != 0 && os::handle_dup_to(process, mapping_, &remote);
-    if (process != 0) os::handle_close(process);
+    const os::Handle process = peer.Open(pid);
+    const bool duplicated = process != 0 && peer.DupTo(process, mapping_, &remote);
+    if (process != 0) peer.Close(process);
     if (!duplicated) {
-        h_.log.wPrintf(kLogFault, u"ZOR: Failed to duplicate handle for system shared memory!\n\r");
+        log_.wPrintf(kLogFault, u"ZOR: Failed to duplicate handle for system shared memory!\n\r");
         if (!complete) ReleaseLocked();
         return 0;
     }
     if (Area() == nullptr) {
         auto* view = static_cast<unsigned char*>(os::mapping_map(mapping_, size));
         if (view == nullptr) {
-            h_.log.wPrintf(kLogFault, u"ZOR: Failed to map view of system shared memory!\n\r");
+            log_.wPrintf(kLogFault, u"ZOR: Failed to map view of system shared memory!\n\r");
             if (!complete) ReleaseLocked();
             return 0;
         }
@@ -59,12 +61,11 @@ std::uint64_t SharedMemory::SysMem(std::uint32_t pid, std::uint32_t size) {
         size_.store(size, std::memory_order_relaxed);
         view_.store(view, std::memory_order_release);
     }
-    AppendClientPid(h_, pid);
     return remote;
 }
 
 void SharedMemory::ReleaseArea() {
-    ZOR_LOCK_FUNCS(h_, 966);
+    CLock lock(funcs_);
     ReleaseLocked();
 }
 
@@ -79,26 +80,26 @@ void SharedMemory::ReleaseLocked() {
     }
 }
 
-std::uint64_t SharedMemory::GetIsrMem(std::uint32_t pid, std::uint64_t number) {
-    const std::uint32_t high = h_.slots.HighWater();
+std::uint64_t SharedMemory::GetIsrMem(os::Peer& peer, std::uint32_t pid, std::uint64_t number) {
+    const std::uint32_t high = slots_.HighWater();
     if (high < 2) return 0;
     std::uint32_t slot = 0;
     for (std::uint32_t s = 1; s < high && s < SlotTable::kSlots; ++s) {
-        if (h_.slots[s].number.load(std::memory_order_relaxed) == number) {
+        if (slots_[s].number.load(std::memory_order_relaxed) == number) {
             slot = s;
             break;
         }
     }
     if (slot == 0) return 0;
     std::uint64_t remote = 0;
-    const os::Handle process = os::process_open(pid);
+    const os::Handle process = peer.Open(pid);
     const bool duplicated =
-        process != 0 && os::handle_dup_to(process, h_.slots[slot].mapping, &remote);
+        process != 0 && peer.DupTo(process, slots_[slot].mapping, &remote);
     if (!duplicated) {
-        h_.log.wPrintf(kLogFault, u"ZOR: GetIsrMem of failed to duplicate handle for shared memory (%08x)!\n\r",
+        log_.wPrintf(kLogFault, u"ZOR: GetIsrMem of failed to duplicate handle for shared memory (%08x)!\n\r",
                        os::last_error());
     }
-    if (process != 0) os::handle_close(process);
+    if (process != 0) peer.Close(process);
     return duplicated ? remote : 0;
 }
 

@@ -12,23 +12,27 @@
 #include <cstdint>
 
 #include "os/os.h"
+#include "os/peer.h"
 
 namespace zor {
 
-struct Host;
+class CCritSec;
+class Logger;
+class SlotTable;
 
 class SharedMemory {
 public:
-    explicit SharedMemory(Host& host) : h_(host) {}
+    SharedMemory(Logger& log, CCritSec& funcs, const SlotTable& slots)
+        : log_(log), funcs_(funcs), slots_(slots) {}
     SharedMemory(const SharedMemory&) = delete;
     SharedMemory& operator=(const SharedMemory&) = delete;
 
     // Command 3: handle value valid in `pid`, 0 on failure.
-    std::uint64_t SysMem(std::uint32_t pid, std::uint32_t size);
+    std::uint64_t SysMem(os::Peer& peer, std::uint32_t pid, std::uint32_t size);
     // Unmaps and closes the system area (takes csecFuncs).
     void ReleaseArea();
     // Command 15.
-    std::uint64_t GetIsrMem(std::uint32_t pid, std::uint64_t number);
+    std::uint64_t GetIsrMem(os::Peer& peer, std::uint32_t pid, std::uint64_t number);
 
     // The host's view of the area and the size the host created it with
     // (never a size word that a client can write). Null / 0 when absent.
@@ -41,7 +45,9 @@ public:
 private:
     void ReleaseLocked();
 
-    Host& h_;
+    Logger& log_;
+    CCritSec& funcs_;
+    const SlotTable& slots_;
     os::Handle mapping_ = 0;  // written only under csecFuncs
     std::atomic<unsigned char*> view_{nullptr};
     std::atomic<std::uint32_t> size_{0};

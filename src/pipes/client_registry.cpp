@@ -1,11 +1,13 @@
 // The client table: registration, pipe connection and stop.
 #include "pipes/client_registry.h"
 
-#include "host/host.h"
+#include "modules/slot_table.h"
+#include "support/log.h"
 
 namespace zor {
 
-ClientRegistry::ClientRegistry(Host& host) : h_(host) {
+ClientRegistry::ClientRegistry(Logger& log, CCritSec& funcs, SlotTable& slots, Caller& caller)
+    : log_(log), funcs_(funcs), slots_(slots), caller_(caller) {
     for (std::uint32_t i = 0; i < kRecords; ++i) {
         table_[i].owner = this;
         table_[i].index = i;
@@ -24,7 +26,7 @@ std::uint32_t ClientRegistry::FindClient(std::uint32_t pid) const {
 }
 
 std::uint32_t ClientRegistry::RegisterClient(std::uint32_t pid) {
-    ZOR_LOCK_FUNCS(h_, __LINE__);
+    CLock lock(funcs_);
     if (std::uint32_t found = FindClient(pid)) return found;
     for (std::uint32_t i = 1; i < kRecords; ++i) {
         ClientRecord& r = table_[i];
@@ -38,11 +40,11 @@ std::uint32_t ClientRegistry::RegisterClient(std::uint32_t pid) {
         r.inUse.store(1, std::memory_order_release);
         return i;
     }
-    h_.log.wPrintf(kLogError, u"ZOR: too many clients\n");
+    log_.wPrintf(kLogError, u"ZOR: too many clients\n");
     return 0;
 }
 
-std::uint32_t ClientRegistry::ConnectClientPipe(std::uint32_t index, std::uint64_t requestPipe,
+std::uint32_t ClientRegistry::ConnectClientPipe(os::Peer& peer, std::uint32_t index, std::uint64_t requestPipe,
                                                 std::uint64_t replyPipe, std::uint32_t pid) {
     // An unregistered pid arrives here as index 0, and record 0 serves it.
     if (index >= kRecords) return 0;
@@ -50,12 +52,12 @@ std::uint32_t ClientRegistry::ConnectClientPipe(std::uint32_t index, std::uint64
     // A second connect replaces the first: its thread and handles go first,
     // so that no two threads share one record and nothing is left open.
     StopClientPipe(index);
-    os::Handle process = os::process_open(pid);
+    os::Handle process = peer.Open(pid);
     if (!process) return 0;
     os::Handle request = 0, reply = 0;
-    const bool ok = os::handle_dup_from(process, requestPipe, &request) &&
-                    os::handle_dup_from(process, replyPipe, &reply);
-    os::handle_close(process);
+    const bool ok = peer.DupFrom(process, requestPipe, &request) &&
+                    peer.DupFrom(process, replyPipe, &reply);
+    peer.Close(process);
     os::Thread thread = 0;
     if (ok) {
         r.requestPipe.store(request, std::memory_order_relaxed);
@@ -128,7 +130,7 @@ std::uint32_t ClientRegistry::StopClientPipe(std::uint32_t index) {
 }
 
 std::uint32_t ClientRegistry::UnregisterClient(std::uint32_t pid) {
-    ZOR_LOCK_FUNCS(h_, __LINE__);
+    CLock lock(funcs_);
     std::uint32_t index = FindClient(pid);
     if (!index) return 0;
     StopClientPipe(index);

@@ -33,11 +33,15 @@
 #include <cstdint>
 
 #include "os/os.h"
+#include "os/peer.h"
+#include "support/critsec.h"
 
 namespace zor {
 
-struct Host;
+class Caller;
 class ClientRegistry;
+class Logger;
+class SlotTable;
 
 struct ClientRecord {
     std::atomic<std::uint32_t> inUse{0};
@@ -62,7 +66,7 @@ public:
     static constexpr std::uint32_t kStopWaitMs = 10000;
     static constexpr std::uint32_t kMaxFailures = 10;
 
-    explicit ClientRegistry(Host& host);
+    ClientRegistry(Logger& log, CCritSec& funcs, SlotTable& slots, Caller& caller);
     // Stops every pipe thread still running (they use this host).
     ~ClientRegistry();
     ClientRegistry(const ClientRegistry&) = delete;
@@ -73,7 +77,7 @@ public:
     // Command 11: the record index, 0 when all nine are in use.
     std::uint32_t RegisterClient(std::uint32_t pid);
     // Command 8 (index = FindClient(pid), 0 for an unregistered pid). Always 0.
-    std::uint32_t ConnectClientPipe(std::uint32_t index, std::uint64_t requestPipe,
+    std::uint32_t ConnectClientPipe(os::Peer& peer, std::uint32_t index, std::uint64_t requestPipe,
                                     std::uint64_t replyPipe, std::uint32_t pid);
     // Command 9 (and UnregisterClient). Always 0.
     std::uint32_t StopClientPipe(std::uint32_t index);
@@ -88,7 +92,10 @@ public:
     // The table, for the pipe threads and for tests. index < kRecords.
     ClientRecord& Record(std::uint32_t index) { return table_[index]; }
     const ClientRecord& Record(std::uint32_t index) const { return table_[index]; }
-    Host& host() { return h_; }
+    // What a pipe thread uses.
+    Logger& log() { return log_; }
+    SlotTable& slots() { return slots_; }
+    Caller& caller() { return caller_; }
 
 private:
     static void CancelRead(ClientRecord& r, os::Thread thread);
@@ -97,7 +104,10 @@ private:
     bool StopPipe(std::uint32_t index, std::uint32_t budgetMs, std::uint32_t* spent,
                   bool evenIfRunning);
 
-    Host& h_;
+    Logger& log_;
+    CCritSec& funcs_;
+    SlotTable& slots_;
+    Caller& caller_;
     ClientRecord table_[kRecords];
 };
 
@@ -108,6 +118,6 @@ std::uint32_t ClientPipeThread(void* record);
 // bytes (caller tag, module number, reserved) followed by the body, which the
 // module may write into. -1 when the module number is not a registered slot,
 // else the low 32 bits of the module's answer (0 when it faulted).
-std::int32_t HandleClientRequest(Host& host, void* request);
+std::int32_t HandleClientRequest(SlotTable& slots, Caller& caller, void* request);
 
 }  // namespace zor

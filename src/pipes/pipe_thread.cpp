@@ -3,7 +3,8 @@
 #include <cstring>
 
 #include "pipes/client_registry.h"
-#include "host/host.h"
+#include "support/log.h"
+#include "zor/zor_module.h"
 
 namespace zor {
 
@@ -66,7 +67,7 @@ bool ServeOne(ClientRecord& r, unsigned char* buffer) {
          !r.reading.compare_exchange_weak(expected, 0, std::memory_order_acq_rel); expected = 1) {
     }
     if (!ok) return false;
-    std::int32_t result = HandleClientRequest(r.owner->host(), buffer);
+    std::int32_t result = HandleClientRequest(r.owner->slots(), r.owner->caller(), buffer);
     return WriteAll(r, &result, sizeof result);
 }
 
@@ -75,7 +76,7 @@ bool ServeOne(ClientRecord& r, unsigned char* buffer) {
 std::uint32_t ClientPipeThread(void* arg) {
     ClientRecord& r = *static_cast<ClientRecord*>(arg);
     if (r.stopRequested.load(std::memory_order_acquire)) return 0;
-    Host& host = r.owner->host();
+    Logger& log = r.owner->log();
     // Reused for every request and never cleared; on this thread's stack.
     alignas(16) unsigned char buffer[ZOR_PIPE_BUFFER_SIZE];
     std::uint32_t failures = 0;
@@ -83,7 +84,7 @@ std::uint32_t ClientPipeThread(void* arg) {
         if (!ServeOne(r, buffer)) {
             // A read cancelled by a stop is the end, not a failure.
             if (r.stopRequested.load(std::memory_order_acquire)) break;
-            host.log.wPrintf(kLogTiming, u"ZOR: Pipe-Communication failed!\n\r");
+            log.wPrintf(kLogTiming, u"ZOR: Pipe-Communication failed!\n\r");
             os::sleep_ms(20);
             ++failures;
         }

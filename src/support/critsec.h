@@ -1,9 +1,8 @@
-// The host's recursive critical section and the scoped lock that names its
-// holder (name, line and file) for diagnosis.
+// The host's recursive critical section and its scoped lock. One thread may
+// take it again while it holds it (registration unloads an older module of
+// the same name under the same lock).
 #pragma once
 
-#include <atomic>
-#include <cstdint>
 #include <mutex>
 
 namespace zor {
@@ -14,38 +13,22 @@ public:
     CCritSec(const CCritSec&) = delete;
     CCritSec& operator=(const CCritSec&) = delete;
 
-    void Enter();
-    void Leave();
-    // Holder of the outermost lock, for diagnosis; null name when free.
-    const char* HolderName() const { return holderName_.load(std::memory_order_relaxed); }
-    std::uint32_t HolderLine() const { return holderLine_.load(std::memory_order_relaxed); }
-    const char* HolderFile() const { return holderFile_.load(std::memory_order_relaxed); }
-    std::uint32_t Depth() const { return depth_.load(std::memory_order_relaxed); }
+    void Enter() { mutex_.lock(); }
+    void Leave() { mutex_.unlock(); }
 
 private:
-    friend class CLock;
     std::recursive_mutex mutex_;
-    std::atomic<std::uint32_t> depth_{0};
-    std::atomic<const char*> holderName_{nullptr};
-    std::atomic<std::uint32_t> holderLine_{0};
-    std::atomic<const char*> holderFile_{nullptr};
 };
 
 class CLock {
 public:
-    CLock(CCritSec& section, const char* name, std::uint32_t line, const char* file);
-    ~CLock();
+    explicit CLock(CCritSec& section) : section_(section) { section_.Enter(); }
+    ~CLock() { section_.Leave(); }
     CLock(const CLock&) = delete;
     CLock& operator=(const CLock&) = delete;
 
 private:
     CCritSec& section_;
-    const char* prevName_;
-    std::uint32_t prevLine_;
-    const char* prevFile_;
 };
-
-// The one source path the host writes into its lock diagnostics.
-inline constexpr const char* kZorSourcePath = "RuntimeComponents\\src\\ZOR\\ZorOld";
 
 }  // namespace zor

@@ -81,6 +81,10 @@ inline constexpr LogKind kLogFault{2, 0};        // faults and internal errors
 inline constexpr LogKind kLogUnknownCall{2, 2};  // unknown service calls
 inline constexpr LogKind kLogTiming{0, 1};       // timing and communication warnings
 
+// A module number or count for "%ld": a long is 32 bits on Windows, so the
+// low 32 bits, signed, print the same figures everywhere.
+inline long AsLong(std::uint64_t v) { return static_cast<long>(static_cast<std::int32_t>(v)); }
+
 class Logger {
 public:
     // Receives each written entry (text exactly as formatted, UTF-8), on the

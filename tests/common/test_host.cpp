@@ -150,7 +150,7 @@ std::uint32_t AddFakeIsr(Host& h, ZorGetSetProc entry, const char16_t* name) {
 std::uint32_t RegisterIsr(Host& h, const char* name, std::uint32_t sharedSize) {
     const std::u16string file = ModuleFileName(name);
     const auto payload = RegisterPayload(os::current_process_id(), sharedSize, file);
-    h.registry.RegisterISRProc(payload.data(), static_cast<std::uint32_t>(payload.size()));
+    h.registry.RegisterISRProc(zor::os::process_peer(), payload.data(), static_cast<std::uint32_t>(payload.size()));
     return h.registry.FindModule(file.c_str());
 }
 

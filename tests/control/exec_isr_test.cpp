@@ -22,7 +22,7 @@ protected:
         ASSERT_NE(sb, 0u);
     }
     void MakeArea(std::uint32_t queueBytes) {
-        ASSERT_NE(h.shm.SysMem(os::current_process_id(), ZOR_SSA_QUEUE + queueBytes), 0u);
+        ASSERT_NE(h.shm.SysMem(zor::os::process_peer(), os::current_process_id(), ZOR_SSA_QUEUE + queueBytes), 0u);
     }
     std::uint32_t Word(std::uint32_t offset) { return TdlWord(h.shm.Area(), offset).load(); }
     bool NoSlotKept() {

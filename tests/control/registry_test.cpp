@@ -109,7 +109,7 @@ protected:
     std::uint64_t Register(const char* name, std::uint32_t size) {
         fake.events.clear();
         const auto p = RegisterPayload(os::current_process_id(), size, ModuleFileName(name));
-        return h.registry.RegisterISRProc(p.data(), static_cast<std::uint32_t>(p.size()));
+        return h.registry.RegisterISRProc(zor::os::process_peer(), p.data(), static_cast<std::uint32_t>(p.size()));
     }
     bool NothingInUse() {
         for (std::uint32_t s = 1; s < SlotTable::kSlots; ++s)
@@ -123,15 +123,15 @@ protected:
 TEST_F(RecordedRegistry, MalformedPayloadsAreRefusedWithoutReadingPastThem) {
     // Cut before the terminator: the name runs to the end of the payload.
     const auto p = RegisterPayload(os::current_process_id(), 0, u"test_isr.xyz");
-    EXPECT_EQ(0u, h.registry.RegisterISRProc(p.data(), 40));
+    EXPECT_EQ(0u, h.registry.RegisterISRProc(zor::os::process_peer(), p.data(), 40));
     EXPECT_TRUE(log.Contains("ZOR: RegisterISRProc: malformed request refused (40 bytes)!\n\r"));
     // 20 units is too long even with a terminator; 19 units is a name.
     const auto p20 = RegisterPayload(1, 0, u"abcdefghijklmnop.so0");
-    EXPECT_EQ(0u, h.registry.RegisterISRProc(p20.data(), static_cast<std::uint32_t>(p20.size())));
+    EXPECT_EQ(0u, h.registry.RegisterISRProc(zor::os::process_peer(), p20.data(), static_cast<std::uint32_t>(p20.size())));
     EXPECT_TRUE(log.ContainsSubstr("ZOR: RegisterISRProc: module name too long"));
     EXPECT_TRUE(fake.events.empty());
     const auto p19 = RegisterPayload(1, 0, u"abcdefghijklmnop.so");
-    EXPECT_EQ(0u, h.registry.RegisterISRProc(p19.data(), static_cast<std::uint32_t>(p19.size())));
+    EXPECT_EQ(0u, h.registry.RegisterISRProc(zor::os::process_peer(), p19.data(), static_cast<std::uint32_t>(p19.size())));
     EXPECT_TRUE(log.Contains("ZOR: Failed to load ISR: 'abcdefghijklmnop.so'\n\r"));
     EXPECT_TRUE(NothingInUse());
 }

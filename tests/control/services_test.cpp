@@ -97,17 +97,17 @@ TEST_F(ModuleServicesTest, CustomServicesDuplicateLeaveWithTheirOwnerAndFillTwoH
     h.registry.UnregisterISR(sb);
     EXPECT_EQ(Svc(kCode, 7), 0);  // unknown now
 
-    for (std::uint32_t i = 0; i < Services::kCustom; ++i)
-        ASSERT_EQ(h.services.InstallService(1 + i % 3, 0x6000 + i, &Answer), 0u) << i;
+    for (std::uint32_t i = 0; i < CustomServices::kCustom; ++i)
+        ASSERT_EQ(h.customServices.InstallService(1 + i % 3, 0x6000 + i, &Answer), 0u) << i;
     EXPECT_EQ(Svc(SERV_InstallService, 1, 0x7000, reinterpret_cast<std::uintptr_t>(&Answer)), 0xFFFFFFFFll);
     EXPECT_TRUE(log.Contains("ZOR: Installing custom service failed!!\n\r"));
     EXPECT_EQ(Svc(0x6000 + 199), 0x6000 + 200);
-    h.services.RemoveCustomServices(2);  // frees every third entry
+    h.customServices.RemoveCustomServices(2);  // frees every third entry
     EXPECT_EQ(Svc(0x6001), 0);
-    EXPECT_EQ(h.services.InstallService(2, 0, &Answer), 0u);
+    EXPECT_EQ(h.customServices.InstallService(2, 0, &Answer), 0u);
     EXPECT_EQ(Svc(0), 1);  // code 0 is a custom code too
     log.Clear();
-    EXPECT_EQ(h.services.InstallService(100, 0x8000, &Answer), 0xFFFFFFFFu);
+    EXPECT_EQ(h.customServices.InstallService(100, 0x8000, &Answer), 0xFFFFFFFFu);
     EXPECT_EQ(log.Lines(), std::vector<std::string>{
                                "ZOR: Installing custom service 8000 failed: invalid owner #100!\n\r"});
 }

@@ -46,7 +46,7 @@ protected:
     TdlTest() { g_calls.clear(); }
 
     void MakeArea(std::uint32_t queueBytes = 4096) {
-        ASSERT_NE(h.shm.SysMem(os::current_process_id(), ZOR_SSA_QUEUE + queueBytes), 0u);
+        ASSERT_NE(h.shm.SysMem(zor::os::process_peer(), os::current_process_id(), ZOR_SSA_QUEUE + queueBytes), 0u);
         area = h.shm.Area();
         size = h.shm.AreaSize();
     }
@@ -78,7 +78,7 @@ protected:
 };
 
 TEST_F(TdlTest, EntriesRunInOrderWithTheirPacketAndContextUpToAFreedSlot) {
-    h.dispatcher.DoTDL();  // no area yet: nothing to do
+    h.deferredList.Run();  // no area yet: nothing to do
     MakeArea();
     const std::uint32_t a = AddFake<'A'>();
     const std::uint32_t b = AddFake<'B'>();
@@ -90,7 +90,7 @@ TEST_F(TdlTest, EntriesRunInOrderWithTheirPacketAndContextUpToAFreedSlot) {
     EXPECT_EQ(Word(ZOR_SSA_BYTES_USED), 3u * 24 + 4);
     for (std::uint32_t k = 3; k < ZOR_SSA_RESULT_SLOTS; ++k) SetWord(ZOR_SSA_RESULTS + 4 * k, 0xEEEEEEEE);
 
-    h.dispatcher.DoTDL();
+    h.deferredList.Run();
     ASSERT_EQ(g_calls.size(), 3u);
     EXPECT_EQ((std::vector<std::uint32_t>{'A', 11, 3, 7}),
               (std::vector<std::uint32_t>{g_calls[0].module, g_calls[0].func, g_calls[0].size, g_calls[0].firstByte}));
@@ -115,7 +115,7 @@ TEST_F(TdlTest, EntriesRunInOrderWithTheirPacketAndContextUpToAFreedSlot) {
     Append(b, 2, nullptr, 0);
     Append(c, 3, nullptr, 0, true, &tc);
     h.slots.Free(b);
-    h.dispatcher.DoTDL();
+    h.deferredList.Run();
     EXPECT_EQ(g_calls.size(), 1u);
     EXPECT_EQ(Result(tc.slot), 0u);  // cleared when reserved, never written
     EXPECT_TRUE(TdlResultReady(area, size, tc));  // the waiter is released with 0
@@ -186,18 +186,18 @@ TEST_F(TdlTest, HostileQueueWordsEndThePassInsideTheArea) {
         g_calls.clear();
         for (const auto& e : c.entries) PutRaw(e[0], a, e[1], e[2], e[3]);
         SetWord(ZOR_SSA_ENTRY_COUNT, c.count);
-        h.dispatcher.DoTDL();
+        h.deferredList.Run();
         EXPECT_EQ(g_calls.size(), c.calls);  // called up to the bad entry, results dropped
         EXPECT_TRUE(log.ContainsSubstr(c.line));
         EXPECT_EQ(Word(ZOR_SSA_ENTRY_COUNT), 0u);
         EXPECT_EQ(Word(ZOR_SSA_SYNC_TDL), 0u);
     }
     SetWord(ZOR_SSA_BYTES_USED, 0xFFFFFF00);  // a stray word with an empty queue is cleared
-    h.dispatcher.DoTDL();
+    h.deferredList.Run();
     EXPECT_EQ(Word(ZOR_SSA_BYTES_USED), 0u);
     g_calls.clear();
     EXPECT_EQ(Append(a, 99, nullptr, 0), TdlStatus::kQueued);
-    h.dispatcher.DoTDL();
+    h.deferredList.Run();
     ASSERT_EQ(g_calls.size(), 1u);
     EXPECT_EQ(g_calls[0].func, 99u);
 }
@@ -211,7 +211,7 @@ TEST_F(TdlTest, WriterTrustsNoClientWord) {
     ASSERT_EQ(Append(18, 0xCD, d, 2), TdlStatus::kQueued);
     ASSERT_EQ(Append(1, 0, area, 22, false, nullptr, 200), TdlStatus::kTimeout);  // full: 24 + 22 > 45 left
     EXPECT_EQ(Word(ZOR_SSA_ENTRY_COUNT), 2u);
-    h.dispatcher.DoTDL();
+    h.deferredList.Run();
 
     std::vector<unsigned char> data(200, 0x5A);
     SetWord(ZOR_SSA_CAPACITY, 0xFFFFFFFF);  // a client claims more than there is
@@ -221,7 +221,7 @@ TEST_F(TdlTest, WriterTrustsNoClientWord) {
     EXPECT_EQ(Append(1, 0, data.data(), 27), TdlStatus::kTooLarge);
     SetWord(ZOR_SSA_BYTES_USED, 0xFFFFFFF0);  // beyond the queue, with no entry
     EXPECT_EQ(Append(1, 0, data.data(), 4), TdlStatus::kTimeout);
-    h.dispatcher.DoTDL();
+    h.deferredList.Run();
     SetWord(ZOR_SSA_SYNC_TDL, 1);
     EXPECT_EQ(Append(1, 0, data.data(), 4), TdlStatus::kTimeout);
     EXPECT_EQ(Word(ZOR_SSA_SYNC_TDL), 1u);

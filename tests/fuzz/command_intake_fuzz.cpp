@@ -11,6 +11,7 @@
 #include "common/test_host.h"
 #include "host/command_intake.h"
 #include "os/os.h"
+#include "os/peer.h"
 
 namespace {
 
@@ -48,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     int ended = 0;
     zor::DialogEnder ender{&ended, [](void* c, std::intptr_t) { ++*static_cast<int*>(c); }};
-    const std::uint32_t r = zor::OnCopyData(fh.host, cmd, payload.get(),
+    const std::uint32_t r = zor::OnCopyData(fh.host, zor::os::process_peer(), cmd, payload.get(),
                                             static_cast<std::uint32_t>(in.n), ender);
     // The client's copy of a handed-out handle is the client's to close.
     if (own && r != 0 &&

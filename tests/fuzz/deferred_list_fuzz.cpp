@@ -23,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     zor::Host& h = fh.host;
     zor::test::RegisterIsr(h, "busy_isr");
     zor::test::RegisterIsr(h, "rewriting_isr");
-    if (h.shm.SysMem(zor::os::current_process_id(), ZOR_SSA_QUEUE + queueBytes) == 0) return 0;
+    if (h.shm.SysMem(zor::os::process_peer(), zor::os::current_process_id(), ZOR_SSA_QUEUE + queueBytes) == 0) return 0;
     unsigned char* area = h.shm.Area();
     for (std::uint32_t at : {ZOR_SSA_CAPACITY, ZOR_SSA_SYNC_TDL, ZOR_SSA_ENTRY_COUNT, ZOR_SSA_BYTES_USED})
         zor::TdlWord(area, at).store(in.Take<std::uint32_t>());
@@ -44,8 +44,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             }
         });
     }
-    h.dispatcher.DoTDL();
-    h.dispatcher.DoTDL();
+    h.deferredList.Run();
+    h.deferredList.Run();
     stop = true;
     if (racer.joinable()) racer.join();
     return 0;

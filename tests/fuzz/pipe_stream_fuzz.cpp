@@ -11,6 +11,7 @@
 #include "common/fuzz_host.h"
 #include "common/test_host.h"
 #include "os/os.h"
+#include "os/peer.h"
 
 namespace {
 
@@ -34,7 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (!zor::os::pipe_create(&reqRead, &reqWrite) || !zor::os::pipe_create(&repRead, &repWrite)) abort();
     const std::uint32_t pid = zor::os::current_process_id();
     const std::uint32_t index = h.clients.RegisterClient(pid);
-    h.clients.ConnectClientPipe(index, reqRead, repWrite, pid);
+    h.clients.ConnectClientPipe(zor::os::process_peer(), index, reqRead, repWrite, pid);
     zor::os::handle_close(repWrite);
     for (std::size_t at = 0; at < in.n; at += piece) {
         std::uint32_t done = 0;

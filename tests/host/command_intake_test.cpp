@@ -13,6 +13,7 @@
 #include "host/config.h"
 #include "host/host.h"
 #include "os/os.h"
+#include "os/peer.h"
 
 namespace {
 
@@ -28,7 +29,7 @@ struct Block {
 class Intake : public ::testing::Test {
 protected:
     std::uint32_t Send(std::uint64_t cmd, const Block& b) {
-        return zor::OnCopyData(*host_, cmd, b.bytes.get(), static_cast<std::uint32_t>(b.size), ender_);
+        return zor::OnCopyData(*host_, zor::os::process_peer(), cmd, b.bytes.get(), static_cast<std::uint32_t>(b.size), ender_);
     }
     zor::test::TestLog log_;
     std::unique_ptr<zor::Host> host_ = std::make_unique<zor::Host>(log_.log());
@@ -57,7 +58,7 @@ TEST_F(Intake, PayloadsShorterThanTheirFieldsAreRefused) {
             log_.Clear();
             Block b(size);
             std::uint32_t r = size ? Send(m.cmd, b)
-                                   : zor::OnCopyData(*host_, m.cmd, nullptr, 0, ender_);
+                                   : zor::OnCopyData(*host_, zor::os::process_peer(), m.cmd, nullptr, 0, ender_);
             EXPECT_EQ(r, m.failure) << "command " << m.cmd << " size " << size;
             EXPECT_EQ(log_.Lines(),
                       std::vector<std::string>{"ZOR: command " + std::to_string(m.cmd) +

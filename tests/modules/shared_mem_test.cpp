@@ -5,6 +5,7 @@
 
 #include "common/test_host.h"
 #include "common/heap_area_os.h"
+#include "host/command_intake.h"
 #include "modules/deferred_list_writer.h"
 
 namespace zor {
@@ -16,6 +17,11 @@ class SharedMemTest : public ::testing::Test {
 protected:
     static constexpr std::uint32_t kSize = ZOR_SSA_QUEUE + 1000;
     std::uint32_t Word(std::uint32_t offset) { return TdlWord(h.shm.Area(), offset).load(); }
+    // Command 3 as a client sends it: the area, and the client's pid recorded.
+    std::uint64_t SysMem(std::uint32_t pid, std::uint32_t size) {
+        const ZorSysMemPayload p{pid, size};
+        return OnCopyData(h, os::process_peer(), ZOR_CMD_SYSMEM, &p, sizeof p, DialogEnder{});
+    }
 
     test::HeapAreaOs fake;
     test::TestHost th;
@@ -24,11 +30,11 @@ protected:
 };
 
 TEST_F(SharedMemTest, TheFirstRequestCreatesTheAreaAndLaterOnesShareIt) {
-    EXPECT_EQ(h.shm.SysMem(1, ZOR_SSA_QUEUE - 1), 0u);
+    EXPECT_EQ(SysMem(1, ZOR_SSA_QUEUE - 1), 0u);
     EXPECT_TRUE(log.Contains("ZOR: System shared memory of 5143 bytes refused, at least 5144 bytes needed!\n\r"));
     EXPECT_TRUE(fake.events.empty());
     EXPECT_EQ(h.config.clientCount.load(), 0u);
-    const std::uint64_t first = h.shm.SysMem(77, ZOR_SSA_QUEUE);  // the smallest area: an empty queue
+    const std::uint64_t first = SysMem(77, ZOR_SSA_QUEUE);  // the smallest area: an empty queue
     ASSERT_NE(first, 0u);
     EXPECT_EQ(fake.events, (Events{"create", "open", "dup", "close process", "map"}));
     unsigned char* area = h.shm.Area();
@@ -36,7 +42,7 @@ TEST_F(SharedMemTest, TheFirstRequestCreatesTheAreaAndLaterOnesShareIt) {
     EXPECT_EQ(h.config.clientPids[0].load(), 77u);
     TdlWord(area, ZOR_SSA_ENTRY_COUNT).store(5);  // live state survives
     fake.events.clear();
-    const std::uint64_t second = h.shm.SysMem(2, kSize * 4);
+    const std::uint64_t second = SysMem(2, kSize * 4);
     EXPECT_EQ(fake.events, (Events{"open", "dup", "close process"}));
     EXPECT_EQ(fake.BlockOfRemote(second), area);
     EXPECT_EQ(h.shm.AreaSize(), std::uint32_t{ZOR_SSA_QUEUE});
@@ -45,7 +51,7 @@ TEST_F(SharedMemTest, TheFirstRequestCreatesTheAreaAndLaterOnesShareIt) {
     // A later failure leaves the area alone.
     fake.events.clear();
     fake.failing = "dup";
-    EXPECT_EQ(h.shm.SysMem(3, kSize), 0u);
+    EXPECT_EQ(SysMem(3, kSize), 0u);
     EXPECT_EQ(fake.events, (Events{"open", "dup failed", "close process"}));
     EXPECT_EQ(h.shm.Area(), area);
     EXPECT_EQ(fake.openProcesses, 0);
@@ -69,7 +75,7 @@ TEST_F(SharedMemTest, AFailedCreationReleasesInReverseOrderAndLeavesNothingBehin
         SCOPED_TRACE(c.call);
         fake.events.clear();
         fake.failing = c.call;
-        EXPECT_EQ(h.shm.SysMem(7, kSize), 0u);
+        EXPECT_EQ(SysMem(7, kSize), 0u);
         EXPECT_TRUE(log.Contains(c.message));
         EXPECT_EQ(fake.events, c.events);
         EXPECT_EQ(h.shm.Area(), nullptr);
@@ -77,12 +83,12 @@ TEST_F(SharedMemTest, AFailedCreationReleasesInReverseOrderAndLeavesNothingBehin
         EXPECT_EQ(fake.openProcesses, 0);
     }
     fake.failing.clear();  // a later request starts afresh
-    EXPECT_NE(h.shm.SysMem(7, kSize), 0u);
+    EXPECT_NE(SysMem(7, kSize), 0u);
     EXPECT_NE(h.shm.Area(), nullptr);
 }
 
 TEST_F(SharedMemTest, ReleaseUnmapsThenClosesAndTheSequenceWordStopsBeingWritten) {
-    ASSERT_NE(h.shm.SysMem(1, kSize), 0u);
+    ASSERT_NE(SysMem(1, kSize), 0u);
     fake.events.clear();
     h.shm.ReleaseArea();
     h.shm.ReleaseArea();  // nothing left to release

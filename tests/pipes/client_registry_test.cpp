@@ -95,7 +95,7 @@ protected:
 TEST_F(HandleLeak, ConnectWithAnUnduplicableEndKeepsNothing) {
     const std::uint32_t i = host_->clients.RegisterClient(pid_);
     for (int k = 0; k < 20; ++k) {
-        EXPECT_EQ(host_->clients.ConnectClientPipe(i, k % 2 ? 0xBAD0 : reqRead_, k % 2 ? repWrite_ : 0xBAD0, pid_), 0u);
+        EXPECT_EQ(host_->clients.ConnectClientPipe(zor::os::process_peer(), i, k % 2 ? 0xBAD0 : reqRead_, k % 2 ? repWrite_ : 0xBAD0, pid_), 0u);
         EXPECT_EQ(host_->clients.Record(i).pipeThread.load(), 0u);
         EXPECT_EQ(host_->clients.Record(i).requestPipe.load(), 0u);
     }
@@ -106,7 +106,7 @@ TEST_F(HandleLeak, ConnectWithAnUnduplicableEndKeepsNothing) {
 TEST_F(HandleLeak, ASecondConnectStopsTheFirstPipe) {
     const std::uint32_t i = host_->clients.RegisterClient(pid_);
     // A client repeating command 8 with the same pipe.
-    for (int k = 0; k < 2; ++k) host_->clients.ConnectClientPipe(i, reqRead_, repWrite_, pid_);
+    for (int k = 0; k < 2; ++k) host_->clients.ConnectClientPipe(zor::os::process_peer(), i, reqRead_, repWrite_, pid_);
     SendRequest(slot_, {7, 8});
     EXPECT_EQ(Answer(), Expected({7, 8}));
     EXPECT_EQ(Live::n.load(), 3);  // one thread, two pipe ends
@@ -117,7 +117,7 @@ TEST_F(HandleLeak, ASecondConnectStopsTheFirstPipe) {
 TEST_F(HandleLeak, AFailedRegistrationTakesBackTheClientsHandle) {
     // Shared memory is made and handed to the client before the load fails.
     const auto payload = RegisterPayload(pid_, 4096, u"no_such_module.dll");
-    EXPECT_EQ(host_->registry.RegisterISRProc(payload.data(), static_cast<std::uint32_t>(payload.size())), 0u);
+    EXPECT_EQ(host_->registry.RegisterISRProc(zor::os::process_peer(), payload.data(), static_cast<std::uint32_t>(payload.size())), 0u);
     EXPECT_TRUE(log_.ContainsSubstr("ZOR: Failed to load ISR: 'no_such_module.dll'"));
     EXPECT_EQ(Live::n.load(), 0);
 }
@@ -140,7 +140,7 @@ TEST_F(Registry, ThreadsStuckInAModuleShareOneBoundedWaitAndKeepTheirRecords) {
     ASSERT_TRUE(os::pipe_create(&req2Read, &req2Write) && os::pipe_create(&rep2Read, &rep2Write));
     const std::uint32_t pid = os::current_process_id();
     const std::uint32_t i = host_->clients.RegisterClient(pid);
-    host_->clients.ConnectClientPipe(0, req2Read, rep2Write, pid);  // record 0: an unregistered pid
+    host_->clients.ConnectClientPipe(zor::os::process_peer(), 0, req2Read, rep2Write, pid);  // record 0: an unregistered pid
     Connect(i);
     SendRequest(slot_, {1});
     const std::uint32_t frame[4] = {12, 0, slot_, 0};

@@ -12,6 +12,7 @@
 #include "common/test_host.h"
 #include "host/host.h"
 #include "os/os.h"
+#include "os/peer.h"
 
 namespace zor::test {
 
@@ -60,7 +61,7 @@ protected:
     // Hands the host its duplicates of the two ends, as command 8 does, and
     // drops this side's copies of them.
     void Connect(std::uint32_t index) {
-        host_->clients.ConnectClientPipe(index, reqRead_, repWrite_, os::current_process_id());
+        host_->clients.ConnectClientPipe(zor::os::process_peer(), index, reqRead_, repWrite_, os::current_process_id());
         os::handle_close(reqRead_);
         os::handle_close(repWrite_);
         reqRead_ = repWrite_ = 0;

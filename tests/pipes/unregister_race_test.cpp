@@ -24,7 +24,7 @@ TEST(UnregisterRace, CallsInFlightNeverMeetAnUnloadedModule) {
     os::Handle reqRead = 0, reqWrite = 0, repRead = 0, repWrite = 0;
     ASSERT_TRUE(os::pipe_create(&reqRead, &reqWrite) && os::pipe_create(&repRead, &repWrite));
     const std::uint32_t pid = os::current_process_id();
-    h.clients.ConnectClientPipe(h.clients.RegisterClient(pid), reqRead, repWrite, pid);
+    h.clients.ConnectClientPipe(zor::os::process_peer(), h.clients.RegisterClient(pid), reqRead, repWrite, pid);
     os::handle_close(reqRead);
     os::handle_close(repWrite);
 
@@ -45,7 +45,7 @@ TEST(UnregisterRace, CallsInFlightNeverMeetAnUnloadedModule) {
     });
     std::thread command5([&] {
         std::uint32_t request[4] = {kEmptyBody, slot, 0, 0};  // the module reads a first word
-        while (!done) check(static_cast<std::uint32_t>(HandleClientRequest(h, request)));
+        while (!done) check(static_cast<std::uint32_t>(HandleClientRequest(h.slots, h.caller, request)));
     });
     std::uint32_t reloaded = 0;
     for (int i = 0; i < 40; ++i) {

@@ -22,7 +22,7 @@ TEST(Stress, EveryThreadAtOnce) {
     const auto until = Clock::now() + std::chrono::seconds(env ? std::atoi(env) : 30);
     test::TestHost th(true);
     Host& h = th.host();
-    ASSERT_NE(0u, h.shm.SysMem(os::current_process_id(), ZOR_SSA_QUEUE + 4096));
+    ASSERT_NE(0u, h.shm.SysMem(zor::os::process_peer(), os::current_process_id(), ZOR_SSA_QUEUE + 4096));
     const std::uint32_t a = test::RegisterIsr(h, "test_isr");
     ASSERT_NE(0u, a);
     test::TestIsr isr;
@@ -67,7 +67,7 @@ TEST(Stress, EveryThreadAtOnce) {
             os::Handle reqR = 0, reqW = 0, repR = 0, repW = 0;
             ASSERT_TRUE(os::pipe_create(&reqR, &reqW) && os::pipe_create(&repR, &repW));
             const std::uint32_t index = h.clients.RegisterClient(pid);
-            h.clients.ConnectClientPipe(index, reqR, repW, pid);
+            h.clients.ConnectClientPipe(zor::os::process_peer(), index, reqR, repW, pid);
             os::handle_close(repW);  // the host holds its own copy
             repW = 0;
             const std::uint32_t frame[4] = {12, 0, a, 0};

@@ -3,10 +3,9 @@
 // Mappings are memfd files mapped MAP_SHARED and sealed against shrinking
 // (a client holding the descriptor cannot cut the pages from under the
 // host's view); a Handle is the descriptor + 1. Duplicating into or from
-// the calling process is dup(). Another process is reached only through the
-// message being served (served_message.h): its peer can be opened, and its
-// descriptors travel with the request and the answer. Any other process id
-// fails with EPERM.
+// the calling process is dup(). Only the calling process can be opened
+// here; the Linux host reaches a client through its command socket's peer
+// (socket_peer.h). Any other process id fails with EPERM.
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -17,7 +16,6 @@
 #include <unistd.h>
 
 #include "os/posix/posix_internal.h"
-#include "os/posix/served_message.h"
 
 namespace zor::os {
 
@@ -32,15 +30,7 @@ bool valid_fd(Handle h) {
     return true;
 }
 
-thread_local ServedMessage* t_served = nullptr;
-
-// A process handle is the process id with a tag. The peer of the message
-// being served comes first: that is where its handles go and come from.
-ServedMessage* peer_process(Handle process) {
-    if (t_served && process == (kProcessTag | t_served->peerPid)) return t_served;
-    return nullptr;
-}
-
+// A process handle is the process id with a tag.
 bool own_process(Handle process) {
     if ((process & kProcessTag) && (process & ~kProcessTag) == static_cast<std::uint64_t>(getpid())) return true;
     errno = EPERM;
@@ -105,16 +95,7 @@ bool mapping_unmap(void* view, std::uint32_t size) {
     return munmap(view, n) == 0;
 }
 
-void serve_message(ServedMessage* m) { t_served = m; }
-ServedMessage* served_message() { return t_served; }
-
 Handle process_open(std::uint32_t pid) {
-    if (t_served) {
-        if (pid == t_served->peerPid) return kProcessTag | pid;
-        t_served->refusedPid = pid;
-        errno = EPERM;
-        return 0;
-    }
     if (pid != static_cast<std::uint32_t>(getpid())) {
         errno = process_alive(pid) ? EPERM : ESRCH;
         return 0;
@@ -123,32 +104,11 @@ Handle process_open(std::uint32_t pid) {
 }
 
 bool handle_dup_to(Handle process, Handle h, std::uint64_t* remote) {
-    if (ServedMessage* m = peer_process(process)) {
-        if (!valid_fd(h)) return false;
-        if (m->givenCount == wire::kMaxDescriptors) {
-            errno = EMFILE;
-            return false;
-        }
-        Handle copy = 0;
-        if (!duplicate(fd_of(h), &copy)) return false;
-        m->given[m->givenCount++] = fd_of(copy);
-        *remote = static_cast<std::uint64_t>(m->givenCount);
-        return true;
-    }
     if (!own_process(process) || !valid_fd(h)) return false;
     return duplicate(fd_of(h), remote);
 }
 
-// The peer names a descriptor of its request by position; the position was
-// read from the payload once, and is only compared here.
 bool handle_dup_from(Handle process, std::uint64_t remote, Handle* h) {
-    if (ServedMessage* m = peer_process(process)) {
-        if (remote == 0 || remote > static_cast<std::uint64_t>(m->receivedCount)) {
-            errno = EBADF;
-            return false;
-        }
-        return duplicate(m->received[remote - 1], h);
-    }
     if (!own_process(process) || !valid_fd(remote)) return false;
     return duplicate(fd_of(remote), h);
 }
@@ -156,22 +116,12 @@ bool handle_dup_from(Handle process, std::uint64_t remote, Handle* h) {
 bool handle_close(Handle h) {
     if (h == kCurrentThread) return true;  // pseudo handle, like CloseHandle
     if (h & kThreadTag) return thread_handle_close(h);
-    if (h & kProcessTag) return peer_process(h) || own_process(h);
+    if (h & kProcessTag) return own_process(h);
     if (!valid_fd(h)) return false;
     return close(fd_of(h)) == 0;
 }
 
-// Only the last descriptor added to an answer can be taken back: the
-// positions of the others must not move.
 bool handle_close_in(Handle process, std::uint64_t remote) {
-    if (ServedMessage* m = peer_process(process)) {
-        if (remote == 0 || remote != static_cast<std::uint64_t>(m->givenCount)) {
-            errno = EBADF;
-            return false;
-        }
-        close(m->given[--m->givenCount]);
-        return true;
-    }
     return own_process(process) && handle_close(remote);
 }
 

@@ -13,7 +13,7 @@
 
 #include "host/command_intake.h"
 #include "host/host.h"
-#include "os/posix/served_message.h"
+#include "os/posix/socket_peer.h"
 #include "os/posix/wire.h"
 
 namespace zor::shell {
@@ -24,21 +24,16 @@ namespace {
 
 constexpr std::uint32_t kDatagramMax = 8 + wire::kMaxPayload;
 
-void CloseAll(const int* fds, int n) {
-    for (int i = 0; i < n; ++i)
-        if (fds[i] >= 0) close(fds[i]);
-}
-
 // One answer datagram: the result, and the descriptors given to the peer.
 // A peer that does not take its answer at once loses it (and later its
 // connection): the host never waits on a client.
-bool Answer(int fd, std::uint64_t result, const os::posix::ServedMessage& m) {
+bool Answer(int fd, std::uint64_t result, const os::posix::SocketPeer& m) {
     iovec iov{&result, sizeof result};
     msghdr msg{};
     msg.msg_iov = &iov;
     msg.msg_iovlen = 1;
     wire::Control control;
-    wire::attach_descriptors(&msg, &control, m.given, m.givenCount);
+    wire::attach_descriptors(&msg, &control, m.Given(), m.GivenCount());
     return sendmsg(fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT) == static_cast<ssize_t>(sizeof result);
 }
 
@@ -157,9 +152,7 @@ void CommandSocket::Drop(int slot) {
 
 void CommandSocket::Serve(int slot, const DialogEnder& ender) {
     Peer& peer = peers_[slot];
-    os::posix::ServedMessage m;
-    m.peerPid = peer.pid;
-    m.peerUid = peer.uid;
+    os::posix::SocketPeer m(peer.pid, peer.uid);
     iovec iov{buffer_, kDatagramMax + 1};
     wire::Control control;
     msghdr msg{};
@@ -172,10 +165,11 @@ void CommandSocket::Serve(int slot, const DialogEnder& ender) {
         if (got == 0 || (errno != EAGAIN && errno != EINTR)) Drop(slot);  // the peer went
         return;
     }
-    const bool descriptorsOk = wire::take_descriptors(&msg, m.received, &m.receivedCount);
+    const bool descriptorsOk = wire::take_descriptors(&msg, m.Received(), m.ReceivedCount());
     std::uint64_t command = 0;
     if (got >= 8) std::memcpy(&command, buffer_, sizeof command);
-    std::uint64_t result = command == 5 ? 0xFFFFFFFFu : 0;
+    const Command* known = FindCommand(command);
+    std::uint64_t result = known ? known->failure : 0;
     if (got < 8 || static_cast<std::uint64_t>(got) > kDatagramMax) {
         host_.log.wPrintf(kLogError, u"ZOR: command socket: datagram of %u bytes refused\n\r",
                           static_cast<unsigned>(got));
@@ -183,18 +177,13 @@ void CommandSocket::Serve(int slot, const DialogEnder& ender) {
         host_.log.wPrintf(kLogError, u"ZOR: command socket: more than %d descriptors refused\n\r",
                           wire::kMaxDescriptors);
     } else {
-        os::posix::serve_message(&m);
-        result = OnCopyData(host_, command, got > 8 ? buffer_ + 8 : nullptr, static_cast<std::uint32_t>(got - 8),
-                            ender);
-        os::posix::serve_message(nullptr);
-        if (m.refusedPid)
+        result = OnCopyData(host_, m, command, got > 8 ? buffer_ + 8 : nullptr,
+                            static_cast<std::uint32_t>(got - 8), ender);
+        if (m.RefusedPid())
             host_.log.wPrintf(kLogError, u"ZOR: command %d: payload pid %u is not the peer's (pid %u uid %u)\n\r",
-                              static_cast<int>(command), m.refusedPid, m.peerPid, m.peerUid);
+                              static_cast<int>(command), m.RefusedPid(), m.Pid(), m.Uid());
     }
-    const bool answered = Answer(peer.fd, result, m);
-    CloseAll(m.received, m.receivedCount);
-    CloseAll(m.given, m.givenCount);
-    if (!answered) Drop(slot);
+    if (!Answer(peer.fd, result, m)) Drop(slot);
 }
 
 }  // namespace zor::shell

@@ -134,7 +134,7 @@ void ZorDialog::OnCopyData(const COPYDATASTRUCT* cds) {
         zor::DialogEnder ender;
         ender.ctx = hwnd_;
         ender.end = EndFromCommand;
-        result = zor::OnCopyData(host_, cds->dwData, cds->lpData, cds->cbData, ender);
+        result = zor::OnCopyData(host_, zor::os::process_peer(), cds->dwData, cds->lpData, cds->cbData, ender);
     }
     SetWindowLongPtrW(hwnd_, DWLP_MSGRESULT, static_cast<LONG_PTR>(result));
 }
