@@ -59,7 +59,7 @@ typedef uint32_t (*ZorCustomService)(uint32_t code, uintptr_t a1, uintptr_t a2,
  * (on Linux the executable `zor` exports it too:
  *   ZorLogProc log = (ZorLogProc)dlsym(RTLD_DEFAULT, ZOR_LOG_EXPORT_NAME);)
  * `text` is a complete UTF-16 line (line end included), written as is with
- * the given level and mask (see the README's logging section). Any thread;
+ * the given level and mask (see docs/configuration.md, "Logging"). Any thread;
  * it never blocks; a line written while the host starts or ends is dropped. */
 typedef void (*ZorLogProc)(uint32_t level, uint32_t mask, const uint16_t* text);
 #define ZOR_LOG_EXPORT_NAME "ZOR_Log"
