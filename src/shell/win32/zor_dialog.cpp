@@ -77,7 +77,7 @@ BOOL ZorDialog::OnInitDialog() {
     if (hide_) ShowWindow(hwnd_, SW_HIDE);
     if (host_.config.allowLowIntegrity) {
         ChangeWindowMessageFilterEx(hwnd_, WM_COPYDATA, MSGFLT_ALLOW, nullptr);
-        host_.log.wPrintf(kLogTrace, u"ZOR: commands from lower integrity levels allowed\n\r");
+        host_.log.wPrintf(zor::kLogTrace, u"ZOR: commands from lower integrity levels allowed\n\r");
     }
 
     zor::SelectionUi ui;
