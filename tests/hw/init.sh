@@ -53,7 +53,7 @@ start_host() {  # DEVICE, REENABLE
 }
 stop_host() { zorctl --pid $HOST quit >/dev/null 2>&1; wait $HOST 2>/dev/null; }
 
-say "up: $(uname -r)"
+say "up: $(uname -r), clock source $(cat /sys/devices/system/clocksource/clocksource0/current_clocksource)"
 insmod /lib/modules/uio.ko && insmod /lib/modules/uio_pci_generic.ko || { say "FAIL insmod"; FAILED=1; finish; }
 echo "1234 11e8" >$DRV/new_id
 i=0; while [ ! -e /sys/class/uio/uio0 ] && [ $i -lt 50 ]; do sleep 0.1; i=$((i + 1)); done
