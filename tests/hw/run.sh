@@ -95,6 +95,6 @@ else
   ACCEL=tcg
   boot 60 170 -accel tcg -cpu max || { tr -d '\r' <"$OUT" | tail -40; die "the guest did not finish (TCG)"; }
 fi
-tr -d '\r' <"$OUT" | grep -E "^HW" | sed "s/^/[$ACCEL] /"
+tr -d '\r' <"$OUT" | grep -aoE "HW(:|-RESULT:) .*" | sed "s/^/[$ACCEL] /"  # after the firmware's escapes
 echo "hw: $ACCEL guest, $(( $(date +%s) - start )) s"
 grep -q "HW-RESULT: PASS" "$OUT"
