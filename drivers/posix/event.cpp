@@ -103,6 +103,16 @@ void Log(std::uint32_t mask, const char* fmt, ...) {
     }
 }
 
+bool ReadReenable(const char16_t* ini) {
+    char16_t text16[16];
+    char text[16];
+    os::ini_read_string(u"EVENTIRQ", u"REENABLE", u"auto", text16, 16, ini);
+    os::posix::to_utf8(text16, text, sizeof text, false);
+    if (uio::ParseReenable(text, &g.reenable)) return true;
+    Log(1, "ZOR: event.irq: REENABLE=%s in [EVENTIRQ] is not 0, 1, pci or auto\n\r", text);
+    return false;
+}
+
 bool ReadConfig() {
     char16_t ini[PATH_MAX];
     char iniPath[PATH_MAX];
@@ -139,15 +149,7 @@ bool ReadConfig() {
         return false;
     }
     g.size = static_cast<std::uint32_t>(size);
-    char16_t reenable16[16];
-    char reenable[16];
-    os::ini_read_string(u"EVENTIRQ", u"REENABLE", u"auto", reenable16, 16, ini);
-    os::posix::to_utf8(reenable16, reenable, sizeof reenable, false);
-    if (!uio::ParseReenable(reenable, &g.reenable)) {
-        Log(1, "ZOR: event.irq: REENABLE=%s in [EVENTIRQ] is not 0, 1, pci or auto\n\r", reenable);
-        return false;
-    }
-    return true;
+    return ReadReenable(ini);
 }
 
 void CloseSource() {

@@ -114,5 +114,11 @@ TEST(EventIrqUio, DeviceMissingAtStartIsCountedAndOpenedOnceItAppears) {
     unlink(path.c_str());
 }
 
+TEST(EventIrqUio, UnknownReenableIsRefusedAndTheFallbackRuns) {
+    ZorInstance zor(EventIrq("DEVICE=/dev/uio0\r\nREENABLE=yes\r\n"));
+    EXPECT_TRUE(zor.WaitLog("ZOR: event.irq: REENABLE=yes in [EVENTIRQ] is not 0, 1, pci or auto\n\r")) << zor.Log();
+    EXPECT_TRUE(zor.WaitLog("ZOR: try to load fallback IRQ driver trigger.irq\n"));
+}
+
 }  // namespace
 }  // namespace zor::e2e
