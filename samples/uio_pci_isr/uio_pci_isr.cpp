@@ -31,9 +31,10 @@ constexpr std::size_t kStatus = 0x24;                   // BAR0: pending interru
 constexpr std::size_t kAcknowledge = 0x64;              // BAR0: write bits to clear them
 constexpr std::size_t kBarBytes = 4096;                 // what we map of BAR0
 
-// Published at the end of Initialize: Interrupt may run before it.
+// Published by Initialize (Interrupt may run before it): our shared memory
+// and the card's registers, each null until then or when missing.
 std::atomic<UioPciShared*> g_shm{nullptr};
-volatile std::uint32_t* g_bar = nullptr;  // the card's registers, or null
+std::atomic<volatile std::uint32_t*> g_bar{nullptr};
 
 std::uint64_t NowNs() {
     timespec t;
@@ -77,15 +78,17 @@ volatile std::uint32_t* MapCard() {
 
 // On the host's main thread: system calls are fine here, not in Interrupt.
 std::uint32_t OnInitialize(uintptr_t view) {
-    if (!g_bar) g_bar = MapCard();
+    volatile std::uint32_t* bar = g_bar.load(std::memory_order_relaxed);
+    if (!bar) bar = MapCard();
     auto* s = reinterpret_cast<UioPciShared*>(view);
     if (s) {  // register with at least sizeof(UioPciShared) bytes
         std::memset(s, 0, sizeof *s);
         s->magic = UIO_PCI_MAGIC;
         s->version = UIO_PCI_VERSION;
-        s->mapped = g_bar ? 1 : 0;
-        s->card_id = g_bar ? g_bar[0] : 0;
+        s->mapped = bar ? 1 : 0;
+        s->card_id = bar ? bar[0] : 0;
     }
+    g_bar.store(bar, std::memory_order_release);
     g_shm.store(s, std::memory_order_release);
     return ZOR_INIT_OK;
 }
@@ -94,12 +97,13 @@ std::uint32_t OnInitialize(uintptr_t view) {
 // few stores. No system call, no lock, no allocation.
 std::uint32_t OnInterrupt(std::uint32_t sequence) {
     const std::uint64_t entry = NowNs();
-    UioPciShared* s = g_shm.load(std::memory_order_acquire);
+    volatile std::uint32_t* bar = g_bar.load(std::memory_order_acquire);
     std::uint32_t status = 0;
-    if (g_bar) {
-        status = g_bar[kStatus / 4];
-        if (status) g_bar[kAcknowledge / 4] = status;  // the card drops its line
+    if (bar) {  // acknowledge first, with or without shared memory
+        status = bar[kStatus / 4];
+        if (status) bar[kAcknowledge / 4] = status;  // the card drops its line
     }
+    UioPciShared* s = g_shm.load(std::memory_order_acquire);
     if (!s) return 0;
     if (s->calls && sequence != s->last_sequence + 1) s->gaps = s->gaps + 1;
     if (status) {
@@ -122,8 +126,7 @@ ZOR_EXPORT uint32_t ISR_GetSet(uint32_t code, uintptr_t arg) {
     case ZOR_FN_INTERRUPT: return OnInterrupt(static_cast<std::uint32_t>(arg));
     case ZOR_FN_SHUTDOWN:
         g_shm.store(nullptr, std::memory_order_release);  // the host unmaps the block after this
-        if (g_bar) munmap(const_cast<std::uint32_t*>(g_bar), kBarBytes);
-        g_bar = nullptr;
+        if (volatile std::uint32_t* bar = g_bar.exchange(nullptr)) munmap(const_cast<std::uint32_t*>(bar), kBarBytes);
         return 0;
     default: return 0;
     }
