@@ -116,24 +116,4 @@ TEST_F(Uio, ConfigSpaceOnlyForPciDevices) {
     }
 }
 
-TEST(UioReenable, ModesAndTheErrorsThatMeanNoIrqcontrol) {
-    const struct {
-        const char* text;
-        bool ok;
-        uio::Reenable mode;
-    } cases[] = {{"0", true, uio::Reenable::kOff},   {"1", true, uio::Reenable::kWrite},
-                 {"pci", true, uio::Reenable::kPci}, {"PCI", true, uio::Reenable::kPci},
-                 {"auto", true, uio::Reenable::kAuto}, {"2", false, {}},
-                 {"", false, {}},                     {"yes", false, {}}};
-    for (const auto& c : cases) {
-        uio::Reenable m = uio::Reenable::kOff;
-        EXPECT_EQ(uio::ParseReenable(c.text, &m), c.ok) << c.text;
-        if (c.ok) EXPECT_EQ(m, c.mode) << c.text;
-    }
-    EXPECT_TRUE(uio::NoIrqControl(ENOSYS));
-    EXPECT_TRUE(uio::NoIrqControl(EINVAL));
-    EXPECT_FALSE(uio::NoIrqControl(EIO));  // a device gone is a failure, not a switch
-    EXPECT_FALSE(uio::NoIrqControl(ENODEV));
-}
-
 }  // namespace
