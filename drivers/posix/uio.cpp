@@ -110,11 +110,11 @@ bool ParseReenable(const char* text, Reenable* out) {
     return false;
 }
 
-int Resolve(const char* spec, Device* out) {
+int Resolve(const char* wanted, Device* out) {
     *out = Device{};
-    if (std::strncmp(spec, "uio:pci:", 8) == 0) {
+    if (std::strncmp(wanted, "uio:pci:", 8) == 0) {
         char address[64];
-        const char* a = spec + 8;
+        const char* a = wanted + 8;
         // "00:04.0" means domain 0, as lspci prints it.
         const int n = std::strchr(a, ':') == std::strrchr(a, ':') ? std::snprintf(address, sizeof address, "0000:%s", a)
                                                                  : std::snprintf(address, sizeof address, "%s", a);
@@ -123,11 +123,11 @@ int Resolve(const char* spec, Device* out) {
             if (*p >= 'A' && *p <= 'F') *p = static_cast<char>(*p - 'A' + 'a');
         return Search(nullptr, address, out);
     }
-    if (std::strncmp(spec, "uio:", 4) == 0) return Search(spec + 4, nullptr, out);
-    if (!Join(out->dev, spec, "")) return ENAMETOOLONG;
+    if (std::strncmp(wanted, "uio:", 4) == 0) return Search(wanted + 4, nullptr, out);
+    if (!Join(out->dev, wanted, "")) return ENAMETOOLONG;
     // A path (or a link such as a udev name) that ends at /dev/uioN is UIO.
     char real[PATH_MAX];
-    if (realpath(spec, real)) {
+    if (realpath(wanted, real)) {
         const char* slash = std::strrchr(real, '/');
         const char* base = slash ? slash + 1 : real;
         char dir[PATH_MAX];

@@ -33,7 +33,7 @@ struct Device {
 // or a path (a UIO device when it resolves to /dev/uioN). Numbers change
 // between boots and bindings, so this is asked again at every open. 0, or
 // ENOENT when no UIO device answers to the name or address now.
-int Resolve(const char* spec, Device* out);
+int Resolve(const char* wanted, Device* out);
 
 // The config file of the device's PCI function, opened for reading and
 // writing; -1 with errno when the device is not PCI.

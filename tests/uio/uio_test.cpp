@@ -64,7 +64,7 @@ protected:
 TEST_F(Uio, DeviceLinesNameTheNodeOfTodayOrNothing) {
     const std::string r = root_.string();
     const struct {
-        std::string spec;
+        std::string wanted;
         int error;
         std::string dev, sysfs;  // relative to the root; sysfs "" = not UIO
     } cases[] = {
@@ -81,10 +81,10 @@ TEST_F(Uio, DeviceLinesNameTheNodeOfTodayOrNothing) {
     };
     for (const auto& c : cases) {
         uio::Device d;
-        EXPECT_EQ(uio::Resolve(c.spec.c_str(), &d), c.error) << c.spec;
+        EXPECT_EQ(uio::Resolve(c.wanted.c_str(), &d), c.error) << c.wanted;
         if (c.error) continue;
-        EXPECT_EQ(std::string(d.dev), r + c.dev) << c.spec;
-        EXPECT_EQ(std::string(d.sysfs), c.sysfs.empty() ? "" : r + c.sysfs) << c.spec;
+        EXPECT_EQ(std::string(d.dev), r + c.dev) << c.wanted;
+        EXPECT_EQ(std::string(d.sysfs), c.sysfs.empty() ? "" : r + c.sysfs) << c.wanted;
     }
 }
 
@@ -107,12 +107,12 @@ TEST_F(Uio, UnmaskingClearsOnlyTheIntxDisableBit) {
 }
 
 TEST_F(Uio, ConfigSpaceOnlyForPciDevices) {
-    for (const char* spec : {"uio:gpio-irq", "/dev/null"}) {
+    for (const char* wanted : {"uio:gpio-irq", "/dev/null"}) {
         uio::Device d;
-        ASSERT_EQ(uio::Resolve(spec, &d), 0);
+        ASSERT_EQ(uio::Resolve(wanted, &d), 0);
         errno = 0;
-        EXPECT_LT(uio::OpenPciConfig(d), 0) << spec;
-        EXPECT_NE(errno, 0) << spec;
+        EXPECT_LT(uio::OpenPciConfig(d), 0) << wanted;
+        EXPECT_NE(errno, 0) << wanted;
     }
 }
 
