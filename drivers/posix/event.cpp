@@ -6,18 +6,31 @@
 //                  carries the device's interrupt count in its first u32,
 //                  which becomes the sequence number, so the host's gap
 //                  check shows interrupts lost on the way.
-//   REENABLE=1     after each event write a u32 1 to the device, which
-//                  unmasks the interrupt of a UIO device with irqcontrol.
+//   DEVICE=uio:<name> / uio:pci:<domain:bus:dev.fn>  the UIO device of that
+//                  name or PCI address, looked up at every open (uioN
+//                  numbers change between boots).
+//   REENABLE=auto  (default) for a UIO device as 1, otherwise as 0.
+//   REENABLE=1     after each event write a u32 1 to the device (UIO drivers
+//                  with irqcontrol); where that fails with ENOSYS or EINVAL
+//                  on a PCI device, switch to pci for good.
+//   REENABLE=pci   after each event clear the INTx disable bit of the PCI
+//                  command register (uio_pci_generic).
+//   REENABLE=0     never unmask.
 //   EVENT=<name>   a named event is a Windows object: refused here, logged.
 //   PENDING        accepted for the same file on both systems; one read at a
 //                  time is what a character device serves.
 //
+// The unmasking follows the event's ISRs, which acknowledge the device, and
+// precedes the next wait: an interrupt raised during dispatch comes next.
+// While paused nothing acknowledges the device, so the line of a dropped
+// event stays masked until delivering resumes.
 // The thread waits in poll() on the device and on an eventfd, so that an
 // unloading ends the wait at once. A source that fails (a read or write
-// fails, the device hangs up) is logged and counted, and the thread opens
-// it again a second later, and every second until it opens; the host keeps
-// running. The event thread is the host's dispatch thread. The read buffer
-// is allocated at Initialize: the per-event path allocates nothing.
+// fails, the device hangs up or goes away) is logged once and counted, and
+// the thread opens it again a second later, and every second until it
+// opens, and logs that; a device missing at start is waited for the same
+// way. The event thread is the host's dispatch thread. The read buffer is
+// allocated at Initialize: the per-event path allocates nothing.
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
@@ -38,6 +51,7 @@
 #include "os/os.h"
 #include "os/posix/posix_internal.h"
 #include "driver_entry.h"
+#include "uio.h"
 #include "zor/zor_module.h"
 
 namespace {
@@ -46,7 +60,6 @@ namespace os = zor::os;
 
 constexpr std::uint32_t kInitBadConfig = 1;
 constexpr std::uint32_t kInitNoThread = 3;
-constexpr std::uint32_t kInitNoSource = 4;
 constexpr int kReopenMs = 1000;
 constexpr std::uint32_t kDefaultPending = 4;
 constexpr std::uint32_t kDefaultSize = 4;
@@ -55,11 +68,17 @@ struct Driver {
     std::atomic<ZorInterruptProc> entry{nullptr};
     EventCounters counts;
     std::atomic<std::uint32_t> tid{0};
-    char source[PATH_MAX] = {};
+    char source[PATH_MAX] = {};  // DEVICE= as written
+    uio::Device device;           // what it named at the latest open
     std::uint32_t size = kDefaultSize;
-    bool reenable = false;
+    uio::Reenable reenable = uio::Reenable::kAuto;  // as configured
+    uio::Reenable mode = uio::Reenable::kOff;       // in force for the open device
+    bool pciForGood = false;      // irqcontrol was missing: config space from now on
     int fd = -1;    // the device; the thread's own once it runs
+    int config = -1;  // its PCI config space, when unmasked there
     int stop = -1;  // eventfd: readable once unloading
+    int wake = -1;  // eventfd: readable when delivering resumes
+    bool held = false;  // an event was dropped while paused: its line stays masked
     pthread_t thread{};
     bool running = false;
     unsigned char* buffer = nullptr;
@@ -82,6 +101,16 @@ void Log(std::uint32_t mask, const char* fmt, ...) {
     } else {
         std::fputs(line, stderr);
     }
+}
+
+bool ReadReenable(const char16_t* ini) {
+    char16_t text16[16];
+    char text[16];
+    os::ini_read_string(u"EVENTIRQ", u"REENABLE", u"auto", text16, 16, ini);
+    os::posix::to_utf8(text16, text, sizeof text, false);
+    if (uio::ParseReenable(text, &g.reenable)) return true;
+    Log(1, "ZOR: event.irq: REENABLE=%s in [EVENTIRQ] is not 0, 1, pci or auto\n\r", text);
+    return false;
 }
 
 bool ReadConfig() {
@@ -120,24 +149,94 @@ bool ReadConfig() {
         return false;
     }
     g.size = static_cast<std::uint32_t>(size);
-    g.reenable = os::ini_read_int(u"EVENTIRQ", u"REENABLE", 0, ini) != 0;
+    return ReadReenable(ini);
+}
+
+void CloseSource() {
+    if (g.fd >= 0) close(g.fd);
+    if (g.config >= 0) close(g.config);
+    g.fd = g.config = -1;
+    g.held = false;  // opening unmasks
+}
+
+// irqcontrol is missing: a PCI device is unmasked through its config space
+// from now on, which the log says once.
+bool SwitchToPci(int error) {
+    g.config = uio::OpenPciConfig(g.device);
+    if (g.config < 0) return false;
+    g.mode = uio::Reenable::kPci;
+    if (!g.pciForGood) {
+        g.pciForGood = true;
+        Log(6, "ZOR: event.irq: device '%s' has no irqcontrol (error %d): unmasking its interrupt through PCI "
+               "config space from now on\n\r", g.source, error);
+    }
     return true;
 }
 
-// Read and write where allowed (a UIO device takes the re-enabling write);
-// a device that is only readable is opened so.
-int OpenSource() {
-    int fd = open(g.source, O_RDWR | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0 && (errno == EACCES || errno == EPERM || errno == EROFS))
-        fd = open(g.source, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    return fd;
+// REENABLE=auto on a UIO device that is neither PCI nor has irqcontrol:
+// its kernel driver does not mask the line, so there is nothing to undo.
+bool LeaveMasking(int error) {
+    g.mode = uio::Reenable::kOff;
+    Log(6, "ZOR: event.irq: device '%s' has no irqcontrol (error %d) and is not PCI: not unmasking it\n\r", g.source,
+        error);
+    return true;
 }
 
-void Deliver(std::uint32_t sequence) {
-    if (!g.counts.delivering.load(std::memory_order_acquire)) return;  // paused: dropped
+// Lets the device interrupt again. False with `*error` when it failed.
+bool Unmask(int* error) {
+    static const std::uint32_t one = 1;
+    switch (g.mode) {
+    case uio::Reenable::kWrite:
+        if (write(g.fd, &one, 4) == 4) return true;
+        *error = errno;
+        if (!uio::NoIrqControl(*error)) return false;
+        if (SwitchToPci(*error)) return Unmask(error);
+        return g.reenable == uio::Reenable::kAuto && LeaveMasking(*error);
+    case uio::Reenable::kPci:
+        if (uio::UnmaskIntx(g.config)) return true;
+        *error = errno;
+        return false;
+    default:
+        return true;
+    }
+}
+
+// Finds and opens the device, read and write where allowed (a UIO device
+// takes the unmasking write), and unmasks it: an interrupt that came while
+// nobody listened has left the line masked. False with `*error`.
+bool OpenSource(int* error) {
+    CloseSource();
+    if ((*error = uio::Resolve(g.source, &g.device)) != 0) return false;
+    g.fd = open(g.device.dev, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    if (g.fd < 0 && (errno == EACCES || errno == EPERM || errno == EROFS))
+        g.fd = open(g.device.dev, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (g.fd < 0) {
+        *error = errno;
+        return false;
+    }
+    g.mode = g.reenable;
+    if (g.mode == uio::Reenable::kAuto) g.mode = g.device.sysfs[0] ? uio::Reenable::kWrite : uio::Reenable::kOff;
+    if (g.mode == uio::Reenable::kWrite && g.pciForGood) g.mode = uio::Reenable::kPci;
+    if (g.mode == uio::Reenable::kPci && g.config < 0 && (g.config = uio::OpenPciConfig(g.device)) < 0) {
+        *error = errno;
+        CloseSource();
+        return false;
+    }
+    if (!Unmask(error)) {
+        CloseSource();
+        return false;
+    }
+    if (std::strncmp(g.source, "uio:", 4) == 0) Log(6, "ZOR: event.irq: '%s' is %s\n\r", g.source, g.device.dev);
+    return true;
+}
+
+// False when paused: the event is dropped.
+bool Deliver(std::uint32_t sequence) {
+    if (!g.counts.delivering.load(std::memory_order_acquire)) return false;
     g.sequence = sequence;
     if (ZorInterruptProc entry = g.entry.load(std::memory_order_acquire)) entry(sequence);
     g.counts.delivered.fetch_add(1, std::memory_order_relaxed);
+    return true;
 }
 
 // One completed read: the event, then the re-enabling write. False with
@@ -155,20 +254,32 @@ bool Take(int* error) {
     }
     std::uint32_t sequence = g.sequence + 1;
     if (got >= 4) std::memcpy(&sequence, g.buffer, 4);
-    Deliver(sequence);
-    const std::uint32_t one = 1;
-    if (g.reenable && write(g.fd, &one, 4) != 4) {
+    if (Deliver(sequence) || g.mode == uio::Reenable::kOff) return Unmask(error);
+    // No ISR acknowledged the device: unmasked, a level-triggered line would
+    // interrupt again at once, for as long as the pause lasts. It stays
+    // masked until delivering resumes; what it raises meanwhile then arrives
+    // as one event, after a gap in the count.
+    g.held = true;
+    return true;
+}
+
+// Delivering resumed: a line held masked during the pause is unmasked.
+bool Resumed(int* error) {
+    std::uint64_t n;
+    if (read(g.wake, &n, sizeof n) < 0 && errno != EAGAIN) {
         *error = errno;
         return false;
     }
-    return true;
+    if (!g.held || !g.counts.delivering.load(std::memory_order_acquire)) return true;
+    g.held = false;
+    return Unmask(error);
 }
 
 // False: the source failed with `*error`. True: stop was asked.
 bool Serve(int* error) {
     for (;;) {
-        pollfd p[2] = {{g.stop, POLLIN, 0}, {g.fd, POLLIN, 0}};
-        if (poll(p, 2, -1) < 0) {
+        pollfd p[3] = {{g.stop, POLLIN, 0}, {g.fd, POLLIN, 0}, {g.wake, POLLIN, 0}};
+        if (poll(p, 3, -1) < 0) {
             if (errno == EINTR) continue;
             *error = errno;
             return false;
@@ -179,6 +290,7 @@ bool Serve(int* error) {
             return false;
         }
         if (p[1].revents && !Take(error)) return false;
+        if (p[2].revents && !Resumed(error)) return false;
     }
 }
 
@@ -186,8 +298,7 @@ bool Serve(int* error) {
 void Lost(int error) {
     const std::uint32_t n = g.counts.failures.fetch_add(1, std::memory_order_relaxed) + 1;
     Log(1, "ZOR: event.irq: device '%s' failed with error %d (failure %u), opening it again\n\r", g.source, error, n);
-    close(g.fd);
-    g.fd = -1;
+    CloseSource();
 }
 
 bool Stopping(int timeoutMs) {
@@ -199,8 +310,8 @@ void* EventThread(void*) {
     g.tid.store(static_cast<std::uint32_t>(syscall(SYS_gettid)), std::memory_order_release);
     while (!Stopping(0)) {
         if (g.fd < 0) {
-            g.fd = OpenSource();
-            if (g.fd < 0) {
+            int error = 0;
+            if (!OpenSource(&error)) {  // logged when it failed; quiet while it stays away
                 Stopping(kReopenMs);
                 continue;
             }
@@ -215,10 +326,11 @@ void* EventThread(void*) {
 }
 
 void CloseAll() {
-    if (g.fd >= 0) close(g.fd);
+    CloseSource();
     if (g.stop >= 0) close(g.stop);
+    if (g.wake >= 0) close(g.wake);
     delete[] g.buffer;
-    g.fd = g.stop = -1;
+    g.stop = g.wake = -1;
     g.buffer = nullptr;
     g.tid.store(0, std::memory_order_release);
 }
@@ -226,14 +338,17 @@ void CloseAll() {
 std::uint32_t Start() {
     if (g.running) return ZOR_INIT_OK;
     if (!ReadConfig()) return kInitBadConfig;
-    g.fd = OpenSource();
-    if (g.fd < 0) {
-        Log(1, "ZOR: event.irq: device '%s' does not open (error %d)\n\r", g.source, errno);
-        return kInitNoSource;
+    g.pciForGood = false;
+    int error = 0;
+    if (!OpenSource(&error)) {  // the thread opens it once it is there
+        const std::uint32_t n = g.counts.failures.fetch_add(1, std::memory_order_relaxed) + 1;
+        Log(1, "ZOR: event.irq: device '%s' does not open (error %d, failure %u), opening it again every second\n\r",
+            g.source, error, n);
     }
     g.stop = eventfd(0, EFD_CLOEXEC);
+    g.wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     g.buffer = new (std::nothrow) unsigned char[g.size];
-    if (g.stop < 0 || !g.buffer || pthread_create(&g.thread, nullptr, &EventThread, nullptr) != 0) {
+    if (g.stop < 0 || g.wake < 0 || !g.buffer || pthread_create(&g.thread, nullptr, &EventThread, nullptr) != 0) {
         CloseAll();
         return kInitNoThread;
     }
@@ -252,7 +367,14 @@ void Stop() {
 }
 
 std::uint32_t Query() { return g.counts.Query(); }
-std::uint32_t Control(std::uint32_t value) { return g.counts.Control(value); }
+// A resume wakes the event thread, which may hold a line masked.
+std::uint32_t Control(std::uint32_t value) {
+    const std::uint32_t answer = g.counts.Control(value);
+    const std::uint64_t one = 1;
+    if (value == ZOR_EVENT_RESUME && g.wake >= 0 && write(g.wake, &one, sizeof one) != sizeof one)
+        Log(1, "ZOR: event.irq: resuming did not reach the event thread (error %d)\n\r", errno);
+    return answer;
+}
 void SetEntry(ZorInterruptProc entry) { g.entry.store(entry, std::memory_order_release); }
 std::uint32_t ThreadId() { return g.tid.load(std::memory_order_acquire); }
 

@@ -137,10 +137,14 @@ enum ZorFunctionCode {
  *   event per completed read, the read is reissued; a read of 4 bytes or more
  *   carries the sequence number in its first u32 (else it counts up by one).
  *   A source that fails (a read fails, the event handle is closed) is logged,
- *   counted, and opened again every second. On Linux only DEVICE=<path>:
- *   one blocking read of SIZE bytes at a time (a UIO device answers its
- *   interrupt count); REENABLE=1 writes a u32 1 after each event (UIO's
- *   irqcontrol); EVENT is refused.
+ *   counted, and opened again every second. On Linux only DEVICE=<path>
+ *   (or uio:<name>, uio:pci:<domain:bus:dev.fn>): one blocking read of SIZE
+ *   bytes at a time (a UIO device answers its interrupt count); after each
+ *   event's ISRs the line is unmasked: REENABLE=auto (default; a UIO device
+ *   as 1), 1 (a u32 1 written, UIO's irqcontrol; on ENOSYS/EINVAL a PCI
+ *   device switches to pci), pci (INTx unmasked in the PCI command
+ *   register), 0 (never). A device missing at start is counted and waited
+ *   for. EVENT is refused.
  *     GS_IRQ_QUERY          events delivered (low 31 bits, wrapping), with
  *                           ZOR_EVENT_FAILED set once any failure happened
  *     GS_IRQ_CONTROL(v)     ZOR_EVENT_PAUSE / ZOR_EVENT_RESUME: answers the
@@ -149,7 +153,8 @@ enum ZorFunctionCode {
  *                           ZOR_EVENT_FAILURES: answers the failures counted.
  *                           Other values: ZOR_EVENT_REFUSED.
  *     Initialize            0; 1 configuration refused (logged, naming the
- *                           key); 4 the source does not open; 3 no thread
+ *                           key); 4 the source does not open (Windows); 3
+ *                           no thread
  */
 #define ZOR_TIMER_DEFAULT_US 1000u
 #define ZOR_TIMER_FLOOR_US 250u

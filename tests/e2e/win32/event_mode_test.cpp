@@ -23,6 +23,15 @@ TEST(EventIrq, EventModeDeliversEachSignalAndDropsThemWhilePaused) {
     EXPECT_EQ(zor.Send(ZOR_CMD_IRQ_QUERY), 53u);
 }
 
+// A source that does not open is refused at start here; on Linux the
+// driver waits for it (posix/event_late_test.cpp).
+TEST(EventIrq, MissingSourceIsRefusedAndTheFallbackRuns) {
+    const std::string missing = EventDevice::Missing();
+    ZorInstance zor(EventIrq("DEVICE=" + missing + "\r\n"));
+    EXPECT_TRUE(zor.WaitLog("ZOR: event.irq: device '" + missing + "' does not open (error 2)\n\r")) << zor.Log();
+    EXPECT_TRUE(zor.WaitLog("ZOR: try to load fallback IRQ driver trigger.irq\n"));
+}
+
 }  // namespace
 
 struct EventDevice::Impl {
