@@ -6,10 +6,10 @@
 // header.
 //
 // Calls that can fail and that own a resource go through the table `calls`
-// so that tests can make any one of them fail (assign an entry, restore it
-// from native_calls()) and check
-// the release order of every failure path. Cheap, infallible queries
-// (time, ids) are plain functions.
+// (listed once, in os_calls.h) so that tests can make any one of them fail
+// (assign an entry or fail_call() it by name, restore it from
+// native_calls()) and check the release order of every failure path.
+// Cheap, infallible queries (time, ids) are plain functions.
 //
 // On posix, paths handed in may use '\\' or '/' (the core builds Windows
 // paths); paths handed out use '\\' like on Windows. Modules are ELF
@@ -161,87 +161,41 @@ std::uint32_t priority_class_get();
 Thread current_thread();
 
 // ---------------------------------------------------------------- fallible calls
-// The table of calls that acquire or use resources. Tests replace entries to
-// make them fail; the wrappers below are what the core calls.
+// The table of calls that acquire or use resources (listed in os_calls.h).
+// Tests replace entries to make them fail; the wrappers below are what the
+// core calls.
 struct Calls {
-    Module (*module_load)(const char16_t* path);
-    void* (*module_symbol)(Module m, const char* name);
-    bool (*module_free)(Module m);
-
-    // Unnamed page-file-backed mapping of `size` bytes.
-    Handle (*mapping_create)(std::uint32_t size);
-    void* (*mapping_map)(Handle mapping, std::uint32_t size);
-    bool (*mapping_unmap)(void* view, std::uint32_t size);
-
-    Handle (*process_open)(std::uint32_t pid);
-    // DuplicateHandle from this process into `process`; *remote gets the
-    // value valid there.
-    bool (*handle_dup_to)(Handle process, Handle h, std::uint64_t* remote);
-    // DuplicateHandle of a value valid in `process` into this process.
-    bool (*handle_dup_from)(Handle process, std::uint64_t remote, Handle* h);
-    bool (*handle_close)(Handle h);
-
-    // Blocking reads and writes on a pipe end; *done gets the bytes moved.
-    bool (*pipe_read)(Handle h, void* buf, std::uint32_t n, std::uint32_t* done);
-    bool (*pipe_write)(Handle h, const void* buf, std::uint32_t n,
-                       std::uint32_t* done);
-
-    Thread (*thread_create)(ThreadProc proc, void* arg);
-    // WAIT_OBJECT_0 (0) when the thread ended, kWaitTimeout otherwise.
-    std::uint32_t (*thread_wait)(Thread t, std::uint32_t timeout_ms);
-    // Wakes a thread blocked in pipe_read so that the read fails.
-    bool (*thread_cancel_io)(Thread t);
-
-    bool (*priority_class_set)(std::uint32_t cls);
-    bool (*thread_priority_set)(Thread t, int priority);
-
-    // Opens a file for appending, created when missing, readable by others
-    // meanwhile; closed with handle_close.
-    Handle (*file_open_append)(const char16_t* path);
-    // Writes all n bytes at the end; false on any failure (last_error()).
-    bool (*file_write)(Handle h, const void* buf, std::uint32_t n);
-    // Closes a handle value valid in `process` (DuplicateHandle with
-    // DUPLICATE_CLOSE_SOURCE): takes back what handle_dup_to gave.
-    bool (*handle_close_in)(Handle process, std::uint64_t remote);
-    // A mapping of `size` bytes under a session-wide name ("Local\\..."),
-    // writable through this handle only: other processes may open it for
-    // reading. Fails (0, *existed true) when an object of that name already
-    // exists: whoever made it could write it.
-    Handle (*mapping_create_named)(const char16_t* name, std::uint32_t size, bool* existed);
+#define ZOR_OS_CALL(ret, name, params, args, fails) ret(*name) params;
+#include "os/os_calls.h"
+#undef ZOR_OS_CALL
 };
 extern Calls calls;
 
 // The platform's own table, for restoring after a test.
 const Calls& native_calls();
 
+// The table's calls by name (their member names), in table order, so that
+// a test can name the call to fail.
+inline constexpr const char* call_names[] = {
+#define ZOR_OS_CALL(ret, name, params, args, fails) #name,
+#include "os/os_calls.h"
+#undef ZOR_OS_CALL
+};
+// From now on the named entry of `calls` fails at once, returning its
+// failure value (os_calls.h); false when no call has that name. Restore
+// from native_calls().
+bool fail_call(const char* name);
+
 // An anonymous pipe (CreatePipe), for clients and tests; the core itself
 // only uses pipe ends that clients hand over.
 bool pipe_create(Handle* read_end, Handle* write_end);
 
-inline Module module_load(const char16_t* p) { return calls.module_load(p); }
-inline void* module_symbol(Module m, const char* n) { return calls.module_symbol(m, n); }
-inline bool module_free(Module m) { return calls.module_free(m); }
-inline Handle mapping_create(std::uint32_t s) { return calls.mapping_create(s); }
-inline void* mapping_map(Handle h, std::uint32_t s) { return calls.mapping_map(h, s); }
-inline bool mapping_unmap(void* v, std::uint32_t s) { return calls.mapping_unmap(v, s); }
-inline Handle process_open(std::uint32_t pid) { return calls.process_open(pid); }
-inline bool handle_dup_to(Handle p, Handle h, std::uint64_t* r) { return calls.handle_dup_to(p, h, r); }
-inline bool handle_dup_from(Handle p, std::uint64_t r, Handle* h) { return calls.handle_dup_from(p, r, h); }
-inline bool handle_close(Handle h) { return calls.handle_close(h); }
-inline bool handle_close_in(Handle p, std::uint64_t r) { return calls.handle_close_in(p, r); }
-inline bool pipe_read(Handle h, void* b, std::uint32_t n, std::uint32_t* d) { return calls.pipe_read(h, b, n, d); }
-inline bool pipe_write(Handle h, const void* b, std::uint32_t n, std::uint32_t* d) { return calls.pipe_write(h, b, n, d); }
-inline Thread thread_create(ThreadProc p, void* a) { return calls.thread_create(p, a); }
-inline std::uint32_t thread_wait(Thread t, std::uint32_t ms) { return calls.thread_wait(t, ms); }
+#define ZOR_OS_CALL(ret, name, params, args, fails) \
+    inline ret name params { return calls.name args; }
+#include "os/os_calls.h"
+#undef ZOR_OS_CALL
 inline bool thread_close(Thread t) { return calls.handle_close(t); }
-inline bool thread_cancel_io(Thread t) { return calls.thread_cancel_io(t); }
-inline bool priority_class_set(std::uint32_t c) { return calls.priority_class_set(c); }
-inline bool thread_priority_set(Thread t, int p) { return calls.thread_priority_set(t, p); }
-inline Handle file_open_append(const char16_t* p) { return calls.file_open_append(p); }
-inline bool file_write(Handle h, const void* b, std::uint32_t n) { return calls.file_write(h, b, n); }
-inline Handle mapping_create_named(const char16_t* n, std::uint32_t s, bool* e) {
-    return calls.mapping_create_named(n, s, e);
-}
+
 // Removes the name of a mapping made by mapping_create_named once it is no
 // longer to be found (posix: shm_unlink; Windows: the name goes with the
 // last handle, nothing to do).
