@@ -34,6 +34,14 @@ bool startup_dir(char16_t* buf, std::uint32_t size) {
     return posix::to_utf16_path(path, buf, size);
 }
 
+bool config_dir(char16_t* buf, std::uint32_t size) {
+    char path[PATH_MAX];
+    const char* slash = posix::exe_path(path, sizeof path) ? std::strrchr(path, '/') : nullptr;
+    if (slash && slash - path == 8 && std::strncmp(path, "/usr/bin", 8) == 0)
+        return posix::to_utf16_path("/etc/zor", buf, size);
+    return startup_dir(buf, size);
+}
+
 // Directories come back with '\\' separators like every path the layer
 // hands out. $APPDATA first (tests and users can point it anywhere), then
 // the XDG configuration (or state) folder.
