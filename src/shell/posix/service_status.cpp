@@ -13,6 +13,7 @@ bool DispatchHealthy(const Host&) { return true; }
 
 void ServiceStatus::Open() {
     if (!socket_.Open()) return;
+    host_.log.wPrintf(2, 6, u"ZOR: started by a service manager: resident, no automatic shut-down\n\r");
     periodMs_ = socket_.WatchdogMs() / 2;
     if (periodMs_ > 0) host_.log.wPrintf(2, 6, u"ZOR: service watchdog: a ping every %u ms\n\r", static_cast<unsigned>(periodMs_));
 }

@@ -6,6 +6,8 @@
 // The pings come from the dialog loop itself, between commands: a loop that
 // hangs (a command stuck in a module) stops them, and the manager restarts
 // the host. The dispatch thread has its say through DispatchHealthy.
+// A supervised host is resident: it does not end by itself when its last
+// client has gone, as a host started by hand does.
 #pragma once
 
 #include "shell/posix/notify_socket.h"
@@ -29,6 +31,9 @@ public:
     // Reads the manager's variables; before any thread that could start
     // programs exists.
     void Open();
+    // A manager started the host: it stays until told to end (no automatic
+    // shut-down after its last client).
+    bool Supervised() const { return socket_.Active(); }
     // After start-up: READY=1 with the dialog's IRQ line as STATUS when
     // both parts run, else only a STATUS that says what is missing.
     void Started(bool listening, const char16_t* irqLine);

@@ -38,6 +38,9 @@ void Print(const char16_t* text) {
 struct Loop {
     Host& host;
     bool hide;
+    // A supervised host is resident: its unit, not its last client, decides
+    // when it ends.
+    bool resident;
     bool ended = false;
     bool asking = false;
     std::intptr_t result = 0;
@@ -67,7 +70,7 @@ struct Loop {
     }
 
     void Tick() {
-        if (AutoKillDue(host, kAutoKillTimerId)) {
+        if (!resident && AutoKillDue(host, kAutoKillTimerId)) {
             End(this, 1);
             return;
         }
@@ -110,7 +113,7 @@ std::intptr_t TerminalShell::RunDialog(Host& host, bool hide) {
 
     SelectionUi ui;
     ui.warnNoDriver = WarnNoDriver;
-    Loop loop{host, hide};
+    Loop loop{host, hide, service.Supervised()};
     FormatIrqLine(host, SelectAndLoadIrq(host, ui), loop.irqLine, 300);
     service.Started(listening, loop.irqLine);
 
