@@ -12,6 +12,7 @@ ZOR_DEB_USERS=(zortest-member zortest-other)
 
 zor_deb_check() {  # build folder of the linux preset
   local build="$1" version deb tmp rc=0
+  [ "$(id -u)" -eq 0 ] || { echo "deb: installing the package needs root"; return 1; }
   version="$(sed -n 's/^project(zor VERSION \([0-9.]*\).*/\1/p' "$ZOR_ROOT/CMakeLists.txt")"
   deb="$build/zor_${version}_amd64.deb"
   ( cd "$build" && cpack -G DEB >/dev/null 2>&1 ) || { echo "deb: cpack failed"; return 1; }

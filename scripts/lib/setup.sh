@@ -3,7 +3,8 @@
 ZOR_ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)"
 ZOR_PACKAGES=(g++-mingw-w64-x86-64-posix wine64 wine xvfb cmake ninja-build googletest
               g++ clang libclang-rt-14-dev imagemagick x11-apps procps
-              librsvg2-bin)
+              librsvg2-bin
+              lintian dpkg-dev file pkg-config systemd socat adduser)
 export WINEPREFIX="$ZOR_ROOT/build/wineprefix"
 export WINEDEBUG=-all
 export WINEDLLOVERRIDES="winedbg.exe=d;mscoree=d;mshtml=d"
