@@ -150,7 +150,7 @@ zor_deb_journal() {  # scratch folder
 # package's files, its folders, logs or enablement; the user and group zor
 # stay, as Debian keeps system accounts.
 zor_deb_purge() {
-  local files left=()
+  local files f left=()
   systemctl enable zor.service >/dev/null 2>&1
   files="$(dpkg -L zor)"
   dpkg -P zor >/dev/null || { echo "deb: dpkg -P failed"; return 1; }
