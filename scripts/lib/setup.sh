@@ -3,7 +3,8 @@
 ZOR_ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)"
 ZOR_PACKAGES=(g++-mingw-w64-x86-64-posix wine64 wine xvfb cmake ninja-build googletest
               g++ clang libclang-rt-14-dev imagemagick x11-apps procps
-              librsvg2-bin qemu-system-x86)
+              librsvg2-bin qemu-system-x86
+              lintian dpkg-dev file pkg-config systemd socat adduser)
 # The hardware rig (tests/hw) also takes Debian's kernel image and
 # busybox-static, with apt-get download into build/hw/ (tests/hw/run.sh).
 export WINEPREFIX="$ZOR_ROOT/build/wineprefix"

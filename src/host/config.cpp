@@ -45,7 +45,7 @@ void ReadLogSettings(const char16_t* ini, Logger::Settings* s) {
 
 void InstallationIniPath(char16_t* ini) {
     char16_t dir[kPath];
-    FU_GetProcessStartupDir(dir);
+    if (!os::config_dir(dir, kPath)) dir[0] = 0;
     FU_FormatPath(dir, u'\\');
     wformat(ini, kPath, u"%sZOR.INI", dir);
 }
@@ -54,7 +54,7 @@ void LoadConfig(Host& host) {
     Config& c = host.config;
     FU_GetProcessStartupDir(c.szExe);
     FU_FormatPath(c.szExe, u'\\');
-    wformat(c.szIni, kPath, u"%sZOR.INI", c.szExe);
+    InstallationIniPath(c.szIni);
     wcopy(c.szIniW, kPath, u"?{UserCompanyAppData}ZOR.ini");
     FU_ReplacePath(c.szIniW, kPath);
 

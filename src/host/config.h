@@ -2,7 +2,8 @@
 // recorded by command 3 (for Cancel and the automatic shut-down).
 //
 // Two INI files, section "INIT", never written by the host:
-//   szIni  = <start-up directory>\ZOR.INI        (per installation)
+//   szIni  = <os::config_dir()>\ZOR.INI          (per installation: the
+//            start-up directory; /etc/zor for a Linux host in /usr/bin)
 //   szIniW = ?{UserCompanyAppData}ZOR.ini        (per user)
 // DLLDIR and FALLBACKIRQ are read from szIni only; LASTIRQ and IRQPRIO from
 // szIni, then from szIniW with the first value as default (the per-user file
@@ -54,7 +55,7 @@ void ReadConfigFiles(Host& host);
 //   LOGFILES   log files kept, the current one included, default 10,
 //              0: none deleted
 void ReadLogSettings(const char16_t* ini, Logger::Settings* s);
-// "<start-up directory>\ZOR.INI" (szIni), into 260 units.
+// "<os::config_dir()>\ZOR.INI" (szIni), into 260 units.
 void InstallationIniPath(char16_t* ini);
 // Records a client process id (command 3): stored at index ClientCount, then
 // ClientCount + 1, set back to 9 when it reaches 10, so from the tenth

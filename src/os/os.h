@@ -77,6 +77,10 @@ std::uint32_t ini_read_int(const char16_t* section, const char16_t* key,
                            std::int32_t def, const char16_t* file);
 // Directory of the running executable, without a trailing separator.
 bool startup_dir(char16_t* buf, std::uint32_t size);
+// Folder of the per-installation ZOR.INI, no trailing separator: the
+// executable's folder; on Linux /etc/zor for an executable in /usr/bin (the
+// packaged host keeps its configuration where the system's is).
+bool config_dir(char16_t* buf, std::uint32_t size);
 // The per-user application-data folder (%APPDATA% when set), no trailing
 // separator.
 bool user_appdata_dir(char16_t* buf, std::uint32_t size);

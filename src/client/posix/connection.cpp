@@ -45,27 +45,38 @@ bool Ended(int pidfd) {
     return poll(&p, 1, 0) != 0;
 }
 
-// Calls visit(pid, made_ns) for each live host's socket in the runtime folder.
+// Calls visit(pid, made_ns) for each live host's socket in the folders searched.
 template <typename F>
 void Scan(F&& visit) {
     char dir[256];
-    if (!wire::runtime_dir(dir, sizeof dir)) return;
-    DIR* d = opendir(dir);
-    if (d == nullptr) return;
-    while (dirent* e = readdir(d)) {
-        const std::uint32_t pid = wire::socket_pid(e->d_name);
-        if (pid == 0 || (e->d_type != DT_SOCK && e->d_type != DT_UNKNOWN)) continue;
-        struct stat st;
-        if (fstatat(dirfd(d), e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISSOCK(st.st_mode)) continue;
-        if (os::process_alive(pid)) visit(pid, st.st_mtim.tv_sec * 1000000000ll + st.st_mtim.tv_nsec);
+    for (int i = 0; wire::search_dir(i, dir, sizeof dir); ++i) {
+        DIR* d = opendir(dir);
+        if (d == nullptr) continue;
+        while (dirent* e = readdir(d)) {
+            const std::uint32_t pid = wire::socket_pid(e->d_name);
+            if (pid == 0 || (e->d_type != DT_SOCK && e->d_type != DT_UNKNOWN)) continue;
+            struct stat st;
+            if (fstatat(dirfd(d), e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISSOCK(st.st_mode)) continue;
+            if (os::process_alive(pid)) visit(pid, st.st_mtim.tv_sec * 1000000000ll + st.st_mtim.tv_nsec);
+        }
+        closedir(d);
     }
-    closedir(d);
+}
+
+// The host's socket in the first folder searched that holds one.
+bool FindSocket(std::uint32_t pid, char* path, std::size_t cap) {
+    char dir[256];
+    struct stat st;
+    for (int i = 0; wire::search_dir(i, dir, sizeof dir); ++i)
+        if (wire::socket_path_in(dir, pid, path, cap) && lstat(path, &st) == 0 && S_ISSOCK(st.st_mode))
+            return true;
+    return false;
 }
 
 bool Link1(ZorConnection* c, std::uint32_t pid) {
     auto* link = new (std::nothrow) Link();
     if (link == nullptr) return false;
-    if (!wire::socket_path(pid, link->path, sizeof link->path) || !ConnectSocket(link, c->timeout_ms)) {
+    if (!FindSocket(pid, link->path, sizeof link->path) || !ConnectSocket(link, c->timeout_ms)) {
         delete link;
         return false;
     }

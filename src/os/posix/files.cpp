@@ -23,6 +23,12 @@ bool exe_path(char* out, std::size_t cap) {
     out[n] = 0;
     return true;
 }
+
+bool runs_from_usr_bin() {
+    char path[PATH_MAX];
+    const char* slash = exe_path(path, sizeof path) ? std::strrchr(path, '/') : nullptr;
+    return slash && slash - path == 8 && std::strncmp(path, "/usr/bin", 8) == 0;
+}
 }  // namespace posix
 
 bool startup_dir(char16_t* buf, std::uint32_t size) {
@@ -32,6 +38,10 @@ bool startup_dir(char16_t* buf, std::uint32_t size) {
     if (!slash) return false;
     *(slash == path ? slash + 1 : slash) = 0;  // keep "/" for the root
     return posix::to_utf16_path(path, buf, size);
+}
+
+bool config_dir(char16_t* buf, std::uint32_t size) {
+    return posix::runs_from_usr_bin() ? posix::to_utf16_path("/etc/zor", buf, size) : startup_dir(buf, size);
 }
 
 // Directories come back with '\\' separators like every path the layer

@@ -17,9 +17,10 @@ void* open_if_there(const char* path, bool* there) {
 }
 }  // namespace
 
-// A bare file name is searched like Windows does it: the program's folder,
-// then the system's places (the loader's own search), then the current
-// directory. A path with a directory is opened as it is.
+// A bare file name is searched like Windows does it: the program's folder
+// (/usr/lib/zor for the packaged host), then the system's places (the
+// loader's own search), then the current directory. A path with a directory
+// is opened as it is.
 Module module_load(const char16_t* path) {
     char file[PATH_MAX];
     if (!path || !to_utf8(path, file, sizeof file, true) || !file[0]) {
@@ -32,8 +33,9 @@ Module module_load(const char16_t* path) {
         if (!m) errno = there ? ENOEXEC : ENOENT;
         return m;
     }
-    char local[PATH_MAX];
-    if (exe_path(local, sizeof local)) {
+    // Only the folder of this path counts: the executable's, or the package's.
+    char local[PATH_MAX] = "/usr/lib/zor/zor";
+    if (runs_from_usr_bin() || exe_path(local, sizeof local)) {
         std::size_t dir = static_cast<std::size_t>(std::strrchr(local, '/') - local) + 1;
         if (dir + std::strlen(file) < sizeof local) {
             std::strcpy(local + dir, file);

@@ -30,6 +30,9 @@ bool to_utf16_path(const char* s, char16_t* out, std::size_t cap);
 
 // Path of the running executable (UTF-8); false when unknown.
 bool exe_path(char* out, std::size_t cap);
+// The packaged host runs from /usr/bin: its configuration is in /etc/zor,
+// its modules in /usr/lib/zor, rather than beside it.
+bool runs_from_usr_bin();
 
 // Handle tagging. File descriptors are fd + 1 (small values); thread
 // records carry the top bit, process handles the next one.

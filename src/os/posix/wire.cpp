@@ -23,9 +23,23 @@ bool runtime_dir(char* out, std::size_t cap) {
 
 bool socket_path(std::uint32_t pid, char* out, std::size_t cap) {
     char dir[256];
-    if (!runtime_dir(dir, sizeof dir)) return false;
+    return runtime_dir(dir, sizeof dir) && socket_path_in(dir, pid, out, cap);
+}
+
+bool socket_path_in(const char* dir, std::uint32_t pid, char* out, std::size_t cap) {
     int n = std::snprintf(out, cap, "%s/zor-%u.sock", dir, static_cast<unsigned>(pid));
     return n > 0 && static_cast<std::size_t>(n) < cap;
+}
+
+// A user's own hosts live in the user's folder, the packaged service's in
+// /run/zor: a member of its group reaches both without setting anything.
+bool search_dir(int index, char* out, std::size_t cap) {
+    constexpr const char* kSystemDir = "/run/zor";
+    if (index == 0) return runtime_dir(out, cap);
+    if (index != 1 || std::getenv("ZOR_RUNTIME_DIR") || cap <= std::strlen(kSystemDir)) return false;
+    if (runtime_dir(out, cap) && std::strcmp(out, kSystemDir) == 0) return false;
+    std::strcpy(out, kSystemDir);
+    return true;
 }
 
 std::uint32_t socket_pid(const char* name) {

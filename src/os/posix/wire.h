@@ -33,6 +33,12 @@ constexpr int kMaxDescriptors = 4;
 bool runtime_dir(char* out, std::size_t cap);
 // "<runtime dir>/zor-<pid>.sock"; false when it does not fit.
 bool socket_path(std::uint32_t pid, char* out, std::size_t cap);
+// "<dir>/zor-<pid>.sock"; false when it does not fit.
+bool socket_path_in(const char* dir, std::uint32_t pid, char* out, std::size_t cap);
+// The folders clients search for hosts, by index: 0 the runtime folder,
+// 1 the system service's /run/zor, unless ZOR_RUNTIME_DIR is set or the
+// runtime folder is that one already. False past the last.
+bool search_dir(int index, char* out, std::size_t cap);
 // The pid of a socket file name "zor-<pid>.sock"; 0 for any other name.
 std::uint32_t socket_pid(const char* name);
 

@@ -59,6 +59,8 @@ bool startup_dir(char16_t* buf, std::uint32_t size) {
     return copy_dir(path, buf, size);
 }
 
+bool config_dir(char16_t* buf, std::uint32_t size) { return startup_dir(buf, size); }
+
 // %APPDATA% first (users and tests can point it anywhere), then the shell's
 // roaming application-data folder. shell32 is loaded only for that fallback.
 bool user_appdata_dir(char16_t* buf, std::uint32_t size) {

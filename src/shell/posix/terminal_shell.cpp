@@ -6,6 +6,7 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -17,24 +18,15 @@
 #include "os/os.h"
 #include "os/posix/process_setup.h"
 #include "shell/posix/command_socket.h"
+#include "shell/posix/service_status.h"
+#include "shell/posix/stderr_log.h"
 #include "support/wformat.h"
 
 namespace zor::shell {
 
 namespace {
 
-// Lines at level 0 or with mask 0 or 1 also go to a terminal's stderr.
-void StderrSink(void*, std::uint32_t level, std::uint32_t mask, const char* utf8, std::size_t len) {
-    if (level != 0 && mask > 1) return;
-    char line[2048];
-    std::size_t n = 0;
-    for (std::size_t i = 0; i < len && n + 1 < sizeof line; ++i)
-        if (utf8[i] != '\r') line[n++] = utf8[i];
-    if (n == 0 || line[n - 1] != '\n') line[n++] = '\n';
-    (void)!write(STDERR_FILENO, line, n);
-}
-
-void WarnNoDriver(void*) { std::fputs("ZOR: Warning: No IRQ driver selected!\n", stderr); }
+void WarnNoDriver(void*) { StderrLine(4, "ZOR: Warning: No IRQ driver selected!"); }
 
 void Print(const char16_t* text) {
     char utf8[1024];
@@ -46,6 +38,9 @@ void Print(const char16_t* text) {
 struct Loop {
     Host& host;
     bool hide;
+    // A supervised host is resident: its unit, not its last client, decides
+    // when it ends.
+    bool resident;
     bool ended = false;
     bool asking = false;
     std::intptr_t result = 0;
@@ -75,7 +70,7 @@ struct Loop {
     }
 
     void Tick() {
-        if (AutoKillDue(host, kAutoKillTimerId)) {
+        if (!resident && AutoKillDue(host, kAutoKillTimerId)) {
             End(this, 1);
             return;
         }
@@ -100,11 +95,11 @@ void LockMemory(Host& host) {
 
 }  // namespace
 
-void TerminalShell::LogStarted(Logger& log) {
-    if (isatty(STDERR_FILENO)) log.SetSink(StderrSink, nullptr);
-}
+void TerminalShell::LogStarted(Logger& log) { AttachStderr(log); }
 
 std::intptr_t TerminalShell::RunDialog(Host& host, bool hide) {
+    ServiceStatus service(host);
+    service.Open();
     LockMemory(host);
     os::posix::apply_scheduling(true);
     char16_t ini[260];
@@ -114,12 +109,13 @@ std::intptr_t TerminalShell::RunDialog(Host& host, bool hide) {
     os::ini_read_string(u"INIT", u"GROUP", u"", group16, 64, ini);
     utf16_to_utf8(group16, group, sizeof group);
     CommandSocket socket(host);
-    socket.Listen(group);
+    const bool listening = socket.Listen(group);
 
     SelectionUi ui;
     ui.warnNoDriver = WarnNoDriver;
-    Loop loop{host, hide};
+    Loop loop{host, hide, service.Supervised()};
     FormatIrqLine(host, SelectAndLoadIrq(host, ui), loop.irqLine, 300);
+    service.Started(listening, loop.irqLine);
 
     sigset_t stop;
     sigemptyset(&stop);
@@ -133,12 +129,13 @@ std::intptr_t TerminalShell::RunDialog(Host& host, bool hide) {
         fds[0] = pollfd{signals, POLLIN, 0};
         fds[1] = pollfd{loop.asking ? STDIN_FILENO : -1, POLLIN, 0};
         const int n = 2 + socket.PollSet(fds + 2, CommandSocket::kMaxPeers + 1);
-        const double wait = nextTick - os::now_ms();
+        const double wait = std::min(nextTick, service.NextDueMs()) - os::now_ms();
         poll(fds, n, wait > 0 ? static_cast<int>(wait) + 1 : 0);
         if (os::now_ms() >= nextTick) {
             nextTick += kAutoKillPeriodMs;
             loop.Tick();
         }
+        service.Tick(os::now_ms());
         if (fds[0].revents) {
             signalfd_siginfo si;
             while (read(signals, &si, sizeof si) == sizeof si) loop.Cancel();
@@ -146,6 +143,7 @@ std::intptr_t TerminalShell::RunDialog(Host& host, bool hide) {
         if (fds[1].revents) loop.Answered();
         if (!loop.ended) socket.Handle(fds + 2, n - 2, ender);
     }
+    service.Stopping();
     if (signals >= 0) close(signals);
     host.log.SetSink(nullptr, nullptr);
     return loop.result;
