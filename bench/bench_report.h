@@ -24,21 +24,40 @@ inline Goal MaxRatio(double r) { return {Goal::kMaxRatio, r}; }
 inline Goal MinValue(double v) { return {Goal::kMinValue, v}; }
 inline Goal MaxValue(double v) { return {Goal::kMaxValue, v}; }
 
-inline void Row(const char* figure, double value, const char* baseline, double base,
-                const char* unit, Goal goal = {}) {
+inline double RatioOf(double value, double base, const char* unit) {
     const std::size_t n = std::strlen(unit);
     const bool rate = n >= 2 && std::strcmp(unit + n - 2, "/s") == 0;
-    const double ratio = rate ? (value > 0 ? base / value : 0) : (base > 0 ? value / base : 0);
-    char verdict[64] = "";
+    return rate ? (value > 0 ? base / value : 0) : (base > 0 ? value / base : 0);
+}
+
+inline bool Holds(const Goal& goal, double value, double ratio) {
+    switch (goal.kind) {
+    case Goal::kMaxRatio: return ratio <= goal.limit;
+    case Goal::kMinValue: return value >= goal.limit;
+    case Goal::kMaxValue: return value <= goal.limit;
+    default: return true;
+    }
+}
+
+// `spread`, when given, is the lowest and highest figure a goal was judged
+// on in repeated runs (ratios for a ratio goal, values otherwise): a spread
+// that crosses the goal makes the verdict "noisy", whatever the median says.
+inline void Row(const char* figure, double value, const char* baseline, double base,
+                const char* unit, Goal goal = {}, const double* spread = nullptr) {
+    const double ratio = RatioOf(value, base, unit);
+    char verdict[96] = "";
+    const char* word = Holds(goal, value, ratio) ? "met" : "not met";
+    char range[48] = "";
+    if (spread) {
+        if (Holds(goal, spread[0], spread[0]) != Holds(goal, spread[1], spread[1])) word = "noisy";
+        std::snprintf(range, sizeof range, " (5 runs: %.3g to %.3g)", spread[0], spread[1]);
+    }
     if (goal.kind == Goal::kMaxRatio) {
-        std::snprintf(verdict, sizeof verdict, "<= %.1fx: %s", goal.limit,
-                      ratio <= goal.limit ? "met" : "not met");
+        std::snprintf(verdict, sizeof verdict, "<= %.1fx: %s%s", goal.limit, word, range);
     } else if (goal.kind == Goal::kMinValue) {
-        std::snprintf(verdict, sizeof verdict, ">= %.0f: %s", goal.limit,
-                      value >= goal.limit ? "met" : "not met");
+        std::snprintf(verdict, sizeof verdict, ">= %.0f: %s%s", goal.limit, word, range);
     } else if (goal.kind == Goal::kMaxValue) {
-        std::snprintf(verdict, sizeof verdict, "<= %g %s: %s", goal.limit, unit,
-                      value <= goal.limit ? "met" : "not met");
+        std::snprintf(verdict, sizeof verdict, "<= %g %s: %s%s", goal.limit, unit, word, range);
     }
     std::printf("ROW | %s | %.4g | %s | %.4g | %.2fx | %s | %s |\n", figure, value, baseline, base,
                 ratio, unit, verdict);
@@ -61,6 +80,24 @@ inline void Rows(const char* figure, std::vector<double>& value, const char* bas
         std::snprintf(b, sizeof b, "%s, p%.0f", baseline, q * 100);
         Row(f, Quantile(value, q), b, Quantile(base, q), unit, goal);
     }
+}
+
+// A row with a goal, measured in five runs, each run the figure and its
+// baseline side by side (measure() returns {value, baseline}): the run with
+// the median judged figure is reported, with the spread of all five.
+template <class M>
+void RepeatedRow(const char* figure, const char* baseline, const char* unit, Goal goal, M measure) {
+    constexpr int kRuns = 5;
+    struct Run {
+        double value, base, judged;
+    } runs[kRuns];
+    for (Run& r : runs) {
+        const auto [value, base] = measure();
+        r = {value, base, goal.kind == Goal::kMaxRatio ? RatioOf(value, base, unit) : value};
+    }
+    std::sort(runs, runs + kRuns, [](const Run& a, const Run& b) { return a.judged < b.judged; });
+    const double spread[2] = {runs[0].judged, runs[kRuns - 1].judged};
+    Row(figure, runs[kRuns / 2].value, baseline, runs[kRuns / 2].base, unit, goal, spread);
 }
 
 // Nanoseconds per call of f and of g: the best of many short rounds, the two

@@ -16,6 +16,7 @@
 #include "modules/deferred_list_writer.h"
 #include "modules/shared_mem.h"
 #include "modules/slot_table.h"
+#include "os/os.h"
 #include "support/log.h"
 
 namespace zor {
@@ -74,8 +75,13 @@ void DeferredList::Run() {
     // written by a client cannot keep writers out for good.
     TdlWord(area, ZOR_SSA_ENTRY_COUNT).store(0, std::memory_order_relaxed);
     TdlWord(area, ZOR_SSA_BYTES_USED).store(0, std::memory_order_relaxed);
-    // Release: the result words are visible before the counter moves.
-    TdlWord(area, ZOR_SSA_RUN_COUNTER).fetch_add(1, std::memory_order_release);
+    // The result words are visible before the counter moves. A waiter
+    // counts itself a sleeper before it sleeps and looks at the counter
+    // after that, so either it sees the new count or this sees it: the
+    // wake is a system call only while somebody sleeps.
+    TdlWord(area, ZOR_SSA_RUN_COUNTER).fetch_add(1, std::memory_order_seq_cst);
+    if (TdlWord(area, ZOR_SSA_SLEEPERS).load(std::memory_order_seq_cst) != 0)
+        os::word_wake_all(reinterpret_cast<std::uint32_t*>(area + ZOR_SSA_RUN_COUNTER));
     sync.store(0, std::memory_order_release);
 }
 

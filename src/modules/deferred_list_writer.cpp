@@ -189,6 +189,24 @@ bool Abandon(unsigned char* area, std::uint32_t areaSize, const TdlTicket& ticke
     return true;
 }
 
+// A waiter yields this long before it sleeps (a fast event source answers
+// within microseconds): briefly where the dispatch thread can wake it,
+// else a millisecond, then it sleeps a millisecond at a time.
+double SpinMs() { return os::word_wait_works() ? 0.05 : 1.0; }
+
+// Sleeps until the run counter moves (or 10 ms), counted among the sleepers
+// so that the dispatch thread wakes us. The sleepers word is client-writable:
+// a wrong count costs only wake-ups, never a wait past the 10 ms.
+void SleepUntilRun(unsigned char* area) {
+    auto counter = TdlWord(area, ZOR_SSA_RUN_COUNTER);
+    auto sleepers = TdlWord(area, ZOR_SSA_SLEEPERS);
+    const std::uint32_t seen = counter.load(std::memory_order_seq_cst);
+    sleepers.fetch_add(1, std::memory_order_seq_cst);
+    if (counter.load(std::memory_order_seq_cst) == seen)
+        os::word_wait(reinterpret_cast<std::uint32_t*>(area + ZOR_SSA_RUN_COUNTER), seen, 10);
+    sleepers.fetch_sub(1, std::memory_order_relaxed);
+}
+
 }  // namespace
 
 bool TdlWait(unsigned char* area, std::uint32_t areaSize, const TdlTicket& ticket,
@@ -203,10 +221,10 @@ bool TdlWait(unsigned char* area, std::uint32_t areaSize, const TdlTicket& ticke
             return true;
         }
         if (Elapsed(t0, limitMs)) break;
-        // Yield first (a fast event source answers within microseconds),
-        // then sleep so that a slow one does not cost a whole core.
-        if (os::now_ms() - start < 1.0)
+        if (os::now_ms() - start < SpinMs())
             std::this_thread::yield();
+        else if (os::word_wait_works())
+            SleepUntilRun(area);
         else
             os::sleep_ms(1);
     }

@@ -36,6 +36,14 @@ double now_ms();
 // 32-bit millisecond tick that wraps (GetTickCount semantics).
 std::uint32_t tick_ms();
 void sleep_ms(std::uint32_t ms);
+// Sleeps while *word == expected, at most timeout_ms, across processes when
+// the word lies in shared memory (a futex on Linux): returns at a wake, a
+// change, or the timeout. Only where word_wait_works(): Windows has no
+// cross-process wait, and callers sleep on their own there.
+bool word_wait_works();
+void word_wait(const std::uint32_t* word, std::uint32_t expected, std::uint32_t timeout_ms);
+// Wakes every word_wait on this word, in any process.
+void word_wake_all(const std::uint32_t* word);
 // Which clock now_ms() uses ("tsc", "qpc", "clock_gettime"), for the log.
 const char* clock_name();
 // The system's wall clock: milliseconds since 1970-01-01 UTC. It may jump

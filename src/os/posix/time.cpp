@@ -1,16 +1,25 @@
 // Time and identity queries: plain system calls, nothing to fail.
+//
+// now_ms() is read several times per interrupt event: where the processor's
+// time-stamp counter is invariant it reads that (one instruction, see
+// tsc_clock.h), anchored to CLOCK_MONOTONIC at the first call, so that its
+// figures agree with the drivers' CLOCK_MONOTONIC deadlines; else
+// clock_gettime (a vDSO call). ZOR_CLOCK=clock_gettime chooses the latter.
 #include <cerrno>
 #include <csignal>
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <linux/futex.h>
 #include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include "os/os.h"
+#include "os/tsc_clock.h"
 
 namespace zor::os {
 
@@ -20,12 +29,31 @@ timespec monotonic(clockid_t clock = CLOCK_MONOTONIC) {
     clock_gettime(clock, &ts);
     return ts;
 }
+
+double monotonic_ms() {
+    const timespec ts = monotonic();
+    return static_cast<double>(ts.tv_sec) * 1e3 + static_cast<double>(ts.tv_nsec) / 1e6;
+}
+
+tsc::Clock calibrate() {
+    const char* choice = std::getenv("ZOR_CLOCK");
+    if (choice && std::strcmp(choice, "clock_gettime") == 0) return tsc::Clock{};
+    return tsc::Calibrate(monotonic_ms, [] {
+        const timespec nap{0, 1000000};
+        nanosleep(&nap, nullptr);
+    });
+}
+
+const tsc::Clock& tsc_clock() {
+    static const tsc::Clock c = calibrate();
+    return c;
+}
 }  // namespace
 
 // The origin is the monotonic clock's own (boot): fixed, no state to set up.
 double now_ms() {
-    timespec ts = monotonic();
-    return static_cast<double>(ts.tv_sec) * 1e3 + static_cast<double>(ts.tv_nsec) / 1e6;
+    const tsc::Clock& c = tsc_clock();
+    return c.valid ? c.Now() : monotonic_ms();
 }
 
 // The coarse clock is what GetTickCount is: a few ms of resolution, and
@@ -49,7 +77,19 @@ void sleep_ms(std::uint32_t ms) {
     while (nanosleep(&req, &rem) != 0 && errno == EINTR) req = rem;
 }
 
-const char* clock_name() { return "clock_gettime"; }
+// Shared futexes (not _PRIVATE): the waiter may be another process.
+bool word_wait_works() { return true; }
+
+void word_wait(const std::uint32_t* word, std::uint32_t expected, std::uint32_t timeout_ms) {
+    const timespec ts{static_cast<time_t>(timeout_ms / 1000), static_cast<long>(timeout_ms % 1000) * 1000000L};
+    syscall(SYS_futex, word, FUTEX_WAIT, expected, &ts, nullptr, 0);
+}
+
+void word_wake_all(const std::uint32_t* word) {
+    syscall(SYS_futex, word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+}
+
+const char* clock_name() { return tsc_clock().valid ? "tsc" : "clock_gettime"; }
 
 // A system call per use is microseconds in some VMs and this runs on every
 // log line and event; a thread's id never changes, so ask once per thread.
