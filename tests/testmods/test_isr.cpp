@@ -156,6 +156,7 @@ ZOR_EXPORT void Test_SetAnswer(uint32_t code, uint32_t value) {
 }
 // Busy-waits `us` (sleeps from 10 ms on) in each call with this code.
 ZOR_EXPORT void Test_SetDelay(uint32_t code, uint32_t us) {
+    zor::os::now_ms();  // the module's own clock is set up here, not inside a call
     g_delayUs.store(us);
     g_delayCode.store(code);
 }
