@@ -11,6 +11,7 @@
 #include "pagelock/page_locker.h"
 #include "support/critsec.h"
 #include "support/log.h"
+#include "os/os.h"
 #include "support/wstr.h"
 
 namespace zor {
@@ -80,6 +81,7 @@ std::uint32_t IrqDriver::RegisterIRQ(const char16_t* path, bool strict) {
     s.module = os::module_load(path);
     if (!s.module) {
         log_.wPrintf(kLogError, u"ZOR: Failed to load IRQ: '%s'\n\r", path);
+        LogLoaderReason(log_);
         FailRegistration(slot);
         return 0;
     }
@@ -227,6 +229,11 @@ std::uint32_t IrqDriver::Query() {
 std::uint32_t IrqDriver::Control(std::uint32_t value) {
     std::uint32_t slot = LoadedSlot();
     return slot ? caller_.CallModule(slot, ZOR_GS_IRQ_CONTROL, value) : 0;
+}
+
+void LogLoaderReason(Logger& log) {
+    char why[512];
+    if (os::module_load_error(why, sizeof why) > 0) log.wPrintf(kLogError, u"ZOR:   reason: %S\n\r", why);
 }
 
 }  // namespace zor

@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "dispatch/caller.h"
+#include "os/os.h"
 
 namespace zor {
 
@@ -20,6 +21,10 @@ class SlotTable;
 
 // What the start-up search of "*.irq" files found (see driver_selection.h). The
 // indexes are only "found" marks; kNotFound when the name was not seen.
+// After a "Failed to load" line: the loader's reason on a line of its own
+// (missing file, missing dependency, undefined symbol, wrong format).
+void LogLoaderReason(Logger& log);
+
 struct IrqSearch {
     static constexpr std::uint32_t kNotFound = 0xFFFFFFFF;
     std::uint32_t lastIndex = kNotFound;

@@ -124,6 +124,9 @@ std::uint32_t module_file_name(std::uint64_t alloc_base, char16_t* buf,
 // 0 when no module holds it. Cheaper than region_query + module_file_name
 // where the platform's loader can answer by itself.
 std::uint32_t module_name_of(const void* addr, char16_t* buf, std::uint32_t size);
+// Why the last module_load on this thread failed, in the loader's words
+// (dlerror; the Windows error and its text), as UTF-8. 0 when it succeeded.
+std::uint32_t module_load_error(char* buf, std::uint32_t size);
 
 // ---------------------------------------------------------------- fault guard
 // Runs body(ctx) so that a machine fault raised inside it (access
