@@ -192,6 +192,8 @@ bool IrqDriver::Loaded() const { return LoadedSlot() != 0; }
 void IrqDriver::RunPriorityRamp(std::uint32_t stage) {
     std::uint32_t slot = RegisteredSlot();
     os::Thread driverThread = slot ? slots_[slot].irqThread : 0;
+    if (driverThread != lastRaised_) appliedStage_ = kNoStage;  // another driver's thread
+    lastRaised_ = driverThread;
     for (;;) {
         os::priority_class_set(stage == 2 ? os::kRealtimePriorityClass
                                           : os::kNormalPriorityClass);
@@ -202,6 +204,8 @@ void IrqDriver::RunPriorityRamp(std::uint32_t stage) {
             // Without the privilege (Linux: SCHED_FIFO) the stage is not applied.
             log_.wPrintf(kLogError, u"ZOR: IRQ priority stage %u not applied (%08x)\n\r", stage,
                            static_cast<unsigned>(os::last_error()));
+        } else if (driverThread != 0) {
+            appliedStage_ = stage;
         }
         std::uint32_t cls = os::priority_class_get();
         if (stage == 2 || cls != os::kNormalPriorityClass) return;
