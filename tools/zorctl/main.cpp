@@ -283,6 +283,7 @@ int Main(int argc, char** argv) {
     ZorConnection* c = nullptr;
     int st = pid ? zor_connect_pid(&c, pid, timeout) : zor_connect(&c, timeout);
     if (st != ZOR_OK) {
+        if (st == ZOR_E_NO_HOST && zorctl::ReportAccessProblem()) return kFail;
         if (cmd == "status" && st == ZOR_E_NO_HOST) std::printf("no host running\n");
         return Fail("connect", st);
     }
