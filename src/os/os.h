@@ -207,5 +207,13 @@ inline bool thread_close(Thread t) { return calls.handle_close(t); }
 // longer to be found (posix: shm_unlink; Windows: the name goes with the
 // last handle, nothing to do).
 void mapping_remove_name(const char16_t* name);
+// True when a mapping of that name exists and belongs to this process's
+// user. Names carry this process's id, so on Linux such an object was left
+// by an earlier process of the same id and user that was killed; on Windows
+// names go with their last handle: never.
+bool mapping_name_left_by_us(const char16_t* name);
+// Where users find the mapping: the name itself on Windows, the file under
+// /dev/shm on Linux.
+void mapping_display_name(const char16_t* name, char16_t* out, std::uint32_t size);
 
 }  // namespace zor::os
