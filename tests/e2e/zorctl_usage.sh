@@ -2,6 +2,7 @@
 # Every zorctl command, as its own help lists them: `CMD --help` exits 0 with
 # the command's usage, an unknown option exits 2 (usage), before any host is
 # asked. Then the documented answers without a host: a dead --pid exits 3.
+# zor beside it answers --help and --version without starting a host.
 set -u
 ctl="$1"
 fail=0
@@ -30,4 +31,8 @@ sleep 0 & dead=$!
 wait "$dead"
 expect 3 --pid "$dead" status
 expect 3 --pid "$dead" stats
+for opt in --help --version; do
+  out="$(timeout 5 "$(dirname "$ctl")/zor" "$opt" 2>&1)" && grep -q "^zor\|^usage: zor" <<<"$out" \
+    || { echo "zor $opt: $out"; fail=1; }
+done
 exit $fail
