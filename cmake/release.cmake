@@ -4,7 +4,8 @@
 #   bin/            zor.exe, the IRQ drivers, zorctl.exe, zorclient.dll, ZOR.INI
 #   include/zor/    the C headers, zor_version.h included
 #   lib/            libzorclient.a (static, self-contained), libzorclient.dll.a
-#   lib/cmake/zor/  the CMake package: zor::module, zor::client, zor::client_static
+#   lib/cmake/zor/  the CMake package: zor::module, zor::client, zor::client_static,
+#                   and a toolchain file for cross-compiling from Linux
 #   docs/, samples/ the guides and the sample sources (buildable on their own)
 if(NOT WIN32)
   return()
@@ -66,7 +67,7 @@ include(CMakePackageConfigHelpers)
 write_basic_package_version_file(${ZOR_RELEASE_DIR}/zorConfigVersion.cmake
   COMPATIBILITY SameMajorVersion ARCH_INDEPENDENT)
 install(FILES ${ZOR_RELEASE_DIR}/zorConfig.cmake ${ZOR_RELEASE_DIR}/zorConfigVersion.cmake
-        DESTINATION lib/cmake/zor)
+              cmake/release/mingw-w64-x86_64.cmake DESTINATION lib/cmake/zor)
 install(DIRECTORY docs/ DESTINATION docs)
 install(FILES README.md DESTINATION docs)
 install(DIRECTORY samples/ DESTINATION samples)

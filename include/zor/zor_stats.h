@@ -50,8 +50,9 @@ typedef struct ZorStatsHistogram {
 typedef struct ZorStatsInfo {
     uint16_t log_file[260];   /* path of the host's log file; empty: none */
     uint16_t irq_driver[20];  /* name of the loaded IRQ driver; empty: none */
-    uint32_t irq_priority;    /* configured priority stage (IRQPRIO), 0..2;
-                                 other values: left as the system set it */
+    uint32_t irq_priority;    /* priority stage the driver thread was last raised
+                                 to, 0..2; 0xFFFFFFFF: none (no driver, or the
+                                 system refused every stage) */
     uint32_t reserved;
 } ZorStatsInfo;
 

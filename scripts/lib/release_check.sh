@@ -1,9 +1,10 @@
 # Sourced by scripts/test after the Windows build: uses the release archive
 # the way a module writer does. Makes zor-<version>-win64.zip, unpacks it
 # into a temporary folder, compiles the public headers as C for an MSVC
-# target, builds the samples out of tree against the archive with
-# find_package(zor), and runs the sample module in the unpacked zor.exe
-# under Wine until the sample client has seen it dispatched.
+# target, builds the samples out of tree against the archive exactly as
+# README.md says (nothing of this repository), and runs the sample module in
+# the unpacked zor.exe under Wine until the sample client has seen it
+# dispatched.
 zor_release_check() {  # build folder of the windows preset
   local build="$1" tmp version pkg rc=0
   version="$(sed -n 's/^project(zor VERSION \([0-9.]*\).*/\1/p' "$ZOR_ROOT/CMakeLists.txt")"
@@ -15,13 +16,7 @@ zor_release_check() {  # build folder of the windows preset
     echo "#include <zor/$h>" | clang --target=x86_64-pc-windows-msvc -fsyntax-only -x c -std=c11 \
       -Wall -Wextra -Werror -I"$pkg/include" - || { echo "release: $h is not C for MSVC"; rc=1; }
   done
-  if cmake -S "$pkg/samples" -B "$tmp/samples" -G Ninja --toolchain "$ZOR_ROOT/cmake/mingw-w64-x86_64.cmake" \
-       -DCMAKE_BUILD_TYPE=Release -Dzor_DIR="$pkg/lib/cmake/zor" >/dev/null && cmake --build "$tmp/samples" >/dev/null; then
-    cp "$tmp/samples/latency_isr.dll" "$tmp/samples/latency_client.exe" "$pkg/bin/"
-    zor_release_run "$pkg/bin" "$tmp" || rc=1
-  else
-    echo "release: the samples do not build against the archive"; rc=1
-  fi
+  zor_release_samples "$pkg" "$tmp" || rc=1
   [ $rc -eq 0 ] && rm -rf "$tmp" || echo "release: kept $tmp"
   return $rc
 }
@@ -50,4 +45,26 @@ zor_release_run() {  # bin folder, scratch folder
     return 1
   fi
   echo "release: $(basename "$(dirname "$bin")") builds modules and runs them: $(grep -m1 summary <<<"$out")"
+}
+
+# The archive's own toolchain file and package, no repository file: the
+# samples build with zor_DIR and with CMAKE_PREFIX_PATH, import no mingw
+# runtime DLL, and a Linux target is refused with the package's reason.
+zor_release_samples() {  # unpacked archive, scratch folder
+  local pkg="$1" tmp="$2" tc="$1/lib/cmake/zor/mingw-w64-x86_64.cmake" out
+  out="$(cmake -S "$pkg/samples" -B "$tmp/linux" -G Ninja -Dzor_DIR="$pkg/lib/cmake/zor" 2>&1)"
+  if [ $? -eq 0 ] || ! grep -q "holds Windows x64 binaries" <<<"$out"; then
+    printf 'release: a Linux build against the archive was not refused:\n%s\n' "$out"; return 1
+  fi
+  cmake -S "$pkg/samples" -B "$tmp/prefix" -G Ninja --toolchain "$tc" -DCMAKE_PREFIX_PATH="$pkg" >/dev/null \
+    || { echo "release: CMAKE_PREFIX_PATH=<unpacked> finds no package"; return 1; }
+  cmake -S "$pkg/samples" -B "$tmp/samples" -G Ninja --toolchain "$tc" -DCMAKE_BUILD_TYPE=Release \
+      -Dzor_DIR="$pkg/lib/cmake/zor" >/dev/null && cmake --build "$tmp/samples" >/dev/null \
+    || { echo "release: the samples do not build against the archive"; return 1; }
+  if x86_64-w64-mingw32-objdump -p "$tmp/samples/latency_isr.dll" "$tmp/samples/latency_client.exe" \
+       | grep -Ei 'DLL Name: (libstdc|libgcc|libwinpthread)'; then
+    echo "release: the samples need the toolchain's DLLs"; return 1
+  fi
+  cp "$tmp/samples/latency_isr.dll" "$tmp/samples/latency_client.exe" "$pkg/bin/"
+  zor_release_run "$pkg/bin" "$tmp"
 }

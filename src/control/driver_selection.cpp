@@ -72,7 +72,7 @@ std::uint32_t SelectAndLoadIrq(IrqDriver& irq, StatsArea& stats, Logger& log,
     }
     std::uint32_t level = ConfiguredPriority(c);
     if (level < 3) irq.SetIrqPriority(level);
-    stats.SetDriver(irq.LoadedName(), level);
+    stats.SetDriver(irq.LoadedName(), irq.AppliedStage());
     return level;
 }
 

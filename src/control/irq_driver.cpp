@@ -11,6 +11,7 @@
 #include "pagelock/page_locker.h"
 #include "support/critsec.h"
 #include "support/log.h"
+#include "os/os.h"
 #include "support/wstr.h"
 
 namespace zor {
@@ -80,6 +81,7 @@ std::uint32_t IrqDriver::RegisterIRQ(const char16_t* path, bool strict) {
     s.module = os::module_load(path);
     if (!s.module) {
         log_.wPrintf(kLogError, u"ZOR: Failed to load IRQ: '%s'\n\r", path);
+        LogLoaderReason(log_);
         FailRegistration(slot);
         return 0;
     }
@@ -190,6 +192,8 @@ bool IrqDriver::Loaded() const { return LoadedSlot() != 0; }
 void IrqDriver::RunPriorityRamp(std::uint32_t stage) {
     std::uint32_t slot = RegisteredSlot();
     os::Thread driverThread = slot ? slots_[slot].irqThread : 0;
+    if (driverThread != lastRaised_) appliedStage_ = kNoStage;  // another driver's thread
+    lastRaised_ = driverThread;
     for (;;) {
         os::priority_class_set(stage == 2 ? os::kRealtimePriorityClass
                                           : os::kNormalPriorityClass);
@@ -200,6 +204,8 @@ void IrqDriver::RunPriorityRamp(std::uint32_t stage) {
             // Without the privilege (Linux: SCHED_FIFO) the stage is not applied.
             log_.wPrintf(kLogError, u"ZOR: IRQ priority stage %u not applied (%08x)\n\r", stage,
                            static_cast<unsigned>(os::last_error()));
+        } else if (driverThread != 0) {
+            appliedStage_ = stage;
         }
         std::uint32_t cls = os::priority_class_get();
         if (stage == 2 || cls != os::kNormalPriorityClass) return;
@@ -227,6 +233,11 @@ std::uint32_t IrqDriver::Query() {
 std::uint32_t IrqDriver::Control(std::uint32_t value) {
     std::uint32_t slot = LoadedSlot();
     return slot ? caller_.CallModule(slot, ZOR_GS_IRQ_CONTROL, value) : 0;
+}
+
+void LogLoaderReason(Logger& log) {
+    char why[512];
+    if (os::module_load_error(why, sizeof why) > 0) log.wPrintf(kLogError, u"ZOR:   reason: %S\n\r", why);
 }
 
 }  // namespace zor

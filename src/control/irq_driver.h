@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "dispatch/caller.h"
+#include "os/os.h"
 
 namespace zor {
 
@@ -20,6 +21,10 @@ class SlotTable;
 
 // What the start-up search of "*.irq" files found (see driver_selection.h). The
 // indexes are only "found" marks; kNotFound when the name was not seen.
+// After a "Failed to load" line: the loader's reason on a line of its own
+// (missing file, missing dependency, undefined symbol, wrong format).
+void LogLoaderReason(Logger& log);
+
 struct IrqSearch {
     static constexpr std::uint32_t kNotFound = 0xFFFFFFFF;
     std::uint32_t lastIndex = kNotFound;
@@ -53,6 +58,10 @@ public:
     const char16_t* LoadedName() const;
     std::uint32_t CurrentIrqSlot() const { return currentSlot_.load(std::memory_order_acquire); }
     std::uint32_t PriorityLevel() const { return priorityLevel_; }
+    // The last stage the driver's thread was raised to; kNoStage while the
+    // system refused every stage (Linux without CAP_SYS_NICE) or no driver ran.
+    static constexpr std::uint32_t kNoStage = 0xFFFFFFFF;
+    std::uint32_t AppliedStage() const { return LoadedSlot() ? appliedStage_ : kNoStage; }
 
     // Filled by SelectAndLoadIrq.
     IrqSearch search;
@@ -76,6 +85,8 @@ private:
     LockedNames& lockedNames_;
     std::atomic<std::uint32_t> currentSlot_{0};
     std::uint32_t priorityLevel_ = 0xFFFFFFFF;
+    std::uint32_t appliedStage_ = kNoStage;
+    os::Thread lastRaised_ = 0;
 };
 
 }  // namespace zor

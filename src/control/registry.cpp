@@ -88,6 +88,7 @@ std::uint64_t Registry::Register(os::Peer& peer, std::uint32_t pid, std::uint32_
         s.module = os::module_load(s.name);
         if (s.module == nullptr) {
             log_.wPrintf(kLogError, u"ZOR: Failed to load ISR: '%s'\n\r", s.name);
+            LogLoaderReason(log_);
             ok = false;
         }
     }

@@ -34,20 +34,29 @@ bool SameText(std::uint16_t* a, const char16_t* b, std::size_t cap) {
 bool StatsArea::Publish() {
     if (Area()) return true;
     wformat(name_, 40, u"Local\\ZOR.stats.%u", static_cast<unsigned>(os::current_process_id()));
+    char16_t shown[64];
+    os::mapping_display_name(name_, shown, 64);
     bool existed = false;
-    const os::Handle h = os::mapping_create_named(name_, sizeof(ZorStats), &existed);
+    os::Handle h = os::mapping_create_named(name_, sizeof(ZorStats), &existed);
+    if (h == 0 && existed && os::mapping_name_left_by_us(name_)) {
+        // A host of this user with this process id was killed: its area is stale.
+        log_.wPrintf(kLogError, u"ZOR: statistics area '%s' left by an ended host of this user; replacing it\n\r",
+                     shown);
+        os::mapping_remove_name(name_);
+        h = os::mapping_create_named(name_, sizeof(ZorStats), &existed);
+    }
     if (h == 0) {
         if (existed) {
-            log_.wPrintf(kLogError, u"ZOR: statistics area '%s' already exists, not ours to use! Running without it.\n\r", name_);
+            log_.wPrintf(kLogError, u"ZOR: statistics area '%s' already exists, not ours to use! Running without it.\n\r", shown);
         } else {
-            log_.wPrintf(kLogError, u"ZOR: statistics area '%s' not created (%08x)! Running without it.\n\r", name_,
+            log_.wPrintf(kLogError, u"ZOR: statistics area '%s' not created (%08x)! Running without it.\n\r", shown,
                            static_cast<unsigned>(os::last_error()));
         }
         return false;
     }
     void* view = os::mapping_map(h, sizeof(ZorStats));
     if (view == nullptr) {
-        log_.wPrintf(kLogError, u"ZOR: statistics area '%s' not mapped (%08x)! Running without it.\n\r", name_,
+        log_.wPrintf(kLogError, u"ZOR: statistics area '%s' not mapped (%08x)! Running without it.\n\r", shown,
                        static_cast<unsigned>(os::last_error()));
         os::handle_close(h);
         os::mapping_remove_name(name_);
@@ -69,7 +78,7 @@ bool StatsArea::Publish() {
     PutText(a->info.log_file, 260, path);
     std::atomic_ref<std::uint32_t>(a->magic).store(ZOR_STATS_MAGIC, std::memory_order_release);
     area_.store(a, std::memory_order_release);
-    log_.wPrintf(kLogTrace, u"ZOR: statistics in '%s' (%u bytes, read-only for others)\n\r", name_,
+    log_.wPrintf(kLogTrace, u"ZOR: statistics in '%s' (%u bytes, read-only for others)\n\r", shown,
                    static_cast<unsigned>(sizeof(ZorStats)));
     return true;
 }

@@ -50,8 +50,9 @@ public:
     StatsArea& operator=(const StatsArea&) = delete;
 
     // Creates the area "Local\ZOR.stats.<pid>" and fills its header. A name
-    // that already exists is refused and logged; the host then runs
-    // without the area (false).
+    // left by a killed host of this user (Linux) is replaced, with a log
+    // line; any other that already exists is refused and logged, and the
+    // host then runs without the area (false).
     bool Publish();
     void Release();
     ZorStats* Area() const { return area_.load(std::memory_order_acquire); }

@@ -22,6 +22,11 @@ void ReadConfigFiles(Host& host) {
     char16_t dllDir[kPath];
     wcopy(dllDir, kPath, c.szExe);
     os::ini_read_string(kSection, u"DLLDIR", dllDir, c.szExe, kPath, c.szIni);
+    const std::uint32_t n = wnlen(c.szExe, kPath);
+    if (n > 0 && c.szExe[n - 1] != u'\\' && c.szExe[n - 1] != u'/') {
+        host.log.wPrintf(kLogError, u"ZOR: Warning: DLLDIR '%s' does not end with a separator: the driver "
+                                    u"search looks for '%s*.irq'\n\r", c.szExe, c.szExe);
+    }
 
     // LASTIRQ: the per-user value wins, the per-installation one is its default.
     char16_t last[kPath];

@@ -132,6 +132,9 @@ std::uint32_t module_file_name(std::uint64_t alloc_base, char16_t* buf,
 // 0 when no module holds it. Cheaper than region_query + module_file_name
 // where the platform's loader can answer by itself.
 std::uint32_t module_name_of(const void* addr, char16_t* buf, std::uint32_t size);
+// Why the last module_load on this thread failed, in the loader's words
+// (dlerror; the Windows error and its text), as UTF-8. 0 when it succeeded.
+std::uint32_t module_load_error(char* buf, std::uint32_t size);
 
 // ---------------------------------------------------------------- fault guard
 // Runs body(ctx) so that a machine fault raised inside it (access
@@ -212,5 +215,13 @@ inline bool thread_close(Thread t) { return calls.handle_close(t); }
 // longer to be found (posix: shm_unlink; Windows: the name goes with the
 // last handle, nothing to do).
 void mapping_remove_name(const char16_t* name);
+// True when a mapping of that name exists and belongs to this process's
+// user. Names carry this process's id, so on Linux such an object was left
+// by an earlier process of the same id and user that was killed; on Windows
+// names go with their last handle: never.
+bool mapping_name_left_by_us(const char16_t* name);
+// Where users find the mapping: the name itself on Windows, the file under
+// /dev/shm on Linux.
+void mapping_display_name(const char16_t* name, char16_t* out, std::uint32_t size);
 
 }  // namespace zor::os

@@ -4,6 +4,7 @@
 
 #include "common/test_host.h"
 #include "support/stopwatch.h"
+#include "support/wformat.h"
 
 namespace zor::test {
 namespace {
@@ -101,6 +102,23 @@ TEST_F(EndOfInterruptTest, GapsAfterTheFirst1001EventsAndTheLockedReportAtEvent6
     EXPECT_EQ(log.Count(locked), 0u);
     Events(3, 2);  // events 6000 to 6002
     EXPECT_EQ(log.Count(locked), 1u);
+}
+
+// A host killed under this process id leaves its area where names outlive
+// their handles (Linux); the next host of the user replaces it and says so.
+TEST_F(EndOfInterruptTest, AStatisticsAreaLeftUnderThisProcessIdIsReplaced) {
+    const std::uint32_t pid = os::current_process_id();
+    char16_t name[40];
+    wformat(name, 40, u"Local\\ZOR.stats.%u", static_cast<unsigned>(pid));
+    bool existed = false;
+    const os::Handle left = os::mapping_create_named(name, 4096, &existed);
+    ASSERT_NE(left, 0u);
+    os::handle_close(left);
+    const bool stale = os::mapping_name_left_by_us(name);
+    ASSERT_TRUE(h.stats.Publish());
+    EXPECT_EQ(log.ContainsSubstr("left by an ended host of this user; replacing it"), stale);
+    EXPECT_EQ(h.stats.Area()->host_pid, pid);
+    h.stats.Release();
 }
 
 }  // namespace

@@ -118,7 +118,9 @@ TEST_F(HandleLeak, AFailedRegistrationTakesBackTheClientsHandle) {
     // Shared memory is made and handed to the client before the load fails.
     const auto payload = RegisterPayload(pid_, 4096, u"no_such_module.dll");
     EXPECT_EQ(host_->registry.RegisterISRProc(zor::os::process_peer(), payload.data(), static_cast<std::uint32_t>(payload.size())), 0u);
+    // The loader's reason follows on a line of its own.
     EXPECT_TRUE(log_.ContainsSubstr("ZOR: Failed to load ISR: 'no_such_module.dll'"));
+    EXPECT_TRUE(log_.ContainsSubstr("ZOR:   reason: "));
     EXPECT_EQ(Live::n.load(), 0);
 }
 

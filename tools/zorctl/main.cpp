@@ -11,52 +11,16 @@
 #include <vector>
 
 #include "client/payloads.h"
+#include "module_check.h"
 #include "platform.h"
 #include "stats_commands.h"
+#include "usage.h"
 #include "zor/zor_client.h"
 #include "zor/zor_version.h"
 
 namespace {
 
 constexpr int kOk = 0, kFail = 1, kUsage = 2, kNoHost = 3;
-
-const char kHelp[] =
-    "usage: zorctl [--pid P] [--timeout MS] COMMAND [ARGS]\n"
-    "       zorctl --version\n"
-    "\n"
-    "Commands:\n"
-    "  status                      is a host running; its IRQ driver's query value\n"
-    "  hosts                       process ids of all running hosts, one a line\n"
-    "  register NAME [--shm BYTES] load and register ISR module NAME (file name,\n"
-    "                              at most 19 characters), with private shared memory\n"
-    "  unregister N                unregister module number N\n"
-    "  find NAME                   print the number of the registered module NAME\n"
-    "  info N                      print the shared-memory size module N registered with\n"
-    "  irq-query                   print the IRQ driver's query value (1000: no driver)\n"
-    "  irq-control VALUE           send VALUE to the IRQ driver, print its answer\n"
-    "  call N HEXBYTES [--pipe] [--tag T]\n"
-    "                              hand the bytes to module N's ExecRemoteFunc (by\n"
-    "                              command 5, or over a pipe with --pipe)\n"
-    "  exec N FUNC [HEXBYTES] [--wait [MS]]\n"
-    "                              run function FUNC of module N on the dispatch thread;\n"
-    "                              --wait prints its result (default wait 2000 ms)\n"
-    "  stats [--json]              the host's figures: events, rate, load, gaps, and\n"
-    "                              per module calls, call-time percentiles, faults\n"
-    "  watch [--seconds N]         the stats table once a second, with per-second rates,\n"
-    "                              until Ctrl-C or N seconds\n"
-    "  plot --svg FILE [--seconds N]\n"
-    "                              histograms of N seconds (default 10) as an SVG page\n"
-    "  quit                        end the host\n"
-    "\n"
-    "Options: --pid P talks to the host of process P; --timeout MS bounds each\n"
-    "command (default 5000). Numbers may be decimal or 0x-hex.\n"
-    "stats, watch and plot only read the host's statistics area; they exit 2 when its\n"
-    "layout is not the one this zorctl knows.\n"
-    "exec maps the system shared area: the host then counts this process\n"
-    "as a client and ends by itself a few seconds after its last such client exits,\n"
-    "unless another one is still running.\n"
-    "\n"
-    "Exit codes: 0 ok, 1 failure, 2 usage, 3 no host running.\n";
 
 int Usage(const char* why) {
     std::fprintf(stderr, "zorctl: %s\n(zorctl --help for usage)\n", why);
@@ -160,9 +124,13 @@ int Run(ZorConnection* c, const std::string& cmd, const Args& a) {
     }
     if (cmd == "unregister") {
         if (p.size() != 1 || !ParseU32(p[0], &n)) return Usage("unregister N");
+        const zorctl::ModuleKnown known = zorctl::IsModuleRegistered(c, n);
+        if (known == zorctl::ModuleKnown::No) return Fail("unregister", ZOR_E_NOT_REGISTERED);
         st = zor_unregister_module(c, n);
         if (st != ZOR_OK) return Fail("unregister", st);
-        std::printf("unregister sent for module %lu\n", static_cast<unsigned long>(n));
+        std::printf(known == zorctl::ModuleKnown::Yes ? "module %lu unregistered\n"
+                                                      : "unregister sent for module %lu\n",
+                    static_cast<unsigned long>(n));
         return kOk;
     }
     if (cmd == "find") {
@@ -176,6 +144,9 @@ int Run(ZorConnection* c, const std::string& cmd, const Args& a) {
         if (p.size() != 1 || !ParseU32(p[0], &n)) return Usage("info N");
         st = zor_module_info(c, n, &v);
         if (st != ZOR_OK) return Fail("info", st);
+        // 0 is also the host's answer for a number it does not know.
+        if (v == 0 && zorctl::IsModuleRegistered(c, n) == zorctl::ModuleKnown::No)
+            return Fail("info", ZOR_E_NOT_REGISTERED);
         std::printf("module %lu: %lu bytes of shared memory\n", static_cast<unsigned long>(n),
                     static_cast<unsigned long>(v));
         return kOk;
@@ -259,7 +230,7 @@ int Main(int argc, char** argv) {
     int i = 1;
     for (; i < argc && argv[i][0] == '-'; ++i) {
         if (!std::strcmp(argv[i], "--help") || !std::strcmp(argv[i], "-h")) {
-            std::fputs(kHelp, stdout);
+            zorctl::PrintOverview();
             return kOk;
         }
         if (!std::strcmp(argv[i], "--version")) {
@@ -277,8 +248,30 @@ int Main(int argc, char** argv) {
     }
     if (i >= argc) return Usage("no command");
     const std::string cmd = argv[i];
+    const zorctl::CommandUsage* usage = zorctl::FindCommandUsage(cmd.c_str());
+    if (usage == nullptr) return Usage(("unknown command '" + cmd + "'").c_str());
+    for (int k = i + 1; k < argc; ++k) {
+        if (!std::strcmp(argv[k], "--help") || !std::strcmp(argv[k], "-h")) {
+            zorctl::PrintCommandHelp(*usage);
+            return kOk;
+        }
+    }
     Args a;
     if (const char* err = ParseOptions(argc, argv, i + 1, &a)) return Usage(err);
+    if (a.pos.size() < usage->minWords || a.pos.size() > usage->maxWords) {
+        const std::string want = "usage: zorctl " + cmd + (usage->args[0] ? " " : "") + usage->args;
+        return Usage(want.c_str());
+    }
+    if (cmd == "help") {
+        if (a.pos.empty()) {
+            zorctl::PrintOverview();
+            return kOk;
+        }
+        const zorctl::CommandUsage* one = zorctl::FindCommandUsage(a.pos[0]);
+        if (one == nullptr) return Usage("help: unknown command");
+        zorctl::PrintCommandHelp(*one);
+        return kOk;
+    }
     if (cmd == "hosts") {
         std::uint32_t pids[64], n = 0;
         zor_list_hosts(pids, 64, &n);
@@ -286,15 +279,11 @@ int Main(int argc, char** argv) {
         return n ? kOk : kNoHost;
     }
     if (cmd == "stats" || cmd == "watch" || cmd == "plot") return RunStatsCommand(cmd, pid, timeout, a);
-    static const char* const known[] = {"status", "register", "unregister", "find", "info",
-                                        "irq-query", "irq-control", "call", "exec", "quit"};
-    bool ok = false;
-    for (const char* k : known) ok = ok || cmd == k;
-    if (!ok) return Usage("unknown command");
 
     ZorConnection* c = nullptr;
     int st = pid ? zor_connect_pid(&c, pid, timeout) : zor_connect(&c, timeout);
     if (st != ZOR_OK) {
+        if (st == ZOR_E_NO_HOST && zorctl::ReportAccessProblem()) return kFail;
         if (cmd == "status" && st == ZOR_E_NO_HOST) std::printf("no host running\n");
         return Fail("connect", st);
     }

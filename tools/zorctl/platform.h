@@ -15,6 +15,9 @@ bool ProcessAlive(std::uint32_t pid);
 // Ctrl-C (and on POSIX SIGTERM) sets a flag instead of ending zorctl.
 void CatchInterrupt();
 bool Interrupted();
+// Why no host could be reached although one may run: a folder or socket
+// this user may not open ("<path>: permission denied"); empty when none.
+std::string AccessProblem();
 // True when stdout is a terminal that redraws in place with ANSI sequences.
 bool AnsiTerminal();
 

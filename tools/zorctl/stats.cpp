@@ -138,12 +138,21 @@ std::uint32_t ResolvePid(const StatsOptions& o) {
     ZorConnection* c = nullptr;
     const int st = zor_connect(&c, o.timeout);
     if (st != ZOR_OK) {
-        std::fprintf(stderr, "zorctl: connect: %s\n", zor_strerror(st));
+        if (st != ZOR_E_NO_HOST || !ReportAccessProblem())
+            std::fprintf(stderr, "zorctl: connect: %s\n", zor_strerror(st));
         return 0;
     }
     const std::uint32_t pid = zor_host_pid(c);
     zor_disconnect(c);
     return pid;
+}
+
+bool ReportAccessProblem() {
+    const std::string why = AccessProblem();
+    if (why.empty()) return false;
+    std::fprintf(stderr, "zorctl: connect: %s: a host may run for a user or group this one is not "
+                         "(docs/configuration.md, \"Access\")\n", why.c_str());
+    return true;
 }
 
 int Stats(const StatsOptions& o) {

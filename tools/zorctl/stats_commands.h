@@ -19,6 +19,9 @@ int Stats(const StatsOptions& o);
 int Watch(const StatsOptions& o);
 int Plot(const StatsOptions& o);
 
+// After ZOR_E_NO_HOST: prints why when a folder or socket was closed to
+// this user (then it is a failure, not "no host"); false when none was.
+bool ReportAccessProblem();
 // The host's pid: o.pid, or the running host's. 0 with the reason printed.
 std::uint32_t ResolvePid(const StatsOptions& o);
 

@@ -1,6 +1,8 @@
 // Snapshots and percentiles of the statistics area.
 #include "stats_view.h"
 
+#include "platform.h"
+
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -58,6 +60,12 @@ int StatsReader::Open(std::uint32_t pid) {
                      static_cast<unsigned long>(pid),
                      st == ZOR_E_NO_HOST ? "the host runs without one (see its log) or has ended"
                                          : zor_strerror(st));
+        return 3;
+    }
+    // A host that was killed leaves its area behind with frozen figures.
+    if (!ProcessAlive(pid)) {
+        std::fprintf(stderr, "zorctl: host %lu is not running (its statistics area is left from a run that "
+                             "did not end cleanly)\n", static_cast<unsigned long>(pid));
         return 3;
     }
     return 0;

@@ -3,9 +3,11 @@
 // mode 0644, so other processes can open it for reading only, while this
 // process keeps the descriptor it created it with.
 #include <cerrno>
+#include <cstdio>
 #include <ctime>
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "os/posix/posix_internal.h"
@@ -51,6 +53,29 @@ Handle mapping_create_named(const char16_t* name, std::uint32_t size, bool* exis
 void mapping_remove_name(const char16_t* name) {
     char shm[256];
     if (ShmName(name, shm, sizeof shm)) shm_unlink(shm);
+}
+
+bool mapping_name_left_by_us(const char16_t* name) {
+    char shm[256];
+    if (!ShmName(name, shm, sizeof shm)) return false;
+    const int fd = shm_open(shm, O_RDONLY | O_CLOEXEC | O_NOFOLLOW, 0);
+    if (fd < 0) return false;
+    struct stat st;
+    const bool ours = fstat(fd, &st) == 0 && st.st_uid == geteuid();
+    close(fd);
+    return ours;
+}
+
+void mapping_display_name(const char16_t* name, char16_t* out, std::uint32_t size) {
+    char shm[256], path[300];
+    if (size == 0) return;
+    out[0] = 0;
+    if (!ShmName(name, shm, sizeof shm)) return;
+    std::snprintf(path, sizeof path, "/dev/shm%s", shm);
+    // The host's names are ASCII.
+    std::uint32_t i = 0;
+    for (; path[i] && i + 1 < size; ++i) out[i] = static_cast<unsigned char>(path[i]);
+    out[i] = 0;
 }
 
 }  // namespace zor::os

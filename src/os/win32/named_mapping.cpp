@@ -39,5 +39,14 @@ Handle mapping_create_named(const char16_t* name, std::uint32_t size, bool* exis
 
 void mapping_remove_name(const char16_t*) {}
 
+bool mapping_name_left_by_us(const char16_t*) { return false; }
+
+void mapping_display_name(const char16_t* name, char16_t* out, std::uint32_t size) {
+    if (size == 0) return;
+    std::uint32_t i = 0;
+    for (; name[i] && i + 1 < size; ++i) out[i] = name[i];
+    out[i] = 0;
+}
+
 
 }  // namespace zor::os

@@ -80,7 +80,14 @@ bool CommandSocket::Listen(const char* group) {
     if (ok && std::filesystem::create_directories(dir, made)) chmod(dir, access_.hasGroup ? 0750 : 0700);
     ok = ok && !made;
     if (ok) {
-        if (access_.hasGroup) chown(dir, static_cast<uid_t>(-1), access_.group);
+        if (access_.hasGroup) {
+            chown(dir, static_cast<uid_t>(-1), access_.group);
+            // A folder an earlier run made without the group would keep
+            // the group out of a socket the log calls 0660.
+            struct stat st;
+            if (stat(dir, &st) == 0 && st.st_uid == getuid() && (st.st_mode & 0050) != 0050)
+                chmod(dir, (st.st_mode & 07777) | 0050);
+        }
         unlink(path_);  // a dead host's socket under a reused pid
         listen_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
         ok = listen_ >= 0 && bind(listen_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&

@@ -55,5 +55,15 @@ TEST(Socket, APeerOfAnotherUserIsRefused) {
     EXPECT_TRUE(zor.WaitLog("ZOR: command socket: peer pid " + std::to_string(child) + " uid 65534 refused\n\r"));
 }
 
+// A GROUP= naming no group would leave the host without its socket.
+TEST(Socket, AnUnknownGroupStopsTheStart) {
+    ZorInstance::Options o;
+    o.ini += "GROUP=zor-no-such-group\r\n";
+    o.connect = false;
+    ZorInstance zor(o);
+    ASSERT_TRUE(zor.Exited(5000));
+    EXPECT_EQ(zor.ExitCode(), 1u);
+}
+
 }  // namespace
 }  // namespace zor::e2e

@@ -1,7 +1,10 @@
-#include <cerrno>
-#include <csignal>
+#include <dirent.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
+
+#include "os/posix/wire.h"
 #include "platform.h"
 
 namespace zorctl {
@@ -26,6 +29,31 @@ void CatchInterrupt() {
 }
 
 bool Interrupted() { return g_stop != 0; }
+
+std::string AccessProblem() {
+    namespace wire = zor::os::posix::wire;
+    char dir[256];
+    for (int i = 0; wire::search_dir(i, dir, sizeof dir); ++i) {
+        DIR* d = opendir(dir);
+        if (d == nullptr) {
+            if (errno == EACCES) return std::string(dir) + ": permission denied";
+            continue;
+        }
+        std::string found;
+        while (dirent* e = readdir(d)) {
+            const std::uint32_t pid = wire::socket_pid(e->d_name);
+            const std::string path = std::string(dir) + "/" + e->d_name;
+            // Connecting needs write access to the socket file.
+            if (pid != 0 && ProcessAlive(pid) && access(path.c_str(), W_OK) != 0 && errno == EACCES) {
+                found = path + ": permission denied";
+                break;
+            }
+        }
+        closedir(d);
+        if (!found.empty()) return found;
+    }
+    return {};
+}
 
 bool AnsiTerminal() { return isatty(STDOUT_FILENO) == 1; }
 

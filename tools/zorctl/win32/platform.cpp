@@ -42,6 +42,9 @@ bool ProcessAlive(std::uint32_t pid) {
 void CatchInterrupt() { SetConsoleCtrlHandler(OnCtrl, TRUE); }
 bool Interrupted() { return g_stop != 0; }
 
+// Windows: a window that refuses commands is the access check there.
+std::string AccessProblem() { return {}; }
+
 bool AnsiTerminal() {
     const HANDLE out = GetStdHandle(STD_OUTPUT_HANDLE);
     DWORD mode = 0;
