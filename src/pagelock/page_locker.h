@@ -57,8 +57,11 @@ public:
     // The 32-bit module walk; false (length 0) on failure.
     static bool GetModuleRange(const void* address, std::uint32_t* base, std::uint32_t* length);
 
+    // Safe for any number of callers at once, none of them ever waits for
+    // a lock: an ISR may lock and unlock while a client's request does.
     std::uint32_t Count() const { return list_.GetNrOfEntries(); }
-    std::uint64_t Base(std::uint32_t i) { return *static_cast<std::uint64_t*>(list_.GetEntry(i)); }
+    // The i-th oldest entry's base, 0 beyond the count.
+    std::uint64_t Base(std::uint32_t i) const;
 
 private:
     // Walk + file name + the lock/unlock line; false (logged) when the walk fails.
