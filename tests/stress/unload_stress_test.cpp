@@ -75,13 +75,21 @@ private:
     void Churn() {
         while (!stop_) {
             SetUnloaded(0);
-            const std::uint32_t slot = test::RegisterIsr(h_, "churn_isr");
+            // Under the lock the driver's registration takes: a client's
+            // lookup runs on the thread that registers, not beside it.
+            const std::uint32_t slot = [&] {
+                CLock lock(h_.csecFuncs);
+                return test::RegisterIsr(h_, "churn_isr");
+            }();
             ASSERT_NE(slot, 0u);
             const void* code = reinterpret_cast<const void*>(h_.slots[slot].entry.load());
             module_.store(slot);
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
             h_.registry.UnregisterCommand(slot);
             SetUnloaded(1);
+            // Calls meet the module gone for a while, and one that the
+            // unloading did not wait for ends in this time.
+            std::this_thread::sleep_for(std::chrono::milliseconds(3));
             // Another library (the driver's) may be mapped there by now.
             char16_t name[260] = {};
             if (kRealUnload && (os::module_name_of(code, name, 260) == 0 ||
@@ -156,17 +164,19 @@ private:
 
     void Driver() {
         while (!stop_) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(3));
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
             h_.irq.UnregisterIRQ();
             EXPECT_EQ(h_.irq.RegisterIRQ(DriverPath().c_str(), false), 1u);
             driverRounds.fetch_add(1);
         }
     }
 
+    // Events with gaps: a registration that meets an event in progress
+    // waits 2 s for it.
     void Dispatch() {
         for (std::uint32_t seq = 1; !stop_; ++seq) {
             h_.dispatcher.OnInterrupt(seq);
-            if (seq % 16 == 0) std::this_thread::yield();
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
     }
 

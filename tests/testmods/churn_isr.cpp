@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "os/os.h"
 #include "zor/zor_module.h"
 
 namespace {
@@ -28,9 +29,12 @@ void LockOwn() {
     if (s(SERV_MemLock, h, base, sizeof g_range, 0, 0, 0) == 1) s(SERV_MemUnlock, h, base, 0, 0, 0, 0);
 }
 
-std::uint32_t Custom(std::uint32_t code, uintptr_t, uintptr_t, uintptr_t, uintptr_t, uintptr_t, uintptr_t) {
+// Every other call (by its first argument) stays a while, so that an
+// unloading that does not wait for it meets it inside.
+std::uint32_t Custom(std::uint32_t code, uintptr_t a1, uintptr_t, uintptr_t, uintptr_t, uintptr_t, uintptr_t) {
     Check();
-    LockOwn();  // also a stay inside, which an unloading that does not wait meets
+    LockOwn();
+    if (a1 % 2 == 0) zor::os::sleep_ms(2);
     Check();
     return 0xC5000000u | (code & 0xFFFF);
 }
