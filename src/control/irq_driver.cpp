@@ -225,9 +225,12 @@ void IrqDriver::ResetIrqPriority() {
     priorityLevel_ = 0;
 }
 
+// A driver being withdrawn under the call answers as no driver does.
 std::uint32_t IrqDriver::Query() {
-    std::uint32_t slot = LoadedSlot();
-    return slot ? caller_.CallModule(slot, ZOR_GS_IRQ_QUERY, 0) : 1000;
+    const std::uint32_t slot = LoadedSlot();
+    bool gone = false;
+    const std::uint32_t r = slot ? caller_.CallModule(slot, ZOR_GS_IRQ_QUERY, 0, 0, 0, &gone) : 1000;
+    return gone ? 1000 : r;
 }
 
 std::uint32_t IrqDriver::Control(std::uint32_t value) {

@@ -207,7 +207,7 @@ TEST(UnloadStress, NoCallMeetsAnUnloadedModuleOrItsLocker) {
                 (unsigned long long)s.locked, (unsigned long long)s.piped, (unsigned long long)s.commanded,
                 (unsigned long long)s.driverRounds, (unsigned long long)s.driverServed);
     EXPECT_EQ(s.Strays(), 0u) << "module code ran after the host had unloaded it";
-    EXPECT_GT(s.rounds.load(), 10u);
+    EXPECT_GE(s.rounds.load(), 3u);
     if (kRealUnload) EXPECT_EQ(s.unmapped.load(), s.rounds.load()) << "the library stayed mapped";
     // Every path reached the module while it was there.
     for (const std::uint64_t n : {s.served.load(), s.locked.load(), s.piped.load(), s.commanded.load(),
