@@ -58,6 +58,9 @@ private:
     std::atomic<std::uint64_t> longNamed_[kSlots] = {};
 };
 
+// Safe for any number of callers at once, and none of them ever waits for
+// a lock: an ISR may lock and unlock while a client's request does. Only
+// Base() and the destructor, which no ISR reaches, sort or allocate.
 class PageLocker {
 public:
     static constexpr std::uint32_t kCapacity = 500;
@@ -74,8 +77,6 @@ public:
     // The 32-bit module walk; false (length 0) on failure.
     static bool GetModuleRange(const void* address, std::uint32_t* base, std::uint32_t* length);
 
-    // Safe for any number of callers at once, none of them ever waits for
-    // a lock: an ISR may lock and unlock while a client's request does.
     std::uint32_t Count() const { return list_.GetNrOfEntries(); }
     // The i-th oldest entry's base, 0 beyond the count.
     std::uint64_t Base(std::uint32_t i) const;
