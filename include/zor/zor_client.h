@@ -186,7 +186,8 @@ ZOR_CLIENT_API int zor_stats_map(uint32_t host_pid, const ZorStats** stats,
                                  ZorView* view);
 /* Copies the area into *out, each guarded record (event figures, every
  * slot, the texts) taken whole under its sequence word. ZOR_E_TIMEOUT when
- * a record kept changing (the host writes each within microseconds). */
+ * a record kept changing for a second (the host writes each within
+ * microseconds; the copy yields between tries). */
 ZOR_CLIENT_API int zor_stats_copy(const ZorStats* stats, ZorStats* out);
 
 /* ----------------------------------------------------------- ExecISRFunc */

@@ -6,6 +6,7 @@
 
 #include "dispatch/caller.h"
 #include "modules/slot_table.h"
+#include "modules/slot_use.h"
 #include "support/log.h"
 
 namespace zor {
@@ -17,54 +18,69 @@ std::uint32_t CustomServices::InstallService(std::uint32_t owner, std::uint32_t 
                        code, owner);
         return 0xFFFFFFFF;
     }
+    // Held while the entry is filled: an unloading either waits for it and
+    // then removes the entry, or refuses it here.
+    const SlotUse use(slots_[owner]);
+    const auto address = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(fn));
+    if (!use) {
+        log_.wPrintf(kLogFault, u"ZOR: Installing custom service %x failed: invalid owner #%u!\n\r",
+                       code, owner);
+        return 0xFFFFFFFF;
+    }
     CustomService* entry = nullptr;
     for (CustomService& c : custom_) {
-        std::uintptr_t expected = 0;
-        if (c.fn.load(std::memory_order_relaxed) == 0 &&
-            c.fn.compare_exchange_strong(expected, kClaimed, std::memory_order_acquire)) {
+        std::uint64_t expected = 0;
+        if (c.word.load(std::memory_order_relaxed) == 0 &&
+            c.word.compare_exchange_strong(expected, kClaimed, std::memory_order_acquire)) {
             entry = &c;
             break;
         }
     }
-    if (entry == nullptr) {
+    // A user-mode code address leaves the owner's byte free.
+    if (entry == nullptr || (address >> kOwnerShift) != 0) {
+        if (entry != nullptr) entry->word.store(0, std::memory_order_release);
         log_.wPrintf(kLogFault, u"ZOR: Installing custom service failed!!\n\r");
         return 0xFFFFFFFF;
     }
     for (const CustomService& c : custom_) {
-        if (c.fn.load(std::memory_order_acquire) > kClaimed &&
-            c.code.load(std::memory_order_relaxed) == code) {
-            const std::uint32_t other = c.owner.load(std::memory_order_relaxed);
+        const std::uint64_t w = c.word.load(std::memory_order_acquire);
+        if (w > kClaimed && c.code.load(std::memory_order_relaxed) == code) {
             log_.wPrintf(kLogFault, u"ZOR: Duplicate custom service %x registration! (%s & %s)\n",
-                           code, slots_[owner].name, slots_[other].name);
+                           code, slots_[owner].name, slots_[OwnerOf(w)].name);
             break;
         }
     }
-    entry->owner.store(owner, std::memory_order_relaxed);
     entry->code.store(code, std::memory_order_relaxed);
-    // Publishes owner and code; a null function leaves the entry free.
-    entry->fn.store(reinterpret_cast<std::uintptr_t>(fn), std::memory_order_release);
+    // Publishes the code; a null function leaves the entry free.
+    entry->word.store(address ? address | (std::uint64_t{owner} << kOwnerShift) : 0,
+                      std::memory_order_release);
     return 0;
 }
 
+// An entry filled again meanwhile (by another owner) is left alone.
 void CustomServices::RemoveCustomServices(std::uint32_t owner) {
     for (CustomService& c : custom_) {
-        if (c.fn.load(std::memory_order_acquire) > kClaimed &&
-            c.owner.load(std::memory_order_relaxed) == owner) {
-            c.owner.store(0, std::memory_order_relaxed);
-            c.code.store(0, std::memory_order_relaxed);
-            c.fn.store(0, std::memory_order_release);
-        }
+        std::uint64_t w = c.word.load(std::memory_order_acquire);
+        if (w > kClaimed && OwnerOf(w) == owner)
+            c.word.compare_exchange_strong(w, 0, std::memory_order_acq_rel);
     }
 }
 
 std::int64_t CustomServices::Call(std::uint32_t code, std::uintptr_t a1, std::uintptr_t a2,
                                        std::uintptr_t a3, std::uintptr_t a4, std::uintptr_t a5,
                                        std::uintptr_t a6, const void* caller) {
-    // With duplicates the lower table position wins.
+    // With duplicates the lower table position wins. The call holds its
+    // owner's slot, so that the owner's library stays loaded under it; a
+    // service of a module being unloaded is already gone.
     for (const CustomService& c : custom_) {
-        const std::uintptr_t fn = c.fn.load(std::memory_order_acquire);
-        if (fn > kClaimed && c.code.load(std::memory_order_relaxed) == code)
-            return reinterpret_cast<ZorCustomService>(fn)(code, a1, a2, a3, a4, a5, a6);
+        const std::uint64_t w = c.word.load(std::memory_order_acquire);
+        if (w <= kClaimed || c.code.load(std::memory_order_relaxed) != code) continue;
+        const SlotUse use(slots_[OwnerOf(w)]);
+        // Read again under the use: the entry may have been removed, and its
+        // owner's slot taken by another module, before the use began. A
+        // module's entries are removed after its unloading has waited.
+        if (!use || c.word.load(std::memory_order_acquire) != w) continue;
+        return FunctionOf(w)(code, a1, a2, a3, a4, a5, a6);
     }
     CountUnknown(code, caller);
     return 0;

@@ -37,11 +37,12 @@ public:
     void ReportUnknownServiceCalls();
 
 private:
-    // An entry is free while fn is 0; kClaimed while its claimant fills it.
+    // An entry is free while its word is 0; kClaimed while its claimant
+    // fills it. The word holds the function and, in its top byte, the owner,
+    // so that a reader never pairs one module's function with another's slot.
     struct CustomService {
-        std::atomic<std::uint32_t> owner{0};
         std::atomic<std::uint32_t> code{0};
-        std::atomic<std::uintptr_t> fn{0};
+        std::atomic<std::uint64_t> word{0};
     };
     // state: 0 free, 1 being filled, 2 recorded (code, caller, name fixed).
     struct UnknownCall {
@@ -51,7 +52,13 @@ private:
         std::atomic<std::uint32_t> count{0};
         char16_t name[kNameUnits] = {};
     };
-    static constexpr std::uintptr_t kClaimed = 1;
+    static constexpr std::uint64_t kClaimed = 1;
+    static constexpr unsigned kOwnerShift = 56;
+    static std::uint32_t OwnerOf(std::uint64_t word) { return static_cast<std::uint32_t>(word >> kOwnerShift); }
+    static ZorCustomService FunctionOf(std::uint64_t word) {
+        return reinterpret_cast<ZorCustomService>(
+            static_cast<std::uintptr_t>(word & ((std::uint64_t{1} << kOwnerShift) - 1)));
+    }
 
     void CountUnknown(std::uint32_t code, const void* caller);
 

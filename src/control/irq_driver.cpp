@@ -119,16 +119,31 @@ std::uint32_t IrqDriver::RegisterIRQ(const char16_t* path, bool strict) {
 
 // The slot was never marked in use, so leaving it is enough to free it.
 // Shutdown goes out even without an entry: the guarded call absorbs that.
+// The driver may have installed services and started threads: its slot is
+// closed like a withdrawn one's before anything goes.
 void IrqDriver::FailRegistration(std::uint32_t slot) {
+    custom_.RemoveCustomServices(slot);
+    caller_.CallModule(slot, ZOR_FN_SHUTDOWN, 0);
+    Release(slot, Caller::kUnloadWaitMs);
+}
+
+// After Shutdown: nothing new gets in, the calls and service uses in flight
+// are waited for, then the services installed meanwhile, the locker and the
+// library go. Past the wait the library stays; the locker goes all the same
+// (a memory service in flight is host code that takes no seconds).
+void IrqDriver::Release(std::uint32_t slot, std::uint32_t waitMs) {
     ModuleSlot& s = slots_[slot];
+    const bool drained = caller_.CloseSlot(slot, waitMs);
+    custom_.RemoveCustomServices(slot);
     delete s.locker;
     s.locker = nullptr;
-    caller_.CallModule(slot, ZOR_FN_SHUTDOWN, 0);
-    s.entry.store(nullptr, std::memory_order_release);
-    if (s.module) {
-        os::module_free(s.module);
-        s.module = nullptr;
+    if (drained) {
+        if (s.module) os::module_free(s.module);
+    } else {
+        log_.wPrintf(kLogFault, u"ZOR: IRQ driver '%s' did not return within %ld ms: module stays loaded\n\r",
+                       s.name, static_cast<long>(waitMs));
     }
+    s.module = nullptr;
 }
 
 void IrqDriver::UnregisterIRQ(std::uint32_t waitMs) {
@@ -150,17 +165,8 @@ void IrqDriver::UnregisterIRQ(std::uint32_t waitMs) {
             sysLocker_.UnlockModule(reinterpret_cast<const void*>(entry));
             s.irqThread = 0;
         }
-        delete s.locker;
-        s.locker = nullptr;
-        // A client's command 5 may be inside the driver on another thread:
-        // no new call gets in, and the library goes only once those are out.
-        if (caller_.CloseSlot(i, waitMs)) {
-            if (s.module) os::module_free(s.module);
-        } else {
-            log_.wPrintf(kLogFault, u"ZOR: IRQ driver '%s' did not return within %ld ms: module stays loaded\n\r",
-                           s.name, static_cast<long>(waitMs));
-        }
-        s.module = nullptr;
+        // A client's command 5 may be inside the driver on another thread.
+        Release(i, waitMs);
         slots_.Free(i);
     }
 }
@@ -225,9 +231,12 @@ void IrqDriver::ResetIrqPriority() {
     priorityLevel_ = 0;
 }
 
+// A driver being withdrawn under the call answers as no driver does.
 std::uint32_t IrqDriver::Query() {
-    std::uint32_t slot = LoadedSlot();
-    return slot ? caller_.CallModule(slot, ZOR_GS_IRQ_QUERY, 0) : 1000;
+    const std::uint32_t slot = LoadedSlot();
+    bool gone = false;
+    const std::uint32_t r = slot ? caller_.CallModule(slot, ZOR_GS_IRQ_QUERY, 0, 0, 0, &gone) : 1000;
+    return gone ? 1000 : r;
 }
 
 std::uint32_t IrqDriver::Control(std::uint32_t value) {

@@ -74,6 +74,8 @@ private:
     // Runs the priority stages from `stage` (0..2) upward with read-back.
     void RunPriorityRamp(std::uint32_t stage);
     void FailRegistration(std::uint32_t slot);
+    // Closes the slot, waits up to `waitMs`, frees the locker and the library.
+    void Release(std::uint32_t slot, std::uint32_t waitMs);
 
     Logger& log_;
     CCritSec& funcs_;

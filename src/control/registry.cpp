@@ -168,14 +168,20 @@ bool Registry::CreateSharedMemory(os::Peer& peer, std::uint32_t slot, std::uint3
     return true;
 }
 
+// Unloading order: nothing new gets in (the closing bit), the calls and
+// service uses in flight are waited for, then the services the module
+// installed meanwhile, its library, view and locker go. Past the wait the
+// library and view stay (something may still run in them); the locker goes
+// all the same: a memory service in flight is host code that takes no
+// seconds, so what still runs after the wait is module code.
 void Registry::ReleaseModuleSlot(std::uint32_t slot, std::uint32_t waitMs) {
     if (slot == 0 || slot >= SlotTable::kSlots) return;
     CLock lock(funcs_);
     ModuleSlot& s = slots_[slot];
-    // No call may still run in the library, nor use the view, when they go.
     bool drained = true;
     if (s.module != nullptr) {
         drained = caller_.CloseSlot(slot, waitMs);
+        custom_.RemoveCustomServices(slot);
         if (drained) {
             os::module_free(s.module);
         } else {

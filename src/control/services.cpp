@@ -6,6 +6,7 @@
 #include "dispatch/dispatcher.h"
 #include "modules/shared_mem.h"
 #include "modules/slot_table.h"
+#include "modules/slot_use.h"
 #include "pagelock/page_locker.h"
 #include "support/log.h"
 #include "support/wstr.h"
@@ -83,16 +84,17 @@ std::int64_t Services::Call(std::uint32_t code, std::uintptr_t a1, std::uintptr_
 }
 
 // Services 1..4 go to the slot's own page locker, so that what a module
-// locks is released with its slot.
+// locks is released with its slot. The use holds the locker against the
+// slot's unloading; a slot being unloaded is no valid handle any more.
 std::int64_t Services::MemoryService(std::uint32_t code, std::uintptr_t a1, std::uintptr_t a2,
                                      std::uintptr_t a3) {
     const MemoryMessages& m = kMemoryMessages[code - SERV_MemLock];
-    const std::uint32_t slot = slots_.Check(Low32(a1));
-    if (slot == 0) {
+    const SlotUse use(slots_, Low32(a1));
+    if (!use) {
         log_.wPrintf(kLogError, m.invalid, Printed(a1));
         return 0;
     }
-    PageLocker* locker = slots_[slot].locker;
+    PageLocker* locker = use->locker;
     if (locker == nullptr) {
         log_.wPrintf(kLogError, m.noLocker, Printed(a1));
         return 0;
@@ -107,24 +109,25 @@ std::int64_t Services::MemoryService(std::uint32_t code, std::uintptr_t a1, std:
 }
 
 std::int64_t Services::SetISRPrio(std::uintptr_t a1, std::uintptr_t a2) {
-    const std::uint32_t slot = slots_.Check(Low32(a1));
-    if (slot == 0) {
+    const SlotUse use(slots_, Low32(a1));
+    if (!use) {
         log_.wPrintf(kLogError, kSetPrioInvalid, Printed(a1));
         return 1;
     }
-    slots_[slot].priority.store(Low32(a2), std::memory_order_relaxed);
+    use->priority.store(Low32(a2), std::memory_order_relaxed);
     dispatcher_.InvalidateDispatchOrder();
     return 0;
 }
 
-// Shares the SERV_SetISRPrio message on purpose.
+// Shares the SERV_SetISRPrio message on purpose. The name stays in the
+// table after the module goes; it is read only while the module is there.
 std::int64_t Services::GetISRName(std::uintptr_t a1) {
-    const std::uint32_t slot = slots_.Check(Low32(a1));
-    if (slot == 0) {
+    const SlotUse use(slots_, Low32(a1));
+    if (!use) {
         log_.wPrintf(kLogError, kSetPrioInvalid, Printed(a1));
         return static_cast<std::int64_t>(reinterpret_cast<std::uintptr_t>(kUnknownName));
     }
-    return static_cast<std::int64_t>(reinterpret_cast<std::uintptr_t>(slots_[slot].name));
+    return static_cast<std::int64_t>(reinterpret_cast<std::uintptr_t>(use->name));
 }
 
 }  // namespace zor

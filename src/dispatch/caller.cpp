@@ -107,10 +107,7 @@ std::uint32_t Caller::CallModule(std::uint32_t slot, std::uint32_t code, std::ui
                                  std::uint32_t flags, std::uint32_t context, bool* gone,
                                  double* boundary) {
     ModuleSlot& s = slots_[slot];
-    // Entering the count and seeing the closing bit are one operation, so
-    // an unloading thread either sees this call or this call sees it.
-    if (s.calls.fetch_add(1, std::memory_order_acq_rel) & ModuleSlot::kClosing) {
-        s.calls.fetch_sub(1, std::memory_order_release);
+    if (!s.EnterCall()) {
         if (gone) *gone = true;
         return 0;
     }
@@ -132,7 +129,7 @@ std::uint32_t Caller::CallModule(std::uint32_t slot, std::uint32_t code, std::ui
         }
     }
     if (context != 0) RemoveThreadContext(f.threadId);
-    s.calls.fetch_sub(1, std::memory_order_release);
+    s.LeaveCall();
     return f.result;
 }
 

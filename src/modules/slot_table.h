@@ -42,6 +42,14 @@ struct ModuleSlot {
     // new call goes in. Alloc clears the bit and keeps the count.
     static constexpr std::uint32_t kClosing = 0x80000000u;
     std::atomic<std::uint32_t> calls{0};
+    // Entering the count and seeing the closing bit are one operation, so an
+    // unloading thread either sees this use or this use sees the bit.
+    bool EnterCall() {
+        if (!(calls.fetch_add(1, std::memory_order_acq_rel) & kClosing)) return true;
+        calls.fetch_sub(1, std::memory_order_release);
+        return false;
+    }
+    void LeaveCall() { calls.fetch_sub(1, std::memory_order_release); }
     CStatistic interruptStat;
     CStatistic execStat;
 };

@@ -62,7 +62,8 @@ void ReportLockedModules(Logger& log, const LockedNames& names) {
     if (!log.IsActive(kLogTrace)) return;
     log.wPrintf(kLogTrace, u"ZOR: ############### LOCKED DLLs #####################################################\n");
     for (std::uint32_t i = 1; i < LockedNames::kSlots; ++i) {
-        if (names.Slot(i)[0] != 0) log.wPrintf(kLogTrace, u"%s\n", names.Slot(i));
+        char16_t name[LockedNames::kUnits];
+        if (names.Name(i, name)) log.wPrintf(kLogTrace, u"%s\n", name);
     }
     // Locked, but with names too long for the table.
     for (std::uint32_t i = 0; i < LockedNames::kSlots; ++i) {

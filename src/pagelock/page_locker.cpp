@@ -7,7 +7,7 @@
 namespace zor {
 
 PageLocker::PageLocker(Logger& log, LockedNames& names)
-    : log_(log), names_(names), list_(8, kCapacity) {}
+    : log_(log), names_(names), list_(kCapacity) {}
 
 PageLocker::~PageLocker() {
     // Each pass logs and unlocks entry 0, then drops the next entry without a
@@ -87,7 +87,7 @@ std::uint32_t PageLocker::UnlockModule(const void* address) {
 
 std::uint32_t PageLocker::LockRange(std::uint64_t base, std::uint32_t length) {
     // Only the base becomes the entry; the length is not kept.
-    if (list_.AppendEntry(&base) == 0xFFFFFFFFu) {
+    if (!list_.AppendEntry(base)) {
         log_.wPrintf(kLogTrace, u"PageLocker: locking failed! (list overflow)\n\r");
         return 0;
     }
@@ -95,22 +95,27 @@ std::uint32_t PageLocker::LockRange(std::uint64_t base, std::uint32_t length) {
 }
 
 std::uint32_t PageLocker::UnlockRange(std::uint64_t base) {
-    const std::uint32_t n = list_.GetNrOfEntries();
-    if (n == 0) {
+    if (list_.GetNrOfEntries() == 0) {
         log_.wPrintf(kLogTrace, u"PageLocker: no entries\n\r");
         return 0;
     }
-    std::uint32_t i = 0;
-    while (i < n && Base(i) != base) ++i;
-    if (i == n) {
+    switch (list_.RemoveEntry(base)) {
+    case CEntryList::Removal::kRemoved:
+        return 1;
+    case CEntryList::Removal::kNotFound:
         log_.wPrintf(kLogTrace, u"PageLocker: unlocking failed! (list seek error)\n\r");
         return 0;
-    }
-    if (list_.DelEntry(i) == 0xFFFFFFFFu) {
+    default:
+        // Found, but another caller removed it first.
         log_.wPrintf(kLogTrace, u"PageLocker: unlocking ok, but list update error!\n\r");
         return 0;
     }
-    return 1;
+}
+
+std::uint64_t PageLocker::Base(std::uint32_t i) const {
+    std::uint64_t base = 0;
+    list_.GetEntry(i, &base);
+    return base;
 }
 
 }  // namespace zor

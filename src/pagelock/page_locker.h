@@ -5,6 +5,8 @@
 // that modules above 4 GiB are still named correctly.
 #pragma once
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 #include "support/entry_list.h"
@@ -14,7 +16,11 @@ namespace zor {
 class Logger;
 
 // The process-wide table of locked module file names (slots 1..99 of 30
-// units each, slot 0 never used), shared by every PageLocker.
+// units each, slot 0 never used), shared by every PageLocker. Any thread
+// may add, remove and read at once without a lock: each slot carries a
+// sequence word, odd while a writer fills or clears it; writers claim a
+// slot by moving its word to odd, readers skip a slot that is odd and read
+// again one that changed under them.
 class LockedNames {
 public:
     static constexpr std::uint32_t kSlots = 100;
@@ -27,9 +33,10 @@ public:
     bool Add(Logger& log, const char16_t* path, std::uint64_t image = 0);
     std::uint32_t Find(const char16_t* path) const;
     void Remove(const char16_t* path, std::uint64_t image = 0);
-    const char16_t* Slot(std::uint32_t i) const { return names_[i]; }
+    // Slot i's name into `out`; false while the slot holds none.
+    bool Name(std::uint32_t i, char16_t (&out)[kUnits]) const;
     // Image bases of locked modules whose names did not fit; 0 = unused.
-    std::uint64_t LongNamed(std::uint32_t i) const { return longNamed_[i]; }
+    std::uint64_t LongNamed(std::uint32_t i) const { return longNamed_[i].load(std::memory_order_acquire); }
     bool IsLongNamed(std::uint64_t image) const;
 
     // The file part of a path: after the last '\' or '/' at positions
@@ -37,10 +44,23 @@ public:
     static const char16_t* FilePart(const char16_t* path);
 
 private:
-    char16_t names_[kSlots][kUnits] = {};
-    std::uint64_t longNamed_[kSlots] = {};
+    struct Slot {
+        std::atomic<std::uint32_t> seq{0};
+        std::atomic<char16_t> units[kUnits] = {};
+    };
+    // A stable copy of slot i with its sequence word; false while odd.
+    bool Read(std::uint32_t i, char16_t (&out)[kUnits], std::uint32_t* seq) const;
+    void Write(Slot& s, std::uint32_t seq, const char16_t* name, std::size_t len);
+    // The first slot holding `file` and its sequence word; 0 when none.
+    std::uint32_t FindFile(const char16_t* file, std::uint32_t* seq) const;
+
+    Slot slots_[kSlots];
+    std::atomic<std::uint64_t> longNamed_[kSlots] = {};
 };
 
+// Safe for any number of callers at once, and none of them ever waits for
+// a lock: an ISR may lock and unlock while a client's request does. Only
+// Base() and the destructor, which no ISR reaches, sort or allocate.
 class PageLocker {
 public:
     static constexpr std::uint32_t kCapacity = 500;
@@ -58,7 +78,8 @@ public:
     static bool GetModuleRange(const void* address, std::uint32_t* base, std::uint32_t* length);
 
     std::uint32_t Count() const { return list_.GetNrOfEntries(); }
-    std::uint64_t Base(std::uint32_t i) { return *static_cast<std::uint64_t*>(list_.GetEntry(i)); }
+    // The i-th oldest entry's base, 0 beyond the count.
+    std::uint64_t Base(std::uint32_t i) const;
 
 private:
     // Walk + file name + the lock/unlock line; false (logged) when the walk fails.

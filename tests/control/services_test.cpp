@@ -96,15 +96,19 @@ TEST_F(ModuleServicesTest, CustomServicesDuplicateLeaveWithTheirOwnerAndFillTwoH
     EXPECT_EQ(Svc(kCode, 7), std::int64_t{0xC0000000} | (sb << 16) | 7);
     h.registry.UnregisterISR(sb);
     EXPECT_EQ(Svc(kCode, 7), 0);  // unknown now
+    // An unloaded module's slot takes no services until a module has it again.
+    EXPECT_EQ(h.customServices.InstallService(sa, 0x6000, &Answer), 0xFFFFFFFFu);
+    EXPECT_TRUE(log.Contains("ZOR: Installing custom service 6000 failed: invalid owner #" +
+                             std::to_string(sa) + "!\n\r"));
 
     for (std::uint32_t i = 0; i < CustomServices::kCustom; ++i)
-        ASSERT_EQ(h.customServices.InstallService(1 + i % 3, 0x6000 + i, &Answer), 0u) << i;
-    EXPECT_EQ(Svc(SERV_InstallService, 1, 0x7000, reinterpret_cast<std::uintptr_t>(&Answer)), 0xFFFFFFFFll);
+        ASSERT_EQ(h.customServices.InstallService(3 + i % 3, 0x6000 + i, &Answer), 0u) << i;  // slots never used
+    EXPECT_EQ(Svc(SERV_InstallService, 3, 0x7000, reinterpret_cast<std::uintptr_t>(&Answer)), 0xFFFFFFFFll);
     EXPECT_TRUE(log.Contains("ZOR: Installing custom service failed!!\n\r"));
     EXPECT_EQ(Svc(0x6000 + 199), 0x6000 + 200);
-    h.customServices.RemoveCustomServices(2);  // frees every third entry
+    h.customServices.RemoveCustomServices(4);  // frees every third entry
     EXPECT_EQ(Svc(0x6001), 0);
-    EXPECT_EQ(h.customServices.InstallService(2, 0, &Answer), 0u);
+    EXPECT_EQ(h.customServices.InstallService(4, 0, &Answer), 0u);
     EXPECT_EQ(Svc(0), 1);  // code 0 is a custom code too
     log.Clear();
     EXPECT_EQ(h.customServices.InstallService(100, 0x8000, &Answer), 0xFFFFFFFFu);
