@@ -36,36 +36,29 @@ protected:
     zor::DialogEnder ender_{nullptr, [](void*, std::intptr_t) {}};  // no command here ends the dialog
 };
 
-struct MinSize {
-    std::uint64_t cmd;
-    std::uint32_t need;
-    std::uint32_t failure;
-};
-
-// Each command one byte short of what it reads: refused with its failure
-// value and the log line, and the handler never runs.
+// Each command of the table one byte short of what it reads: refused with
+// its failure value and the log line, and the handler never runs.
 TEST_F(Intake, PayloadsShorterThanTheirFieldsAreRefused) {
-    const MinSize table[] = {
-        {ZOR_CMD_ISR_REGISTER, 18, 0}, {ZOR_CMD_ISR_UNREGISTER, 16, 0},
-        {ZOR_CMD_SYSMEM, 8, 0},         {ZOR_CMD_MODULE_CALL, 12, 0xFFFFFFFFu},
-        {ZOR_CMD_IRQ_CONTROL, 4, 0},    {ZOR_CMD_PIPE_CONNECT, 20, 0},
-        {ZOR_CMD_PIPE_DISCONNECT, 4, 0}, {ZOR_CMD_CLIENT_ADD, 4, 0},
-        {ZOR_CMD_CLIENT_REMOVE, 4, 0},  {ZOR_CMD_FIND_MODULE, 18, 0},
-        {ZOR_CMD_MODULE_INFO, 16, 0},   {ZOR_CMD_GET_ISR_MEM, 16, 0},
-    };
-    for (const MinSize& m : table) {
-        for (std::uint32_t size : {0u, m.need - 1}) {
+    int refusable = 0;
+    for (std::uint64_t cmd = 0; cmd <= 16; ++cmd) {
+        const zor::Command* c = zor::FindCommand(cmd);
+        if (c == nullptr || c->minPayload == 0) continue;
+        ++refusable;
+        for (std::uint32_t size : {0u, c->minPayload - 1}) {
             log_.Clear();
             Block b(size);
-            std::uint32_t r = size ? Send(m.cmd, b)
-                                   : zor::OnCopyData(*host_, zor::os::process_peer(), m.cmd, nullptr, 0, ender_);
-            EXPECT_EQ(r, m.failure) << "command " << m.cmd << " size " << size;
+            std::uint32_t r = size ? Send(cmd, b)
+                                   : zor::OnCopyData(*host_, zor::os::process_peer(), cmd, nullptr, 0, ender_);
+            EXPECT_EQ(r, c->failure) << "command " << cmd << " size " << size;
             EXPECT_EQ(log_.Lines(),
-                      std::vector<std::string>{"ZOR: command " + std::to_string(m.cmd) +
+                      std::vector<std::string>{"ZOR: command " + std::to_string(cmd) +
                                                ": payload of " + std::to_string(size) +
                                                " bytes too short\n\r"});
         }
     }
+    EXPECT_EQ(refusable, 12);  // all but 4 and 6 read a payload
+    EXPECT_EQ(zor::FindCommand(ZOR_CMD_MODULE_CALL)->failure, 0xFFFFFFFFu);
+    EXPECT_EQ(zor::FindCommand(ZOR_CMD_ISR_REGISTER)->minPayload, 18u);  // the name's terminator too
     EXPECT_EQ(host_->clients.FindClient(0), 0u);
     EXPECT_EQ(host_->config.clientCount.load(), 0u);
 }
