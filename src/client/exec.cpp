@@ -43,9 +43,12 @@ int Await(ZorConnection* c, unsigned char* area, const zor::TdlTicket& ticket,
             return ZOR_OK;
         }
         if (zor::client::NowMs() - t0 >= wait_ms) break;
-        // A 1 kHz source answers within a millisecond: yield at first, then
-        // sleep, and now and then ask whether the host is still there.
-        zor::client::Pace(t0);
+        // A 1 kHz source answers within a millisecond: yield briefly, then
+        // sleep until the next run where the host can wake us (Linux), else
+        // pace; now and then ask whether the host is still there.
+        if (zor::client::NowMs() - t0 < 0.05 ||
+            !zor::TdlSleepUntilRun(area, c->area_bytes, 10))
+            zor::client::Pace(t0);
         if ((round & 63) == 0 && !zor::client::HostAlive(c)) break;
     }
     // Give up: the writer clears the entry's slot under SyncTDL so that a

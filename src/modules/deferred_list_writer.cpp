@@ -194,20 +194,21 @@ bool Abandon(unsigned char* area, std::uint32_t areaSize, const TdlTicket& ticke
 // else a millisecond, then it sleeps a millisecond at a time.
 double SpinMs() { return os::word_wait_works() ? 0.05 : 1.0; }
 
-// Sleeps until the run counter moves (or 10 ms), counted among the sleepers
-// so that the dispatch thread wakes us. The sleepers word is client-writable:
-// a wrong count costs only wake-ups, never a wait past the 10 ms.
-void SleepUntilRun(unsigned char* area) {
+}  // namespace
+
+// The sleepers word is client-writable: a wrong count costs only wake-ups,
+// never a wait past maxMs.
+bool TdlSleepUntilRun(unsigned char* area, std::uint32_t areaSize, std::uint32_t maxMs) {
+    if (!os::word_wait_works() || !TdlAreaUsable(area, areaSize)) return false;
     auto counter = TdlWord(area, ZOR_SSA_RUN_COUNTER);
     auto sleepers = TdlWord(area, ZOR_SSA_SLEEPERS);
     const std::uint32_t seen = counter.load(std::memory_order_seq_cst);
     sleepers.fetch_add(1, std::memory_order_seq_cst);
     if (counter.load(std::memory_order_seq_cst) == seen)
-        os::word_wait(reinterpret_cast<std::uint32_t*>(area + ZOR_SSA_RUN_COUNTER), seen, 10);
+        os::word_wait(reinterpret_cast<std::uint32_t*>(area + ZOR_SSA_RUN_COUNTER), seen, maxMs);
     sleepers.fetch_sub(1, std::memory_order_relaxed);
+    return true;
 }
-
-}  // namespace
 
 bool TdlWait(unsigned char* area, std::uint32_t areaSize, const TdlTicket& ticket,
              std::uint32_t limitMs, std::uint32_t lockWaitMs, std::uint32_t* result) {
@@ -223,9 +224,7 @@ bool TdlWait(unsigned char* area, std::uint32_t areaSize, const TdlTicket& ticke
         if (Elapsed(t0, limitMs)) break;
         if (os::now_ms() - start < SpinMs())
             std::this_thread::yield();
-        else if (os::word_wait_works())
-            SleepUntilRun(area);
-        else
+        else if (!TdlSleepUntilRun(area, areaSize, 10))
             os::sleep_ms(1);
     }
     if (!Abandon(area, areaSize, ticket, lockWaitMs)) {

@@ -70,6 +70,10 @@ TdlStatus TdlAppend(unsigned char* area, std::uint32_t areaSize, std::uint32_t p
 
 // True once a run has passed over the ticket's entry.
 bool TdlResultReady(unsigned char* area, std::uint32_t areaSize, const TdlTicket& ticket);
+// Sleeps until the list's next run, at most maxMs, counted among the
+// sleepers that the dispatch thread wakes. False at once where the system
+// cannot wake a sleeper of another process (Windows): poll there instead.
+bool TdlSleepUntilRun(unsigned char* area, std::uint32_t areaSize, std::uint32_t maxMs);
 // The result word of the ticket's slot (0 without a slot); frees the slot.
 std::uint32_t TdlTakeResult(unsigned char* area, std::uint32_t areaSize, const TdlTicket& ticket);
 
