@@ -261,4 +261,15 @@ std::uint32_t priority_class_get() { return posix::g_priority_class.load(); }
 
 Thread current_thread() { return posix::kCurrentThread; }
 
+// Above kFifoHigh, the realtime class's time-critical threads; without
+// applied scheduling (test builds) only recorded, like every priority.
+bool thread_priority_top_self() {
+    if (!posix::g_apply.load(std::memory_order_relaxed)) return true;
+    sched_param sp{};
+    sp.sched_priority = posix::kFifoHigh + 1;
+    const int e = pthread_setschedparam(pthread_self(), SCHED_FIFO, &sp);
+    if (e != 0) errno = e;
+    return e == 0;
+}
+
 }  // namespace zor::os

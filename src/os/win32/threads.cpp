@@ -11,6 +11,10 @@ Thread current_thread() { return win32::U(GetCurrentThread()); }
 
 std::uint32_t priority_class_get() { return GetPriorityClass(GetCurrentProcess()); }
 
+bool thread_priority_top_self() {
+    return SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_TIME_CRITICAL) != 0;
+}
+
 namespace win32 {
 
 // A ThreadProc has the thread routine's signature on x64 (one pointer in,
