@@ -52,6 +52,10 @@ bool local_time(std::int64_t unix_seconds, LocalTime* out);
 // ---------------------------------------------------------------- identity
 std::uint32_t current_thread_id();
 std::uint32_t current_process_id();
+// Ends this process at once with `code`: no exit handlers, no library
+// clean-up (_exit / TerminateProcess), so that a thread stuck anywhere
+// cannot hold it.
+[[noreturn]] void process_end_now(std::uint32_t code);
 // True while a process with this id exists (GetProcessVersion != 0).
 bool process_alive(std::uint32_t pid);
 std::uint32_t processor_count();

@@ -30,6 +30,8 @@ const char kHelp[] =
     "  register NAME [--shm BYTES] load and register ISR module NAME (file name,\n"
     "                              at most 19 characters), with private shared memory\n"
     "  unregister N                unregister module number N\n"
+    "  unblock N                   let module N be called again after the watchdog\n"
+    "                              (or the module itself) blocked it\n"
     "  find NAME                   print the number of the registered module NAME\n"
     "  info N                      print the shared-memory size module N registered with\n"
     "  irq-query                   print the IRQ driver's query value (1000: no driver)\n"
@@ -165,6 +167,13 @@ int Run(ZorConnection* c, const std::string& cmd, const Args& a) {
         std::printf("unregister sent for module %lu\n", static_cast<unsigned long>(n));
         return kOk;
     }
+    if (cmd == "unblock") {
+        if (p.size() != 1 || !ParseU32(p[0], &n)) return Usage("unblock N");
+        st = zor_unblock_module(c, n);
+        if (st != ZOR_OK) return Fail("unblock", st);
+        std::printf("module %lu unblocked\n", static_cast<unsigned long>(n));
+        return kOk;
+    }
     if (cmd == "find") {
         if (p.size() != 1) return Usage("find NAME");
         st = zor_find_module(c, p[0], &n);
@@ -286,7 +295,7 @@ int Main(int argc, char** argv) {
         return n ? kOk : kNoHost;
     }
     if (cmd == "stats" || cmd == "watch" || cmd == "plot") return RunStatsCommand(cmd, pid, timeout, a);
-    static const char* const known[] = {"status", "register", "unregister", "find", "info",
+    static const char* const known[] = {"status", "register", "unregister", "unblock", "find", "info",
                                         "irq-query", "irq-control", "call", "exec", "quit"};
     bool ok = false;
     for (const char* k : known) ok = ok || cmd == k;

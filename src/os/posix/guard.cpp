@@ -24,6 +24,7 @@
 #include <csetjmp>
 #include <csignal>
 #include <cstdint>
+#include <link.h>
 #include <mutex>
 #include <sys/mman.h>
 #include <sys/syscall.h>
@@ -134,13 +135,28 @@ struct AbortRequest {
 };
 AbortRequest g_abort;
 
-// The host's own code: the executable's text (the core is linked into it).
-extern "C" char __executable_start[];
-extern "C" char etext[];
+// The host's own code: the executable segment of the image this guard is
+// linked into (the core sits in the same one), found once at installation.
+std::uint64_t g_text_lo = 0, g_text_hi = 0;
+
+int find_own_text(dl_phdr_info* info, std::size_t, void*) {
+    const auto self = reinterpret_cast<std::uint64_t>(&find_own_text);
+    for (int i = 0; i < info->dlpi_phnum; ++i) {
+        const ElfW(Phdr)& ph = info->dlpi_phdr[i];
+        if (ph.p_type != PT_LOAD || !(ph.p_flags & PF_X)) continue;
+        const std::uint64_t lo = info->dlpi_addr + ph.p_vaddr;
+        if (self >= lo && self < lo + ph.p_memsz) {
+            g_text_lo = lo;
+            g_text_hi = lo + ph.p_memsz;
+            return 1;
+        }
+    }
+    return 0;
+}
+
 bool in_host_code(const ucontext_t* uc) {
     const auto pc = static_cast<std::uint64_t>(uc->uc_mcontext.gregs[REG_RIP]);
-    return pc >= reinterpret_cast<std::uint64_t>(__executable_start) &&
-           pc < reinterpret_cast<std::uint64_t>(etext);
+    return pc >= g_text_lo && pc < g_text_hi;
 }
 
 [[noreturn]] void leave_guard(Frame* f, std::uint32_t code, const void* address, ucontext_t* uc) {
@@ -193,6 +209,7 @@ void install() {
         sa.sa_flags = SA_SIGINFO | SA_ONSTACK;
         sigemptyset(&sa.sa_mask);
         for (int i = 0; i < 4; ++i) sigaction(kSignals[i], &sa, &g_previous[i]);
+        dl_iterate_phdr(find_own_text, nullptr);
     });
 }
 

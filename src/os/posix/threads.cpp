@@ -26,6 +26,7 @@
 #include <new>
 #include <pthread.h>
 #include <sched.h>
+#include <unistd.h>
 
 #include "os/posix/posix_internal.h"
 #include "os/posix/process_setup.h"
@@ -260,6 +261,8 @@ bool thread_priority_set(Thread t, int priority) {
 std::uint32_t priority_class_get() { return posix::g_priority_class.load(); }
 
 Thread current_thread() { return posix::kCurrentThread; }
+
+void process_end_now(std::uint32_t code) { _exit(static_cast<int>(code)); }
 
 // Above kFifoHigh, the realtime class's time-critical threads; without
 // applied scheduling (test builds) only recorded, like every priority.

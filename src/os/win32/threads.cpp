@@ -9,6 +9,11 @@ namespace zor::os {
 // another thread.
 Thread current_thread() { return win32::U(GetCurrentThread()); }
 
+void process_end_now(std::uint32_t code) {
+    TerminateProcess(GetCurrentProcess(), code);
+    for (;;) Sleep(INFINITE);  // termination completes asynchronously
+}
+
 std::uint32_t priority_class_get() { return GetPriorityClass(GetCurrentProcess()); }
 
 bool thread_priority_top_self() {
