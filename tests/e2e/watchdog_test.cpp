@@ -61,9 +61,11 @@ protected:
 };
 
 TEST_P(Hang, TheModuleIsCutOutAndTheHostEndsInTime) {
+    const bool watched = *GetParam().watchdog;
+    // There the watched sleep already ends through the exit's deadline.
+    if (kWindows && !watched) GTEST_SKIP() << "covered by SleepForEver";
     ZorInstance zor(Opts());
     ASSERT_NO_FATAL_FAILURE(Start(zor));
-    const bool watched = *GetParam().watchdog;
     const bool aborts = watched && (GetParam().mode == 1 || !kWindows);
     if (aborts) {
         ASSERT_TRUE(zor.WaitLog(kAborted));
