@@ -40,6 +40,7 @@ std::vector<double> Detection(zor::Host& h, int rounds) {
     std::vector<double> out;
     std::uint32_t seq = 1;
     for (int r = 0; r < rounds; ++r) {
+        zor::os::sleep_ms(r % 7);  // no phase lock with the watchdog's looks
         h.dispatcher.BlockISR(hang, 0);
         const double t0 = zor::ClockMs();
         h.dispatcher.OnInterrupt(seq++);
