@@ -85,9 +85,19 @@ void Watchdog::Check() {
         stuckSlot_.store(0, std::memory_order_release);
         stuckState_ = 0;
     }
-    if (v.slot == 0 || v.state == handled_ || os::now_ms() - v.since <= budget) return;
     const std::uint32_t threadId = thread_.Id();
-    if (threadId == 0) return;
+    if (v.slot == 0 || threadId == 0) return;
+    if (v.state == stuckState_) {
+        // Asked again now and then, quietly: a call stuck in one of the
+        // host's services or in a wait may come back to code that can be
+        // aborted.
+        if (os::now_ms() - lastRetry_ >= kComeBackMs) {
+            lastRetry_ = os::now_ms();
+            os::guard_abort(threadId, caller_.Running().StateWord(), v.state);
+        }
+        return;
+    }
+    if (v.state == handled_ || os::now_ms() - v.since <= budget) return;
     handled_ = v.state;
     Abort(v, threadId);
 }

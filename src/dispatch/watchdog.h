@@ -120,6 +120,7 @@ private:
     // Watchdog thread only.
     std::uint64_t handled_ = 0;  // the last state aborted or given up on
     std::uint64_t stuckState_ = 0;
+    double lastRetry_ = 0;
     std::atomic<std::uint32_t> stuckSlot_{0};
 };
 
