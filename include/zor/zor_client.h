@@ -226,6 +226,10 @@ ZOR_CLIENT_API int zor_pipe_close(ZorConnection* c);
 
 /* ------------------------------------------------------------- the host */
 
+/* Lets module `module` be called again after the watchdog (or SERV_BlockISR)
+ * blocked it: command 5 addressed to the host (ZorHostRequest).
+ * ZOR_E_NOT_REGISTERED when no such module is registered. */
+ZOR_CLIENT_API int zor_unblock_module(ZorConnection* c, uint32_t module);
 /* Command 6: the IRQ driver's query answer (1000 without a driver). */
 ZOR_CLIENT_API int zor_irq_query(ZorConnection* c, uint32_t* value);
 /* Command 7: forwards `value` to the IRQ driver; its answer in *answer. */

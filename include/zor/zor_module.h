@@ -222,6 +222,20 @@ typedef struct ZorClientRequest {
     /* uint8_t body[]; handed to the module by address */
 } ZorClientRequest;
 
+/* Command 5 addressed to module 0 (no module has that number) is a request
+ * to the host itself: its body is a ZorHostRequest. Result: 1 done, 0xFFFFFFFF
+ * when `module` names no registered module or the request is unknown. Not
+ * taken over pipes. */
+#define ZOR_HOST_MODULE 0u
+enum ZorHostFunction {
+    ZOR_HOST_UNBLOCK = 1 /* calls `module` again: clears a block by the
+                            watchdog (or by SERV_BlockISR) */
+};
+typedef struct ZorHostRequest {
+    uint32_t function; /* ZorHostFunction */
+    uint32_t module;   /* module number */
+} ZorHostRequest;
+
 /* Offsets in the system shared area (command 3). */
 #define ZOR_SSA_SEQUENCE 0x0000u      /* u32: latest event's sequence number */
 #define ZOR_SSA_RESULT_FLAGS 0x0004u  /* u8[1024]: bit 0 = result slot reserved */

@@ -34,7 +34,7 @@
 #include <stdint.h>
 
 #define ZOR_STATS_MAGIC 0x5354535Au /* "ZSTS" in memory order */
-#define ZOR_STATS_LAYOUT 1u
+#define ZOR_STATS_LAYOUT 2u
 #define ZOR_STATS_NAME_PREFIX "Local\\ZOR.stats." /* + host pid in decimal */
 #define ZOR_STATS_SLOTS 100u
 #define ZOR_STATS_SUB 8u
@@ -78,17 +78,21 @@ typedef struct ZorStatsEvents {
 } ZorStatsEvents;
 
 /* One module slot; number 0 = empty. Written on the dispatch thread, except
- * `blocked`, a flag of its own that follows SERV_BlockISR at once. */
+ * `blocked`, a flag of its own that follows SERV_BlockISR at once, and
+ * `stuck`, set by the watchdog. */
 typedef struct ZorStatsSlot {
     uint32_t seq;               /* odd while written */
     uint32_t number;            /* module number (slot index) or 0 */
     uint32_t kind;              /* 1 IRQ driver, 2 ISR module */
     uint32_t priority;          /* dispatch order key, lower first */
-    uint32_t blocked;           /* 1 while SERV_BlockISR holds it off */
-    uint32_t reserved;
+    uint32_t blocked;           /* 1 while SERV_BlockISR (or the watchdog) holds it off */
+    uint32_t stuck;             /* 1 while a call of it overran the watchdog's
+                                   budget and could not be aborted */
     uint64_t calls;             /* Interrupt calls completed */
     uint64_t faults;            /* faults caught in Interrupt calls */
     uint64_t slow_calls;        /* Interrupt calls above ZOR_STATS_SLOW_MS */
+    uint64_t aborted;           /* calls (Interrupt, ExecISRFunc) the watchdog
+                                   aborted */
     uint16_t name[20];          /* module name */
     uint16_t fault_module[40];  /* file in which the last fault happened */
     ZorStatsHistogram call;     /* Interrupt call time */

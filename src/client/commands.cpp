@@ -205,6 +205,13 @@ int zor_module_call(ZorConnection* c, uint32_t module, uint32_t caller_tag, cons
     return st;
 }
 
+int zor_unblock_module(ZorConnection* c, uint32_t module) {
+    if (c == nullptr || module == ZOR_HOST_MODULE) return ZOR_E_INVALID_ARG;
+    const ZorHostRequest body{ZOR_HOST_UNBLOCK, module};
+    std::uint32_t r = 0;
+    return zor_module_call(c, ZOR_HOST_MODULE, 0, &body, sizeof body, &r);
+}
+
 int zor_irq_query(ZorConnection* c, uint32_t* value) {
     if (c == nullptr || value == nullptr) return ZOR_E_INVALID_ARG;
     return Send(c, ZOR_CMD_IRQ_QUERY, nullptr, 0, value);

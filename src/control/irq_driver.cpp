@@ -7,6 +7,7 @@
 #include "control/custom_services.h"
 #include "control/module_entries.h"
 #include "dispatch/dispatcher.h"
+#include "dispatch/watchdog.h"
 #include "modules/slot_table.h"
 #include "pagelock/page_locker.h"
 #include "support/critsec.h"
@@ -114,6 +115,7 @@ std::uint32_t IrqDriver::RegisterIRQ(const char16_t* path, bool strict) {
     dispatcher_.ResetDispatchThread();
     s.inUse.store(1, std::memory_order_release);
     currentSlot_.store(slot, std::memory_order_release);
+    watchdog_.Start();
     return 1;
 }
 
@@ -150,6 +152,7 @@ void IrqDriver::UnregisterIRQ(std::uint32_t waitMs) {
     CLock lock(funcs_);
     // Nothing forwards commands to a driver that is being withdrawn.
     currentSlot_.store(0, std::memory_order_release);
+    watchdog_.Stop();
     for (std::uint32_t i = 1; i < slots_.HighWater(); ++i) {
         ModuleSlot& s = slots_[i];
         if (s.inUse.load(std::memory_order_acquire) == 0 ||

@@ -18,6 +18,7 @@ class LockedNames;
 class Logger;
 class PageLocker;
 class SlotTable;
+class Watchdog;
 
 // What the start-up search of "*.irq" files found (see driver_selection.h). The
 // indexes are only "found" marks; kNotFound when the name was not seen.
@@ -39,10 +40,10 @@ public:
     static constexpr std::uint32_t kNameUnits = 20;
 
     IrqDriver(Logger& log, CCritSec& funcs, SlotTable& slots, Caller& caller,
-              Dispatcher& dispatcher, CustomServices& custom, PageLocker& sysLocker,
-              LockedNames& lockedNames)
+              Dispatcher& dispatcher, Watchdog& watchdog, CustomServices& custom,
+              PageLocker& sysLocker, LockedNames& lockedNames)
         : log_(log), funcs_(funcs), slots_(slots), caller_(caller), dispatcher_(dispatcher),
-          custom_(custom), sysLocker_(sysLocker), lockedNames_(lockedNames) {}
+          watchdog_(watchdog), custom_(custom), sysLocker_(sysLocker), lockedNames_(lockedNames) {}
 
     std::uint32_t LoadIRQ(const char16_t* directory, const char16_t* fileName, bool strict);
     std::uint32_t RegisterIRQ(const char16_t* path, bool strict);
@@ -82,6 +83,7 @@ private:
     SlotTable& slots_;
     Caller& caller_;
     Dispatcher& dispatcher_;
+    Watchdog& watchdog_;
     CustomServices& custom_;
     PageLocker& sysLocker_;
     LockedNames& lockedNames_;

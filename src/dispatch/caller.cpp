@@ -112,11 +112,21 @@ std::uint32_t Caller::CallModule(std::uint32_t slot, std::uint32_t code, std::ui
         return 0;
     }
     CallFrame f{this, &s, slot, code, arg, flags, context, 0, 0, false, boundary};
+    // What the dispatch thread runs is published for the watchdog.
+    const bool watched = boundary || (code == ZOR_FN_EXEC_ISR_FUNC && thread_.IsCurrent());
+    RunningCall::Saved outer{};
+    if (watched) outer = running_.Enter(slot, code, boundary ? *boundary : ClockMs());
     os::Fault fault{};
-    if (!os::guarded_run(GuardedCall, &f, &fault)) {
-        ReportFault(slot, fault.address);
+    const bool returned = os::guarded_run(GuardedCall, &f, &fault);
+    if (watched) running_.Leave(outer);
+    if (!returned) {
+        if (fault.code == os::kFaultAborted) {
+            ReportAbort(slot, code);
+        } else {
+            ReportFault(slot, fault.address);
+            if (code == ZOR_FN_INTERRUPT) stats_.OnIsrFault(slot, faultModuleName_);
+        }
         if (boundary) *boundary = ClockMs();
-        if (code == ZOR_FN_INTERRUPT) stats_.OnIsrFault(slot, faultModuleName_);
     } else if (f.nullEntry) {
         // Cleared by an unloading, or not yet set by a registration.
         if (gone && ((s.calls.load(std::memory_order_acquire) & ModuleSlot::kClosing) ||
@@ -170,6 +180,18 @@ void Caller::ReportFault(std::uint32_t slot, const void* address) {
     }
     log_.wPrintf(kLogFault, u"ZOR: ISR '%s' caused exception in '%s'!\n\r", slots_[slot].name,
                    name);
+}
+
+// The watchdog cut the call short: the module is blocked as SERV_BlockISR
+// blocks it, until a client unblocks or unregisters it.
+void Caller::ReportAbort(std::uint32_t slot, std::uint32_t code) {
+    ModuleSlot& s = slots_[slot];
+    s.blocked.store(1, std::memory_order_release);
+    stats_.OnBlocked(slot, 1);
+    stats_.OnIsrAbort(slot);
+    log_.wPrintf(kLogFault, u"ZOR: ISR '%s' did not return from %s within %u ms: call aborted, ISR blocked\n\r",
+                 s.name, FunctionCodeName(code),
+                 static_cast<unsigned>(running_.budgetMs.load(std::memory_order_relaxed)));
 }
 
 // Bytes a call block may span: at most a packet. A block inside the shared

@@ -11,6 +11,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "dispatch/watchdog.h"
+
 namespace zor {
 
 class DispatchThread;
@@ -68,6 +70,10 @@ public:
 
     // "?? (n)" for unnamed codes below 21, "" for 21 and above.
     static const char16_t* FunctionCodeName(std::uint32_t code);
+    // The call the dispatch thread is in, for the watchdog.
+    RunningCall& Running() { return running_; }
+    const RunningCall& Running() const { return running_; }
+
     // The file name of the module of the last caught fault. Read it only
     // while no other call can fault.
     const char16_t* FaultModuleName() const { return faultModuleName_; }
@@ -78,6 +84,7 @@ private:
         std::atomic<std::uint32_t> context{0};
     };
     void ReportFault(std::uint32_t slot, const void* address);
+    void ReportAbort(std::uint32_t slot, std::uint32_t code);
 
     Logger& log_;
     SlotTable& slots_;
@@ -87,6 +94,7 @@ private:
     Context contexts_[kThreadContexts];
     std::atomic<bool> faultNameBusy_{false};
     char16_t faultModuleName_[260] = {};
+    RunningCall running_;
 };
 
 // File name (after the last backslash or slash) of the module containing

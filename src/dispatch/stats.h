@@ -104,6 +104,19 @@ public:
     void OnBlocked(std::uint32_t slot, std::uint32_t blocked) {
         if (ZorStats* a = Area()) stats_detail::Put(a->slots[slot].blocked, blocked);
     }
+    // Dispatch thread: the watchdog aborted a call of `slot`.
+    void OnIsrAbort(std::uint32_t slot) {
+        using namespace stats_detail;
+        ZorStats* a = Area();
+        if (!a) return;
+        Begin(a->slots[slot].seq);
+        Bump(a->slots[slot].aborted);
+        End(a->slots[slot].seq);
+    }
+    // Watchdog thread: a call of `slot` could not be aborted (1), or came back (0).
+    void OnIsrStuck(std::uint32_t slot, std::uint32_t stuck) {
+        if (ZorStats* a = Area()) stats_detail::Put(a->slots[slot].stuck, stuck);
+    }
     // Dispatch thread: a fault caught in an Interrupt call.
     void OnIsrFault(std::uint32_t slot, const char16_t* module);
     void OnTdlEntryRun() {

@@ -4,6 +4,7 @@
 #include <new>
 
 #include "host/config.h"
+#include "host/exit_deadline.h"
 #include "host/host.h"
 #include "support/log.h"
 
@@ -37,8 +38,14 @@ int RunZorApp(const char16_t* commandLine, DialogShell& shell) {
     // stuck in a module keeps that module loaded and the host alive: the
     // process ends under it. The pipe threads have had their bounded wait
     // then, so unloading waits no more: the exit stays within that bound.
-    const bool stopped = host->clients.StopAll();
-    host->registry.UnloadAll(stopped ? Caller::kUnloadWaitMs : 0);
+    // A module call that never returns on the dispatch thread holds the
+    // driver's Shutdown: the deadline ends the process then.
+    bool stopped = false;
+    {
+        ExitDeadline deadline(*host);
+        stopped = host->clients.StopAll();
+        host->registry.UnloadAll(stopped ? Caller::kUnloadWaitMs : 0);
+    }
     if (stopped) {
         host->stats.Release();
         SetRunningHost(nullptr);

@@ -72,7 +72,26 @@ std::uint32_t Quit(const CommandRequest& r) {
     if (r.ender.end) r.ender.end(r.ender.ctx, 1);
     return 0;
 }
+// Command 5 to module 0: the host's own functions.
+std::uint32_t HostRequest(const CommandRequest& r) {
+    constexpr std::uint32_t kBody = sizeof(ZorClientRequest);
+    if (r.size < kBody + sizeof(ZorHostRequest)) {
+        r.host.log.wPrintf(kLogError, u"ZOR: command 5 to the host: payload of %u bytes too short\n\r", r.size);
+        return 0xFFFFFFFFu;
+    }
+    const std::uint32_t function = U32(r, kBody + offsetof(ZorHostRequest, function));
+    const std::uint32_t module = U32(r, kBody + offsetof(ZorHostRequest, module));
+    if (function != ZOR_HOST_UNBLOCK || r.host.slots.Check(module) == 0) {
+        r.host.log.wPrintf(kLogError, u"ZOR: command 5 to the host: function %u for module %u refused\n\r",
+                           function, module);
+        return 0xFFFFFFFFu;
+    }
+    r.host.dispatcher.BlockISR(module, 0);
+    r.host.log.wPrintf(kLogTrace, u"ZOR: ISR '%s' unblocked by a client\n\r", r.host.slots[module].name);
+    return 1;
+}
 std::uint32_t ModuleCall(const CommandRequest& r) {
+    if (U32(r, offsetof(ZorClientRequest, module)) == ZOR_HOST_MODULE) return HostRequest(r);
     Copy c(r);
     if (CopyFailed(r, ZOR_CMD_MODULE_CALL, c)) return 0xFFFFFFFFu;
     return static_cast<std::uint32_t>(HandleClientRequest(r.host.slots, r.host.caller, c.bytes));

@@ -35,6 +35,8 @@ void ReadConfigFiles(Host& host) {
 
     os::ini_read_string(kSection, u"FALLBACKIRQ", u"", c.fallbackIrqName, kPath, c.szIni);
     c.allowLowIntegrity = os::ini_read_int(kSection, u"ALLOWLOWINTEGRITY", 0, c.szIni) == 1;
+    c.watchdogMs = os::ini_read_int(kSection, u"WATCHDOGMS", 0, c.szIni);
+    host.watchdog.SetBudget(c.watchdogMs);
 }
 
 // '?' never starts a path or a list of pairs: it stands for "key absent".

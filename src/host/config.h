@@ -9,6 +9,8 @@
 // szIni, then from szIniW with the first value as default (the per-user file
 // wins). ALLOWLOWINTEGRITY (szIni only, default 0) lets processes of lower
 // integrity send commands to the dialog window (see the Windows shell).
+// WATCHDOGMS (szIni only, default 0: off) is the longest one module call on
+// the dispatch thread may take before the watchdog aborts it.
 #pragma once
 
 #include <atomic>
@@ -29,6 +31,7 @@ struct Config {
     char16_t lastIrqName[260] = {};
     char16_t fallbackIrqName[260] = {};
     std::uint32_t allowLowIntegrity = 0;
+    std::uint32_t watchdogMs = 0;
     std::atomic<std::uint64_t> clientPids[kClientPids] = {};
     std::atomic<std::uint32_t> clientCount{0};
 };

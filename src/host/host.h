@@ -18,6 +18,7 @@
 #include "dispatch/dispatch_thread.h"
 #include "dispatch/dispatcher.h"
 #include "dispatch/stats.h"
+#include "dispatch/watchdog.h"
 #include "host/config.h"
 #include "modules/shared_mem.h"
 #include "modules/slot_table.h"
@@ -50,6 +51,7 @@ struct Host {
     Caller caller;
     DeferredList deferredList;
     Dispatcher dispatcher;
+    Watchdog watchdog;
     // The control layer.
     CustomServices customServices;
     IrqDriver irq;

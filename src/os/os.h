@@ -18,6 +18,7 @@
 // process); Fault::code is the signal number.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -59,6 +60,10 @@ bool local_time(std::int64_t unix_seconds, LocalTime* out);
 // ---------------------------------------------------------------- identity
 std::uint32_t current_thread_id();
 std::uint32_t current_process_id();
+// Ends this process at once with `code`: no exit handlers, no library
+// clean-up (_exit / TerminateProcess), so that a thread stuck anywhere
+// cannot hold it.
+[[noreturn]] void process_end_now(std::uint32_t code);
 // True while a process with this id exists (GetProcessVersion != 0).
 bool process_alive(std::uint32_t pid);
 std::uint32_t processor_count();
@@ -153,6 +158,27 @@ bool guarded_run(void (*body)(void*), void* ctx, Fault* fault);
 // still running `body`, innermost first: what this thread is itself inside.
 void guarded_visit(void (*body)(void*), void (*visit)(void* ctx, void* arg), void* arg);
 
+// ---------------------------------------------------------------- aborting a guarded call
+// Fault::code of a guarded call that another thread aborted (guard_abort).
+constexpr std::uint32_t kFaultAborted = 0xE0A50001u;
+enum class AbortResult {
+    kSent,      // on its way: the thread leaves its innermost guard when it next runs
+    kDeferred,  // the thread runs the host's own code now: ask again shortly
+    kGone,      // *running no longer holds `expected`: the call has ended
+    kFailed,    // the thread could not be reached
+};
+// Called from another thread: makes the innermost guarded_run of thread
+// `thread_id` (a current_thread_id() value) return false with Fault::code
+// kFaultAborted, the way a fault there would, provided *running still holds
+// `expected` while that thread is stopped. Never taken while the thread runs
+// code of the host's own image (a service it called, the guard itself).
+// Windows: the suspended thread is redirected to raise a fault on top of the
+// module's frames, so frame dispatch unwinds them (their __finally blocks
+// run). Posix: a signal to the thread leaves through the guard's recovery
+// point; a thread in an uninterruptible wait takes it only when the wait ends.
+AbortResult guard_abort(std::uint32_t thread_id, const std::atomic<std::uint64_t>* running,
+                        std::uint64_t expected);
+
 // ---------------------------------------------------------------- crash hook
 // hook(ctx) runs once, on the faulting thread, when a fault that no guard
 // takes is about to end the process (the unhandled-exception filter on
@@ -172,6 +198,12 @@ constexpr int kThreadPriorityAboveNormal = 1;
 constexpr int kThreadPriorityTimeCritical = 15;
 
 std::uint32_t priority_class_get();
+// Gives the calling thread the highest priority the host can get, above a
+// time-critical thread of either priority stage (Windows: time critical,
+// which in the realtime class equals the dispatch thread's and shares the
+// processor with it by turns; Linux, when priorities are applied: SCHED_FIFO
+// above the realtime class's stage). False when it was refused.
+bool thread_priority_top_self();
 // Thread handle for the calling thread usable with thread_priority_set.
 Thread current_thread();
 

@@ -68,15 +68,16 @@ protected:
 // The per-user file is read for LASTIRQ only; DLLDIR is taken as it
 // stands (no backslash is added).
 TEST_F(ConfigFiles, UserFileWinsForLastIrqOnly) {
-    Write("install.ini", "DLLDIR=D:\\drivers\r\nLASTIRQ=timer.irq\r\nFALLBACKIRQ=trigger.irq\r\n");
+    Write("install.ini", "DLLDIR=D:\\drivers\r\nLASTIRQ=timer.irq\r\nFALLBACKIRQ=trigger.irq\r\nWATCHDOGMS=30\r\n");
     Write("user.ini",
           "LASTIRQ=mine.irq\r\nFALLBACKIRQ=user.irq\r\nDLLDIR=E:\\elsewhere\\\r\n"
-          "ALLOWLOWINTEGRITY=1\r\n");
+          "ALLOWLOWINTEGRITY=1\r\nWATCHDOGMS=7\r\n");
     zor::ReadConfigFiles(*host_);
     EXPECT_EQ(Utf8(config().lastIrqName), "mine.irq");
     EXPECT_EQ(Utf8(config().fallbackIrqName), "trigger.irq");
     EXPECT_EQ(Utf8(config().szExe), "D:\\drivers");
     EXPECT_EQ(config().allowLowIntegrity, 0u);
+    EXPECT_EQ(host_->watchdog.BudgetMs(), 30u);
 }
 
 TEST_F(ConfigFiles, OverlongValuesAreCutToTheBuffer) {

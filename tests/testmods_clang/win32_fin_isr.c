@@ -1,7 +1,8 @@
 /* An ISR module built with clang's structured exception handling: its
    Interrupt takes its own lock inside __try and releases it in __finally.
    Interrupt with argument bit 0 faults while holding the lock, with bit 1
-   its __finally faults too (before it releases the lock). A call that finds
+   its __finally faults too (before it releases the lock), with bit 2 it spins
+   for ever holding the lock (until the watchdog aborts it). A call that finds
    the lock still taken answers 0xDEAD instead of waiting for ever. */
 #include <windows.h>
 
@@ -18,9 +19,14 @@ __declspec(noinline) static void Touch(uintptr_t arg, uintptr_t bit) {
     if (arg & bit) *g_bad = (int)bit;
 }
 
+__declspec(noinline) static void Spin(uintptr_t arg) {
+    while (arg & 4) __asm__ volatile("" ::: "memory");
+}
+
 static uint32_t Interrupt(uintptr_t arg) {
     if (InterlockedCompareExchange(&g_lock, 1, 0) != 0) return 0xDEAD;
     __try {
+        Spin(arg);
         Touch(arg, 1);
     } __finally {
         InterlockedIncrement(&g_finally_runs);

@@ -133,6 +133,13 @@ int Run(ZorConnection* c, const std::string& cmd, const Args& a) {
                     static_cast<unsigned long>(n));
         return kOk;
     }
+    if (cmd == "unblock") {
+        if (p.size() != 1 || !ParseU32(p[0], &n)) return Usage("unblock N");
+        st = zor_unblock_module(c, n);
+        if (st != ZOR_OK) return Fail("unblock", st);
+        std::printf("module %lu unblocked\n", static_cast<unsigned long>(n));
+        return kOk;
+    }
     if (cmd == "find") {
         if (p.size() != 1) return Usage("find NAME");
         st = zor_find_module(c, p[0], &n);

@@ -76,8 +76,8 @@ void PrintTable(const Snapshot& now, const Snapshot* before) {
     std::printf("\n%-18s %10s %9s %9s %9s %9s\n", "", "count", "p50", "p99", "p99.9", "max");
     PrintSummary("wake-up interval", Summarise(s.ev.wakeup, b ? &b->ev.wakeup : nullptr));
     PrintSummary("event time", Summarise(s.ev.event, b ? &b->ev.event : nullptr));
-    std::printf("\n%3s %-19s %4s %4s %10s %9s %9s %9s %9s %7s %6s\n", "#", "module", "prio", "blk",
-                b ? "calls/s" : "calls", "p50", "p99", "p99.9", "max", "faults", "slow");
+    std::printf("\n%3s %-19s %4s %4s %10s %9s %9s %9s %9s %7s %6s %7s\n", "#", "module", "prio", "blk",
+                b ? "calls/s" : "calls", "p50", "p99", "p99.9", "max", "faults", "slow", "aborted");
     for (std::uint32_t i = 1; i < ZOR_STATS_SLOTS; ++i) {
         const ZorStatsSlot& m = s.slots[i];
         if (m.number == 0 || m.kind != 2) continue;
@@ -88,12 +88,14 @@ void PrintTable(const Snapshot& now, const Snapshot* before) {
         char calls[24];
         if (b) std::snprintf(calls, sizeof calls, "%.1f", secs > 0 ? (m.calls - (p ? p->calls : 0)) / secs : 0.0);
         else std::snprintf(calls, sizeof calls, "%llu", static_cast<unsigned long long>(m.calls));
-        std::printf("%3lu %-19s %4lu %4s %10s %s %s %s %s %7llu %6llu\n", static_cast<unsigned long>(i),
+        std::printf("%3lu %-19s %4lu %4s %10s %s %s %s %s %7llu %6llu %7llu\n", static_cast<unsigned long>(i),
                     Utf8(m.name, 20).c_str(), static_cast<unsigned long>(m.priority), m.blocked ? "yes" : "no",
                     calls, Duration(c.p50).c_str(), Duration(c.p99).c_str(), Duration(c.p999).c_str(),
                     Duration(c.max).c_str(), static_cast<unsigned long long>(m.faults - (p ? p->faults : 0)),
-                    static_cast<unsigned long long>(m.slow_calls - (p ? p->slow_calls : 0)));
+                    static_cast<unsigned long long>(m.slow_calls - (p ? p->slow_calls : 0)),
+                    static_cast<unsigned long long>(m.aborted - (p ? p->aborted : 0)));
         if (m.fault_module[0] && !b) std::printf("    last fault in %s\n", Utf8(m.fault_module, 40).c_str());
+        if (m.stuck) std::printf("    a call overran the watchdog's budget and cannot be aborted\n");
     }
 }
 
@@ -119,12 +121,13 @@ void PrintJson(const ZorStats& s) {
         const ZorStatsSlot& m = s.slots[i];
         if (m.number == 0) continue;
         std::printf("%s\n  {\"number\": %lu, \"name\": %s, \"kind\": \"%s\", \"priority\": %lu, \"blocked\": %s, "
-                    "\"calls\": %llu, \"faults\": %llu, \"slow_calls\": %llu, \"last_fault_module\": %s, "
-                    "\"call_ms\": %s}",
+                    "\"calls\": %llu, \"faults\": %llu, \"slow_calls\": %llu, \"aborted\": %llu, "
+                    "\"stuck\": %s, \"last_fault_module\": %s, \"call_ms\": %s}",
                     sep, static_cast<unsigned long>(i), Json(Utf8(m.name, 20)).c_str(), Kind(m.kind),
                     static_cast<unsigned long>(m.priority), m.blocked ? "true" : "false",
                     static_cast<unsigned long long>(m.calls), static_cast<unsigned long long>(m.faults),
-                    static_cast<unsigned long long>(m.slow_calls), Json(Utf8(m.fault_module, 40)).c_str(),
+                    static_cast<unsigned long long>(m.slow_calls), static_cast<unsigned long long>(m.aborted),
+                    m.stuck ? "true" : "false", Json(Utf8(m.fault_module, 40)).c_str(),
                     JsonSummary(Summarise(m.call)).c_str());
         sep = ",";
     }

@@ -13,6 +13,7 @@ constexpr CommandUsage kCommands[] = {
     {"register", "NAME [--shm BYTES]",
      "load and register ISR module NAME (file name,\nat most 19 characters), with private shared memory", 1, 1},
     {"unregister", "N", "unregister module number N (exit 1 when no module N is registered)", 1, 1},
+    {"unblock", "N", "let module N be called again after the watchdog\n(or the module itself) blocked it", 1, 1},
     {"find", "NAME", "print the number of the registered module NAME", 1, 1},
     {"info", "N", "print the shared-memory size module N registered with\n(exit 1 when no module N is registered)",
      1, 1},

@@ -26,6 +26,7 @@
 #include <new>
 #include <pthread.h>
 #include <sched.h>
+#include <unistd.h>
 
 #include "os/posix/posix_internal.h"
 #include "os/posix/process_setup.h"
@@ -260,5 +261,18 @@ bool thread_priority_set(Thread t, int priority) {
 std::uint32_t priority_class_get() { return posix::g_priority_class.load(); }
 
 Thread current_thread() { return posix::kCurrentThread; }
+
+void process_end_now(std::uint32_t code) { _exit(static_cast<int>(code)); }
+
+// Above kFifoHigh, the realtime class's time-critical threads; without
+// applied scheduling (test builds) only recorded, like every priority.
+bool thread_priority_top_self() {
+    if (!posix::g_apply.load(std::memory_order_relaxed)) return true;
+    sched_param sp{};
+    sp.sched_priority = posix::kFifoHigh + 1;
+    const int e = pthread_setschedparam(pthread_self(), SCHED_FIFO, &sp);
+    if (e != 0) errno = e;
+    return e == 0;
+}
 
 }  // namespace zor::os

@@ -63,6 +63,7 @@ bool run(void (*body)(void*), void* ctx, Fault* fault, bool take_all) {
     if (ok) return true;
     gs_write(0, g.handler_chain);
     if (g.fault.code == EXCEPTION_STACK_OVERFLOW) _resetstkoflw();
+    if (g.fault.address == zor_guard_abort_at) g.fault.code = kFaultAborted;
     if (fault) *fault = g.fault;
     return false;
 }

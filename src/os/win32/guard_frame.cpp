@@ -99,6 +99,11 @@ zor_guard_recover:
     jmp .Lzor_guard_leave
     .seh_handler zor_guard_seh, @except
     .seh_endproc
+
+    .p2align 4
+    .globl zor_guard_abort_at
+zor_guard_abort_at:
+    ud2
 )");
 
 // The handler of zor_guard_call's frame: called during frame dispatch for an

@@ -77,6 +77,10 @@ int zor_guard_call(void (*body)(void*), void* ctx, void* frame);
 extern char zor_guard_recover[];
 // The return address of the body's call.
 extern char zor_guard_return[];
+// Where guard_abort sends a thread: a fault with no unwind data of its own,
+// entered as if called from where the thread was, so that every frame
+// below is walked and unwound as for a fault there.
+extern char zor_guard_abort_at[];
 EXCEPTION_DISPOSITION zor_guard_seh(EXCEPTION_RECORD* rec, void* frame, CONTEXT* ctx,
                                     DISPATCHER_CONTEXT* dc);
 }

@@ -72,6 +72,8 @@ inline bool on_thread_stack(std::uint64_t rsp) {
     return rsp >= gs_read(0x1478) && rsp < gs_read(0x08);  // DeallocationStack, StackBase
 }
 
+constexpr std::uint16_t kJumpToSelf = 0xFEEB;  // jmp . (EB FE, little-endian)
+
 // Walks the frames from the fault up to the guard as frame dispatch will.
 // `handled` tells whether a frame in between has an exception handler;
 // the result tells whether the walk arrived exactly at the guard's call of
@@ -82,6 +84,10 @@ bool walk_to_guard(const CONTEXT* fault_ctx, std::uint64_t guard_rsp, bool* hand
     const std::uint64_t top = gs_read(0x08);
     while (c.Rsp < guard_rsp) {
         const std::uint64_t rsp = c.Rsp;
+        // Wine's unwinder loops for ever on a jump to itself (it follows
+        // jumps looking for an epilogue): such a frame is not walked, and
+        // the fault is taken without frame dispatch.
+        if (*reinterpret_cast<const std::uint16_t*>(c.Rip) == kJumpToSelf) return false;
         DWORD64 image = 0;
         PRUNTIME_FUNCTION fn = RtlLookupFunctionEntry(c.Rip, &image, nullptr);
         if (!fn) {  // a leaf, or code without unwind information

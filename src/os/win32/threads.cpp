@@ -9,7 +9,16 @@ namespace zor::os {
 // another thread.
 Thread current_thread() { return win32::U(GetCurrentThread()); }
 
+void process_end_now(std::uint32_t code) {
+    TerminateProcess(GetCurrentProcess(), code);
+    for (;;) Sleep(INFINITE);  // termination completes asynchronously
+}
+
 std::uint32_t priority_class_get() { return GetPriorityClass(GetCurrentProcess()); }
+
+bool thread_priority_top_self() {
+    return SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_TIME_CRITICAL) != 0;
+}
 
 namespace win32 {
 
