@@ -7,6 +7,7 @@
 #include "control/custom_services.h"
 #include "control/irq_driver.h"
 #include "control/module_entries.h"
+#include "control/module_policy.h"
 #include "dispatch/dispatcher.h"
 #include "modules/shared_mem.h"
 #include "modules/slot_table.h"
@@ -85,7 +86,7 @@ std::uint64_t Registry::Register(os::Peer& peer, std::uint32_t pid, std::uint32_
     }
     if (ok) {
         wcopy(s.name, kNameUnits, name);
-        s.module = os::module_load(s.name);
+        s.module = LoadModuleFor(peer, moduleDir_, s.name, log_);
         if (s.module == nullptr) {
             log_.wPrintf(kLogError, u"ZOR: Failed to load ISR: '%s'\n\r", s.name);
             ok = false;
@@ -224,6 +225,8 @@ void Registry::UnregisterISR(std::uint32_t slot, std::uint32_t waitMs) {
     dispatcher_.InvalidateDispatchOrder();
     dispatcher_.PauseISR(false);
 }
+
+void Registry::SetModuleDir(const char16_t* dir) { wcopy(moduleDir_, 260, dir); }
 
 std::uint32_t Registry::UnregisterCommand(std::uint64_t number) {
     CLock lock(funcs_);

@@ -18,10 +18,12 @@ constexpr std::uint32_t kPath = 260;
 void ReadConfigFiles(Host& host) {
     Config& c = host.config;
     // DLLDIR: per-installation file only; the start-up directory is the
-    // default. A value without a trailing backslash is used as it is.
+    // default. A value without a trailing backslash is used as it is (the
+    // drivers are looked up there; ISR modules get a separator added).
     char16_t dllDir[kPath];
     wcopy(dllDir, kPath, c.szExe);
     os::ini_read_string(kSection, u"DLLDIR", dllDir, c.szExe, kPath, c.szIni);
+    host.registry.SetModuleDir(c.szExe);
 
     // LASTIRQ: the per-user value wins, the per-installation one is its default.
     char16_t last[kPath];

@@ -115,4 +115,6 @@ bool env_set(const char* name, const char16_t* value) {
     return SetEnvironmentVariableW(wname, value ? W(value) : nullptr) != 0;
 }
 
+bool file_protected(const char16_t*) { return false; }
+
 }  // namespace zor::os

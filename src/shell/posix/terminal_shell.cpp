@@ -114,7 +114,11 @@ std::intptr_t TerminalShell::RunDialog(Host& host, bool hide) {
     os::ini_read_string(u"INIT", u"GROUP", u"", group16, 64, ini);
     utf16_to_utf8(group16, group, sizeof group);
     CommandSocket socket(host);
-    socket.Listen(group);
+    socket.Listen(group, static_cast<int>(os::ini_read_int(u"INIT", u"CONNPERUID", 16, ini)));
+    if (socket.FolderRefused()) {
+        std::fputs("ZOR: the command socket's folder is not safe (see the log): not started\n", stderr);
+        return -1;
+    }
 
     SelectionUi ui;
     ui.warnNoDriver = WarnNoDriver;
@@ -134,7 +138,9 @@ std::intptr_t TerminalShell::RunDialog(Host& host, bool hide) {
         fds[1] = pollfd{loop.asking ? STDIN_FILENO : -1, POLLIN, 0};
         const int n = 2 + socket.PollSet(fds + 2, CommandSocket::kMaxPeers + 1);
         const double wait = nextTick - os::now_ms();
-        poll(fds, n, wait > 0 ? static_cast<int>(wait) + 1 : 0);
+        int waitMs = wait > 0 ? static_cast<int>(wait) + 1 : 0;
+        if (const int silent = socket.WaitMs(); silent >= 0 && silent < waitMs) waitMs = silent;
+        poll(fds, n, waitMs);
         if (os::now_ms() >= nextTick) {
             nextTick += kAutoKillPeriodMs;
             loop.Tick();
