@@ -160,8 +160,8 @@ void CommandSocket::CloseSilent() {
     for (int i = 0; i < kMaxPeers; ++i) {
         Peer& p = peers_[i];
         if (p.fd < 0 || p.silentUntil == 0 || now < p.silentUntil) continue;
-        host_.log.wPrintf(kLogError, u"ZOR: command socket: peer pid %u uid %u sent nothing for %u s: closed\n\r",
-                          p.pid, p.uid, static_cast<unsigned>(kSilentMs / 1000));
+        host_.log.wPrintf(kLogError, u"ZOR: command socket: peer pid %u uid %u sent nothing for %u ms: closed\n\r",
+                          p.pid, p.uid, static_cast<unsigned>(silentMs_));
         Drop(i);
     }
 }
@@ -234,7 +234,7 @@ void CommandSocket::Admit(int fd) {
         close(fd);
         return;
     }
-    *slot = Peer{fd, pid, uid, os::now_ms() + kSilentMs};
+    *slot = Peer{fd, pid, uid, os::now_ms() + silentMs_};
 }
 
 void CommandSocket::Drop(int slot) {

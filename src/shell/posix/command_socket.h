@@ -51,6 +51,8 @@ public:
     // socket cannot be made. `group` empty: mode 0600, else 0660 for it.
     // `perUid`: connections one user may hold at once (0: no cap).
     bool Listen(const char* group, int perUid = 16);
+    // How long a connection may stay silent (tests shorten it).
+    void SetSilentMs(double ms) { silentMs_ = ms; }
     // True after Listen refused the runtime folder: the host must not run.
     bool FolderRefused() const { return folderRefused_; }
     // The descriptors to poll: the listening socket, then each peer.
@@ -81,6 +83,7 @@ private:
     bool starved_ = false;
     bool folderRefused_ = false;
     int perUid_ = 16;
+    double silentMs_ = kSilentMs;
     char path_[256] = {};
     struct Peer {
         int fd = -1;
