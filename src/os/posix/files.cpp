@@ -42,6 +42,13 @@ bool owned_and_closed(const char* path, bool folder) {
 }
 }  // namespace
 
+bool file_is_own(const char16_t* path) {
+    char file[PATH_MAX];
+    struct stat st;
+    return path && posix::to_utf8(path, file, sizeof file, true) && lstat(file, &st) == 0 && S_ISREG(st.st_mode) &&
+           st.st_uid == geteuid();
+}
+
 bool file_protected(const char16_t* path) {
     char file[PATH_MAX];
     if (!path || !posix::to_utf8(path, file, sizeof file, true)) return false;
