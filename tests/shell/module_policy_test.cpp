@@ -1,5 +1,6 @@
-// Which module files a peer of another user may have the host load: only a
-// protected file of the module folder, by name.
+// What another user's words may do to the host: name a module (only a
+// protected file of the module folder, by name), or reach the terminal
+// (escapes are shown, not obeyed).
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -9,6 +10,7 @@
 
 #include "common/test_host.h"
 #include "control/module_policy.h"
+#include "shell/posix/terminal_shell.h"
 
 namespace zor::test {
 namespace {
@@ -92,3 +94,20 @@ TEST_F(ModulePolicy, AFileOrFolderOthersMayWriteOrThatIsALinkIsRefused) {
 
 }  // namespace
 }  // namespace zor::test
+
+namespace zor::shell {
+namespace {
+
+TEST(TerminalText, ControlCharactersAreShownNotObeyed) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"ISR 'a\x1b]0;owned\x07' ok\r\n", "ISR 'a\\x1b]0;owned\\x07' ok\n"},
+        {"tab\tdel\x7f c1\xc2\x9b" "31m \xc3\xa9", "tab\tdel\\x7f c1\\x9b" "31m \xc3\xa9"},
+    };
+    for (const auto& [in, shown] : cases) {
+        char out[128];
+        EXPECT_EQ(std::string(out, TerminalText(in.data(), in.size(), out, sizeof out)), shown);
+    }
+}
+
+}  // namespace
+}  // namespace zor::shell

@@ -26,10 +26,8 @@ namespace {
 // Lines at level 0 or with mask 0 or 1 also go to a terminal's stderr.
 void StderrSink(void*, std::uint32_t level, std::uint32_t mask, const char* utf8, std::size_t len) {
     if (level != 0 && mask > 1) return;
-    char line[2048];
-    std::size_t n = 0;
-    for (std::size_t i = 0; i < len && n + 1 < sizeof line; ++i)
-        if (utf8[i] != '\r') line[n++] = utf8[i];
+    char line[4096];
+    std::size_t n = TerminalText(utf8, len, line, sizeof line - 1);
     if (n == 0 || line[n - 1] != '\n') line[n++] = '\n';
     (void)!write(STDERR_FILENO, line, n);
 }
@@ -37,9 +35,10 @@ void StderrSink(void*, std::uint32_t level, std::uint32_t mask, const char* utf8
 void WarnNoDriver(void*) { std::fputs("ZOR: Warning: No IRQ driver selected!\n", stderr); }
 
 void Print(const char16_t* text) {
-    char utf8[1024];
-    utf16_to_utf8(text, utf8, sizeof utf8);
-    std::fputs(utf8, stdout);
+    char utf8[1024], shown[4096];
+    const std::size_t n = TerminalText(utf8, utf16_to_utf8(text, utf8, sizeof utf8), shown, sizeof shown - 1);
+    shown[n] = 0;
+    std::fputs(shown, stdout);
     std::fflush(stdout);
 }
 
@@ -99,6 +98,30 @@ void LockMemory(Host& host) {
 }
 
 }  // namespace
+
+// Names in log lines are clients' words: an escape sequence in one must
+// not drive the operator's terminal.
+std::size_t TerminalText(const char* utf8, std::size_t len, char* out, std::size_t cap) {
+    static const char kHex[] = "0123456789abcdef";
+    std::size_t n = 0;
+    for (std::size_t i = 0; i < len; ++i) {
+        const auto c = static_cast<unsigned char>(utf8[i]);
+        // C0 controls but line feed and tab, DEL, and the C1 controls (U+0080..U+009F).
+        const bool c1 = c == 0xC2 && i + 1 < len && static_cast<unsigned char>(utf8[i + 1]) < 0xA0;
+        if (c == '\r') continue;
+        if ((c < 0x20 && c != '\n' && c != '\t') || c == 0x7F || c1) {
+            const unsigned v = c1 ? static_cast<unsigned char>(utf8[++i]) : c;
+            if (n + 4 > cap) break;
+            out[n++] = '\\';
+            out[n++] = 'x';
+            out[n++] = kHex[v >> 4];
+            out[n++] = kHex[v & 15];
+        } else if (n < cap) {
+            out[n++] = static_cast<char>(c);
+        }
+    }
+    return n;
+}
 
 void TerminalShell::LogStarted(Logger& log) {
     if (isatty(STDERR_FILENO)) log.SetSink(StderrSink, nullptr);

@@ -4,11 +4,17 @@
 // command socket served on the same thread between them.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "host/app.h"
 
 namespace zor::shell {
+
+// `utf8` as it may be shown on a terminal, into out (at most `cap` bytes,
+// not terminated): carriage returns dropped, every other control
+// character but line feed and tab written as "\\xHH". Returns the bytes.
+std::size_t TerminalText(const char* utf8, std::size_t len, char* out, std::size_t cap);
 
 class TerminalShell : public DialogShell {
 public:
