@@ -82,7 +82,7 @@ std::uint64_t Registry::Register(os::Peer& peer, std::uint32_t pid, std::uint32_
         s.number.store(slot, std::memory_order_relaxed);
         s.locker = new (std::nothrow) PageLocker(log_, lockedNames_);
         s.sharedSize = sharedSize;
-        if (sharedSize != 0) ok = CreateSharedMemory(peer, slot, pid, name, &remote);
+        ok = sharedSize == 0 || shm_.Fits(sharedSize, name);
     }
     if (ok) {
         wcopy(s.name, kNameUnits, name);
@@ -100,6 +100,8 @@ std::uint64_t Registry::Register(os::Peer& peer, std::uint32_t pid, std::uint32_
             ok = false;
         }
     }
+    // Memory is made for a module that loaded, never for a refused one.
+    if (ok && sharedSize != 0) ok = CreateSharedMemory(peer, slot, pid, name, &remote);
     if (!ok) {
         // The client never learns the value: take its handle back.
         if (remote != 0) {

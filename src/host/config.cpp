@@ -32,6 +32,8 @@ void ReadConfigFiles(Host& host) {
 
     os::ini_read_string(kSection, u"FALLBACKIRQ", u"", c.fallbackIrqName, kPath, c.szIni);
     c.allowLowIntegrity = os::ini_read_int(kSection, u"ALLOWLOWINTEGRITY", 0, c.szIni) == 1;
+    host.shm.SetCaps(std::uint64_t{os::ini_read_int(kSection, u"SHMMAXMB", 256, c.szIni)} << 20,
+                     std::uint64_t{os::ini_read_int(kSection, u"SHMTOTALMB", 1024, c.szIni)} << 20);
 }
 
 // '?' never starts a path or a list of pairs: it stands for "key absent".
