@@ -2,10 +2,12 @@
 // one pipe thread per connected client.
 //
 // Choices where the behaviour was open:
-// - Stopping a pipe also cancels a read blocked on a silent client
-//   (os::thread_cancel_io, repeated while the thread waits for a request),
-//   so a stop is quick; it still waits at most 10,000 ms before closing the
-//   handles. A request already being served finishes and is answered first.
+// - Stopping a pipe also cancels a read blocked on a silent client, and a
+//   write blocked on a client that does not read its answers
+//   (os::thread_cancel_io, repeated while the thread is in that I/O), so a
+//   stop is quick; it still waits at most 10,000 ms (for a request inside a
+//   module) before closing the handles. A request already being served
+//   finishes first.
 //   A pass that fails once a stop was requested ends the thread without the
 //   "Pipe-Communication failed" line: a stop is not a communication fault.
 // - The pipe thread's 256 KiB request buffer is on its own stack (the
@@ -51,9 +53,9 @@ struct ClientRecord {
     std::atomic<os::Handle> replyPipe{0};
     std::atomic<std::uint32_t> stopRequested{0};
     std::atomic<os::Thread> pipeThread{0};
-    // 1 while the pipe thread waits for (or reads) a request: only then may a
-    // stop cancel its read, and it holds the word at 2 while it cancels.
-    // Never while a module runs or an answer is written.
+    // 1 while the pipe thread waits for (or reads) a request or writes its
+    // answer: only then may a stop cancel its I/O, and it holds the word at
+    // 2 while it cancels. Never while a module runs.
     std::atomic<std::uint32_t> reading{0};
     // Fixed at construction: what the pipe thread needs to find its host.
     ClientRegistry* owner = nullptr;

@@ -48,6 +48,13 @@ bool Discard(ClientRecord& r, unsigned char* buffer, std::uint32_t n) {
     return true;
 }
 
+// A stop cancelling right now (2) finishes before this thread goes on.
+void LeaveIo(ClientRecord& r) {
+    for (std::uint32_t expected = 1; !r.reading.compare_exchange_weak(expected, 0, std::memory_order_acq_rel);
+         expected = 1) {
+    }
+}
+
 // One request-answer pass; false when any step failed.
 bool ServeOne(ClientRecord& r, unsigned char* buffer) {
     std::uint32_t length = 0;
@@ -62,13 +69,14 @@ bool ServeOne(ClientRecord& r, unsigned char* buffer) {
     } else {
         ok = ok && ReadAll(r, buffer, length);
     }
-    // A stop cancelling right now (2) finishes before this thread goes on.
-    for (std::uint32_t expected = 1;
-         !r.reading.compare_exchange_weak(expected, 0, std::memory_order_acq_rel); expected = 1) {
-    }
+    LeaveIo(r);
     if (!ok) return false;
     std::int32_t result = HandleClientRequest(r.owner->slots(), r.owner->caller(), buffer);
-    return WriteAll(r, &result, sizeof result);
+    // A client that does not read its answer must not keep a stop waiting.
+    r.reading.store(1, std::memory_order_release);
+    ok = WriteAll(r, &result, sizeof result);
+    LeaveIo(r);
+    return ok;
 }
 
 }  // namespace
