@@ -185,5 +185,29 @@ TEST_F(Registry, AStopEndsAWriteToAClientThatDoesNotRead) {
     feeder.join();
 }
 
+// A request stuck in a module: command 9 waits a moment, not 10 s, and
+// the thread it leaves keeps its own pipe, never the record's next one.
+TEST_F(Registry, AThreadLeftByAStopAnswersOnItsOwnPipeAndEnds) {
+    FakeModule::block = true;
+    const std::uint32_t i = host_->clients.RegisterClient(os::current_process_id());
+    const os::Handle oldReply = repRead_;
+    repRead_ = 0;
+    Connect(i);
+    SendRequest(slot_, {7});
+    while (FakeModule::calls < 1) os::sleep_ms(1);
+    const double start = os::now_ms();
+    host_->clients.StopClientPipe(i);
+    EXPECT_LT(os::now_ms() - start, 1000.0);
+    os::handle_close(reqWrite_);
+    ASSERT_TRUE(os::pipe_create(&reqRead_, &reqWrite_) && os::pipe_create(&repRead_, &repWrite_));
+    Connect(i);
+    FakeModule::block = false;
+    EXPECT_EQ(ReadWord(oldReply), Expected({7}));
+    SendRequest(slot_, {9});
+    EXPECT_EQ(Answer(), Expected({9}));
+    EXPECT_TRUE(host_->clients.StopAll());
+    os::handle_close(oldReply);
+}
+
 }  // namespace
 }  // namespace zor::test

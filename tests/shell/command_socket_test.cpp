@@ -76,11 +76,10 @@ protected:
         close(client_);
         std::filesystem::remove_all(dir_);
     }
-    int Connect() {
+    int Connect(int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
         sockaddr_un addr{};
         addr.sun_family = AF_UNIX;
         std::strcpy(addr.sun_path, path_);
-        const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
         EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
         return fd;
     }
@@ -205,10 +204,7 @@ TEST_F(SocketTest, OutOfDescriptorsWaitingPeersAreClosedOnceLoggedAndTheHostGoes
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
     std::vector<int> held;
     for (int fd; (fd = dup(client_)) >= 0;) held.push_back(fd);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::strcpy(addr.sun_path, path_);
-    for (int fd : waiting) ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    for (int fd : waiting) Connect(fd);
     for (int round = 0; round < 2; ++round) EXPECT_TRUE(Pump(100));
     EXPECT_FALSE(Pump(100));  // the queue is empty: poll does not wake
     for (int fd : held) close(fd);
