@@ -11,10 +11,10 @@
 //   when it ends, and the record is free for a new pipe at once.
 //   A pass that fails once a stop was requested ends the thread without the
 //   "Pipe-Communication failed" line: a stop is not a communication fault.
-// - The pipe thread's 256 KiB request buffer is on its own stack (the
-//   thread stack holds it: 1 MiB reserved on both systems): nothing is
-//   allocated per request, and two threads that serve one record after a
-//   second connect never share a buffer.
+// - The pipe thread's 256 KiB request buffer is its job's, allocated at
+//   connect, so that the thread's stack stays small: nothing is allocated
+//   per request, and two threads that serve one record after a second
+//   connect never share a buffer.
 // - A frame whose length is below 12 or above 262,144 bytes is a failed pass
 //   ("ZOR: Pipe-Communication failed!\n\r"); its declared bytes are read and
 //   dropped through the request buffer, so the next frame is served.
@@ -37,6 +37,7 @@
 #include "os/os.h"
 #include "os/peer.h"
 #include "support/critsec.h"
+#include "zor/zor_module.h"
 
 namespace zor {
 
@@ -59,6 +60,8 @@ struct PipeJob {
     // 0 running; 1 once the thread is done; 2 once a stop gave up waiting.
     // Whoever comes second releases the job.
     std::atomic<std::uint32_t> state{0};
+    // Reused for every request and never cleared.
+    alignas(16) unsigned char buffer[ZOR_PIPE_BUFFER_SIZE];
 };
 
 struct ClientRecord {

@@ -83,11 +83,9 @@ bool ServeOne(PipeJob& r, unsigned char* buffer) {
 void Serve(PipeJob& r) {
     if (r.stop.load(std::memory_order_acquire)) return;
     Logger& log = r.owner->log();
-    // Reused for every request and never cleared; on this thread's stack.
-    alignas(16) unsigned char buffer[ZOR_PIPE_BUFFER_SIZE];
     std::uint32_t failures = 0;
     do {
-        if (!ServeOne(r, buffer)) {
+        if (!ServeOne(r, r.buffer)) {
             // A read cancelled by a stop is the end, not a failure.
             if (r.stop.load(std::memory_order_acquire)) break;
             log.wPrintf(kLogTiming, u"ZOR: Pipe-Communication failed!\n\r");

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "common/fuzz_host.h"
+#include "host/command_intake.h"
 #include "os/posix/wire.h"
 #include "shell/posix/command_socket.h"
 
@@ -43,15 +44,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const int before = OpenDescriptors();
     {
         zor::test::FuzzHost fh;
-        zor::shell::CommandSocket socket(fh.host);
+        zor::shell::CommandSocket intake(fh.host);
         char path[256];
-        if (!socket.Listen("") || !zor::os::posix::wire::socket_path(getpid(), path, sizeof path)) std::abort();
+        if (!intake.Listen("") || !zor::os::posix::wire::socket_path(getpid(), path, sizeof path)) std::abort();
         sockaddr_un a{};
         a.sun_family = AF_UNIX;
         std::snprintf(a.sun_path, sizeof a.sun_path, "%s", path);
         const int client = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
         if (connect(client, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) std::abort();
-        Serve(socket);  // admits the client
+        Serve(intake);  // admits the client
         int fds[6];
         for (int i = 0; i < count; ++i) fds[i] = open("/dev/null", O_RDONLY | O_CLOEXEC);
         iovec iov{const_cast<std::uint8_t*>(in.p), in.n};
@@ -68,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
         const bool sent = sendmsg(client, &msg, MSG_NOSIGNAL) >= 0;
         for (int i = 0; i < count; ++i) close(fds[i]);
-        if (sent) Serve(socket);
+        if (sent) Serve(intake);
         // The answer's descriptors are the client's to close.
         std::uint64_t answer;
         iovec back{&answer, sizeof answer};
