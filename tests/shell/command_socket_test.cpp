@@ -52,7 +52,7 @@ TEST(RefusalLog, OneLinePerSecondPerUidCountingTheRest) {
     } steps[] = {{7, 0, true, 0}, {7, 500, false, 0}, {8, 600, true, 0}, {7, 900, false, 0}, {7, 1000, true, 2}};
     for (const Step& s : steps) {
         EXPECT_EQ(r.Due(s.uid, s.ms, &more), s.due) << s.uid << "@" << s.ms;
-        if (s.due) EXPECT_EQ(more, s.more) << s.uid << "@" << s.ms;
+        EXPECT_TRUE(!s.due || more == s.more) << s.uid << "@" << s.ms;
     }
 }
 
@@ -279,7 +279,9 @@ TEST(SocketFolder, AFolderOthersCouldControlIsRefused) {
         if (std::string(c.name) == "link") fs::create_directory_symlink(base / "real", dir);
         else fs::create_directory(dir);
         chmod(dir.c_str(), std::string(c.name) == "open" ? 0777 : 0700);
-        if (c.root) ASSERT_EQ(chown(dir.c_str(), 65534, 65534), 0);
+        if (c.root) {
+            ASSERT_EQ(chown(dir.c_str(), 65534, 65534), 0);
+        }
         test::TestHost th;
         test::ScopedEnv env("ZOR_RUNTIME_DIR", dir.u16string().c_str());
         CommandSocket socket(th.host());
