@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 
 #include "posix/host_socket.h"
 #include "zor/zor_client.h"
@@ -97,8 +98,7 @@ TEST(Trust, AnotherUsersHostIsNotTheHost) {
     EXPECT_EQ(uid, 65534u);
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
-    close(ready[0]);
-    close(ready[1]);
+    for (int fd : ready) close(fd);
 }
 
 TEST(Trust, AStatisticsObjectOfAnotherUserIsRefused) {
@@ -110,8 +110,7 @@ TEST(Trust, AStatisticsObjectOfAnotherUserIsRefused) {
     ASSERT_EQ(ftruncate(fd, sizeof(ZorStats)), 0);
     ASSERT_EQ(fchown(fd, 65534, 65534), 0);
     const ZorStats* stats = nullptr;
-    ZorView view{};
-    EXPECT_EQ(zor_stats_map(self, &stats, &view), ZOR_E_UNTRUSTED);
+    EXPECT_EQ(zor_stats_map(self, &stats, std::make_unique<ZorView>().get()), ZOR_E_UNTRUSTED);
     const RunResult r = Ctl(self, {"stats"});
     EXPECT_EQ(r.code, 3u);
     EXPECT_NE(r.out.find("belongs to uid 65534, not the host's user: refused"), std::string::npos) << r.out;
