@@ -90,7 +90,9 @@ typedef enum ZorStatus {
     ZOR_E_PIPE = -11,          /* the pipe broke or lost step; reopen it */
     ZOR_E_NAME_TOO_LONG = -12, /* module name over 19 UTF-16 units or bad UTF-8 */
     ZOR_E_NO_SLOT = -13,       /* every async result slot is taken */
-    ZOR_E_LAYOUT = -14         /* the statistics area has another layout */
+    ZOR_E_LAYOUT = -14,        /* the statistics area has another layout */
+    ZOR_E_UNTRUSTED = -15      /* Linux: what answered is not the host's own (another user's
+                                  socket or statistics object): see zor_untrusted_peer() */
 } ZorStatus;
 
 /* A sentence for a status (English, static storage, never null). */
@@ -116,7 +118,13 @@ typedef struct ZorView {
 
 /* Finds a running host (Linux: the newest one). `timeout_ms` bounds every
  * later command (0 = ZOR_CLIENT_DEFAULT_TIMEOUT_MS). ZOR_E_NO_HOST when
- * none runs. */
+ * none runs.
+ * Linux: before anything is sent the library checks whom it reached: the
+ * socket's folder must be writable by its owner only, the process at the
+ * other end (SO_PEERCRED) must run as that owner, and the owner must be
+ * this process's user, root or a system account (uid below 1000).
+ * Otherwise the host is skipped, and ZOR_E_UNTRUSTED when no other
+ * answers. */
 ZOR_CLIENT_API int zor_connect(ZorConnection** out, uint32_t timeout_ms);
 /* The same, for the host of process `host_pid` (several hosts in one
  * session, tests). */
@@ -174,11 +182,17 @@ ZOR_CLIENT_API int zor_system_area(ZorConnection* c, uint32_t size,
 ZOR_CLIENT_API int zor_read_counters(ZorConnection* c, uint32_t* sequence,
                                      uint32_t* run_counter);
 
+/* After ZOR_E_UNTRUSTED on this thread: the process that answered and its
+ * user, or the owner of a refused statistics object (pid 0). Windows: 0, 0. */
+ZOR_CLIENT_API void zor_untrusted_peer(uint32_t* pid, uint32_t* uid);
+
 /* ------------------------------------------------------- statistics area */
 
 /* Maps the statistics area of host `host_pid` for reading into *view;
  * *stats points at it. ZOR_E_NO_HOST when there is none (no such host, or
- * one running without the area). ZOR_E_LAYOUT when its magic, layout or
+ * one running without the area). ZOR_E_UNTRUSTED (Linux) when the object's
+ * owner is not the user the host runs as: anyone may make one under the
+ * host's name. ZOR_E_LAYOUT when its magic, layout or
  * size are not this header's, or it claims more bytes than are mapped:
  * then only magic, layout and size may be read, and the view is still
  * mapped (zor_unmap it). Needs no connection. */

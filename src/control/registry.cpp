@@ -7,6 +7,7 @@
 #include "control/custom_services.h"
 #include "control/irq_driver.h"
 #include "control/module_entries.h"
+#include "control/module_policy.h"
 #include "dispatch/dispatcher.h"
 #include "modules/shared_mem.h"
 #include "modules/slot_table.h"
@@ -81,11 +82,11 @@ std::uint64_t Registry::Register(os::Peer& peer, std::uint32_t pid, std::uint32_
         s.number.store(slot, std::memory_order_relaxed);
         s.locker = new (std::nothrow) PageLocker(log_, lockedNames_);
         s.sharedSize = sharedSize;
-        if (sharedSize != 0) ok = CreateSharedMemory(peer, slot, pid, name, &remote);
+        ok = sharedSize == 0 || shm_.Fits(sharedSize, name);
     }
     if (ok) {
         wcopy(s.name, kNameUnits, name);
-        s.module = os::module_load(s.name);
+        s.module = LoadModuleFor(peer, moduleDir_, s.name, log_);
         if (s.module == nullptr) {
             log_.wPrintf(kLogError, u"ZOR: Failed to load ISR: '%s'\n\r", s.name);
             LogLoaderReason(log_);
@@ -100,6 +101,8 @@ std::uint64_t Registry::Register(os::Peer& peer, std::uint32_t pid, std::uint32_
             ok = false;
         }
     }
+    // Memory is made for a module that loaded, never for a refused one.
+    if (ok && sharedSize != 0) ok = CreateSharedMemory(peer, slot, pid, name, &remote);
     if (!ok) {
         // The client never learns the value: take its handle back.
         if (remote != 0) {
@@ -231,6 +234,8 @@ void Registry::UnregisterISR(std::uint32_t slot, std::uint32_t waitMs) {
     dispatcher_.InvalidateDispatchOrder();
     dispatcher_.PauseISR(false);
 }
+
+void Registry::SetModuleDir(const char16_t* dir) { wcopy(moduleDir_, 260, dir); }
 
 std::uint32_t Registry::UnregisterCommand(std::uint64_t number) {
     CLock lock(funcs_);

@@ -43,6 +43,9 @@ public:
     // `waitMs` bounds the wait for calls still inside the module.
     void UnregisterISR(std::uint32_t slot, std::uint32_t waitMs = Caller::kUnloadWaitMs);
     void ReleaseModuleSlot(std::uint32_t slot, std::uint32_t waitMs = Caller::kUnloadWaitMs);
+    // The module folder (DLLDIR) where bare names are looked up first, and
+    // the only place other users' modules come from (control/module_policy.h).
+    void SetModuleDir(const char16_t* dir);
     // Command 2: always 0.
     std::uint32_t UnregisterCommand(std::uint64_t number);
     // Command 13 with a terminated name; command 14.
@@ -78,6 +81,7 @@ private:
     PageLocker& sysLocker_;
     LockedNames& lockedNames_;
     StopWatches& stopwatches_;
+    char16_t moduleDir_[260] = {};
     std::uint32_t stopwatchIds_[2] = {};
     bool ownImageLocked_ = false;
 };

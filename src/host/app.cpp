@@ -32,7 +32,8 @@ int RunZorApp(const char16_t* commandLine, DialogShell& shell) {
     host->registry.PrepareTables();
     host->stats.Publish();
 
-    shell.RunDialog(*host, hide);
+    // -1: the dialog could not run at all (the shell said why).
+    const std::intptr_t ran = shell.RunDialog(*host, hide);
 
     // No pipe thread may be inside a module while the modules go. A thread
     // stuck in a module keeps that module loaded and the host alive: the
@@ -54,7 +55,7 @@ int RunZorApp(const char16_t* commandLine, DialogShell& shell) {
         logger.wPrintf(kLogFault, u"ZOR: a client request is still running in a module: exit without cleanup\n\r");
     }
     logger.End();
-    return 0;
+    return ran == -1 ? 1 : 0;
 }
 
 }  // namespace zor

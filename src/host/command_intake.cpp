@@ -105,11 +105,19 @@ std::uint32_t PipeConnect(const CommandRequest& r) {
                                      U64(r, offsetof(ZorPipePayload, request_pipe)),
                                      U64(r, offsetof(ZorPipePayload, reply_pipe)), pid);
 }
+// A client names itself by pid: on Linux only its own record is reachable.
 std::uint32_t PipeDisconnect(const CommandRequest& r) {
-    return r.host.clients.StopClientPipe(r.host.clients.FindClient(U32(r, 0)));
+    const std::uint32_t pid = U32(r, 0);
+    return r.peer.Is(pid) ? r.host.clients.StopClientPipe(r.host.clients.FindClient(pid)) : 0;
 }
-std::uint32_t ClientAdd(const CommandRequest& r) { return r.host.clients.RegisterClient(U32(r, 0)); }
-std::uint32_t ClientRemove(const CommandRequest& r) { return r.host.clients.UnregisterClient(U32(r, 0)); }
+std::uint32_t ClientAdd(const CommandRequest& r) {
+    const std::uint32_t pid = U32(r, 0);
+    return r.peer.Is(pid) ? r.host.clients.RegisterClient(pid) : 0;
+}
+std::uint32_t ClientRemove(const CommandRequest& r) {
+    const std::uint32_t pid = U32(r, 0);
+    return r.peer.Is(pid) ? r.host.clients.UnregisterClient(pid) : 0;
+}
 std::uint32_t FindModule(const CommandRequest& r) {
     Copy c(r);
     if (CopyFailed(r, ZOR_CMD_FIND_MODULE, c)) return 0;

@@ -18,7 +18,8 @@ constexpr std::uint32_t kPath = 260;
 void ReadConfigFiles(Host& host) {
     Config& c = host.config;
     // DLLDIR: per-installation file only; the start-up directory is the
-    // default. A value without a trailing backslash is used as it is.
+    // default. A value without a trailing backslash is used as it is (the
+    // drivers are looked up there; ISR modules get a separator added).
     char16_t dllDir[kPath];
     wcopy(dllDir, kPath, c.szExe);
     os::ini_read_string(kSection, u"DLLDIR", dllDir, c.szExe, kPath, c.szIni);
@@ -27,6 +28,7 @@ void ReadConfigFiles(Host& host) {
         host.log.wPrintf(kLogError, u"ZOR: Warning: DLLDIR '%s' does not end with a separator: the driver "
                                     u"search looks for '%s*.irq'\n\r", c.szExe, c.szExe);
     }
+    host.registry.SetModuleDir(c.szExe);
 
     // LASTIRQ: the per-user value wins, the per-installation one is its default.
     char16_t last[kPath];
@@ -37,6 +39,8 @@ void ReadConfigFiles(Host& host) {
     c.allowLowIntegrity = os::ini_read_int(kSection, u"ALLOWLOWINTEGRITY", 0, c.szIni) == 1;
     c.watchdogMs = os::ini_read_int(kSection, u"WATCHDOGMS", 0, c.szIni);
     host.watchdog.SetBudget(c.watchdogMs);
+    host.shm.SetCaps(std::uint64_t{os::ini_read_int(kSection, u"SHMMAXMB", 256, c.szIni)} << 20,
+                     std::uint64_t{os::ini_read_int(kSection, u"SHMTOTALMB", 1024, c.szIni)} << 20);
 }
 
 // '?' never starts a path or a list of pairs: it stands for "key absent".

@@ -25,6 +25,24 @@ void InitArea(unsigned char* area, std::uint32_t size) {
 
 }  // namespace
 
+bool SharedMemory::Fits(std::uint32_t size, const char16_t* what) const {
+    std::uint64_t inUse = mapping_ != 0 ? AreaSize() : 0;
+    for (std::uint32_t s = 1; s < slots_.HighWater() && s < SlotTable::kSlots; ++s)
+        if (slots_[s].mapping != 0) inUse += slots_[s].sharedSize;
+    if (maxBytes_ != 0 && size > maxBytes_) {
+        log_.wPrintf(kLogError, u"ZOR: shared memory of %u bytes for '%s' refused: over %u MiB (SHMMAXMB)\n\r", size,
+                     what, static_cast<unsigned>(maxBytes_ >> 20));
+        return false;
+    }
+    if (totalBytes_ != 0 && inUse + size > totalBytes_) {
+        log_.wPrintf(kLogError,
+                     u"ZOR: shared memory of %u bytes for '%s' refused: %u MiB in use of %u MiB (SHMTOTALMB)\n\r",
+                     size, what, static_cast<unsigned>(inUse >> 20), static_cast<unsigned>(totalBytes_ >> 20));
+        return false;
+    }
+    return true;
+}
+
 std::uint64_t SharedMemory::SysMem(os::Peer& peer, std::uint32_t pid, std::uint32_t size) {
     CLock lock(funcs_);
     const bool complete = mapping_ != 0 && Area() != nullptr;
@@ -34,6 +52,7 @@ std::uint64_t SharedMemory::SysMem(os::Peer& peer, std::uint32_t pid, std::uint3
                            size, ZOR_SSA_MIN_SIZE);
             return 0;
         }
+        if (!Fits(size, u"system area")) return 0;
         mapping_ = os::mapping_create(size);
         if (mapping_ == 0) {
             log_.wPrintf(kLogFault, u"ZOR: Failed to alloc system shared memory!\n\r");

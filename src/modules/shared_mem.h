@@ -27,6 +27,19 @@ public:
     SharedMemory(const SharedMemory&) = delete;
     SharedMemory& operator=(const SharedMemory&) = delete;
 
+    // Caps on client-sized memory (ZOR.INI SHMMAXMB, SHMTOTALMB): bytes of
+    // one mapping and of all of them together (the system area and every
+    // module's); 0: no cap.
+    static constexpr std::uint64_t kDefaultMaxBytes = 256ull << 20;
+    static constexpr std::uint64_t kDefaultTotalBytes = 1024ull << 20;
+    void SetCaps(std::uint64_t maxBytes, std::uint64_t totalBytes) {
+        maxBytes_ = maxBytes;
+        totalBytes_ = totalBytes;
+    }
+    // True when `size` more bytes stay within the caps; otherwise false
+    // after a line naming `what`. Under csecFuncs.
+    bool Fits(std::uint32_t size, const char16_t* what) const;
+
     // Command 3: handle value valid in `pid`, 0 on failure.
     std::uint64_t SysMem(os::Peer& peer, std::uint32_t pid, std::uint32_t size);
     // Unmaps and closes the system area (takes csecFuncs).
@@ -48,6 +61,7 @@ private:
     Logger& log_;
     CCritSec& funcs_;
     const SlotTable& slots_;
+    std::uint64_t maxBytes_ = kDefaultMaxBytes, totalBytes_ = kDefaultTotalBytes;
     os::Handle mapping_ = 0;  // written only under csecFuncs
     std::atomic<unsigned char*> view_{nullptr};
     std::atomic<std::uint32_t> size_{0};

@@ -104,6 +104,15 @@ bool user_state_dir(char16_t* buf, std::uint32_t size);
 // name without directory, in the platform's order.
 using FileVisitor = void (*)(void* ctx, const char16_t* name);
 void enumerate_files(const char16_t* pattern, FileVisitor visit, void* ctx);
+// True when the file `path` and its folder are owned by root or this
+// process's effective user and writable by no one else, and neither is a
+// symbolic link: what a module named by another user may be loaded from.
+// Windows has no such peers (false: nothing is vouched for).
+bool file_protected(const char16_t* path);
+// True when `path` is a regular file (not a link) that this process's
+// effective user owns: what the log's rotation may delete. Windows: any
+// regular file (the log folder is the user's own).
+bool file_is_own(const char16_t* path);
 // OutputDebugStringW on Windows; nothing on posix.
 void debug_output(const char16_t* text);
 // Environment variable into buf (UTF-16); false when unset.

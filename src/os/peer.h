@@ -27,12 +27,23 @@ public:
     virtual bool CloseIn(Handle process, std::uint64_t remote) = 0;
     // Ends what Open returned.
     virtual void Close(Handle process) = 0;
+    // True when `pid` is this peer, for commands that name a client by pid
+    // without reaching it (9, 11, 12).
+    virtual bool Is(std::uint32_t pid) = 0;
+    // True when the peer is the host's own user (or root): it may load a
+    // module from any path, as the host's user itself could. Others may
+    // only name a protected file of the module folder.
+    virtual bool Trusted() const = 0;
+    // The kernel's word for who the peer is, for log lines (0 when unknown).
+    virtual std::uint32_t Pid() const = 0;
+    virtual std::uint32_t Uid() const = 0;
 
 protected:
     ~Peer() = default;
 };
 
-// Processes reached by pid through `calls`.
+// Processes reached by pid through `calls`: any pid, and always trusted
+// (Windows messages come from the host's desktop; tests are the host).
 Peer& process_peer();
 
 }  // namespace zor::os

@@ -1,6 +1,8 @@
 // The client table: registration, pipe connection and stop.
 #include "pipes/client_registry.h"
 
+#include <new>
+
 #include "modules/slot_table.h"
 #include "support/log.h"
 
@@ -35,7 +37,7 @@ std::uint32_t ClientRegistry::RegisterClient(std::uint32_t pid) {
         r.replyPipe.store(0, std::memory_order_relaxed);
         r.stopRequested.store(0, std::memory_order_relaxed);
         r.pipeThread.store(0, std::memory_order_relaxed);
-        r.reading.store(0, std::memory_order_relaxed);
+        r.job.store(nullptr, std::memory_order_relaxed);
         r.pid.store(pid, std::memory_order_relaxed);
         r.inUse.store(1, std::memory_order_release);
         return i;
@@ -59,16 +61,23 @@ std::uint32_t ClientRegistry::ConnectClientPipe(os::Peer& peer, std::uint32_t in
                     peer.DupFrom(process, replyPipe, &reply);
     peer.Close(process);
     os::Thread thread = 0;
-    if (ok) {
+    PipeJob* job = ok ? new (std::nothrow) PipeJob : nullptr;
+    if (job) {
+        job->owner = this;
+        job->request = request;
+        job->reply = reply;
         r.requestPipe.store(request, std::memory_order_relaxed);
         r.replyPipe.store(reply, std::memory_order_relaxed);
         r.stopRequested.store(0, std::memory_order_relaxed);
-        thread = os::thread_create(ClientPipeThread, &r);
+        r.job.store(job, std::memory_order_release);
+        thread = os::thread_create(ClientPipeThread, job);
     }
     if (!thread) {
         // Without a thread no stop would ever close them.
         r.requestPipe.store(0, std::memory_order_relaxed);
         r.replyPipe.store(0, std::memory_order_relaxed);
+        r.job.store(nullptr, std::memory_order_relaxed);
+        delete job;
         if (request) os::handle_close(request);
         if (reply) os::handle_close(reply);
         return 0;
@@ -77,10 +86,17 @@ std::uint32_t ClientRegistry::ConnectClientPipe(os::Peer& peer, std::uint32_t in
     return 0;
 }
 
+void ClientRegistry::ReleaseJob(PipeJob* job, bool left) {
+    if (job->request) os::handle_close(job->request);
+    if (job->reply) os::handle_close(job->reply);
+    delete job;
+    if (left) left_.fetch_sub(1, std::memory_order_acq_rel);  // the thread's last touch of the host
+}
+
 // Cancels the pipe thread's read only while it is really in it: the thread
 // cannot leave its read (and call a module, or write an answer) while
 // `reading` is 2, so the cancel never meets any other I/O of the thread.
-void ClientRegistry::CancelRead(ClientRecord& r, os::Thread thread) {
+void ClientRegistry::CancelRead(PipeJob& r, os::Thread thread) {
     std::uint32_t expected = 1;
     if (!r.reading.compare_exchange_strong(expected, 2, std::memory_order_acq_rel)) return;
     os::thread_cancel_io(thread);
@@ -91,7 +107,7 @@ void ClientRegistry::CancelRead(ClientRecord& r, os::Thread thread) {
 // true when it ended. Waits in short slices and cancels the read whenever
 // the thread is blocked waiting for a request: a single cancel could arrive
 // just before the thread enters its read and be lost.
-bool ClientRegistry::AwaitThread(ClientRecord& r, os::Thread thread, std::uint32_t budgetMs,
+bool ClientRegistry::AwaitThread(PipeJob& r, os::Thread thread, std::uint32_t budgetMs,
                                  std::uint32_t* spent) {
     constexpr std::uint32_t kSliceMs = 20;
     for (std::uint32_t waited = 0;;) {
@@ -111,21 +127,26 @@ bool ClientRegistry::StopPipe(std::uint32_t index, std::uint32_t budgetMs, std::
     ClientRecord& r = table_[index];
     os::Thread thread = r.pipeThread.load(std::memory_order_acquire);
     if (!thread) return true;
+    PipeJob* job = r.job.load(std::memory_order_acquire);
     r.stopRequested.store(1, std::memory_order_release);
-    const bool ended = AwaitThread(r, thread, budgetMs, spent);
-    // A thread still inside a module keeps what it uses, unless the caller
-    // closes the handles under it (a stop while the host goes on).
+    job->stop.store(1, std::memory_order_release);
+    const bool ended = AwaitThread(*job, thread, budgetMs, spent);
+    // A thread still inside a module keeps its record at shut-down; a
+    // command leaves it the job, to release when its module returns.
     if (!ended && !evenIfRunning) return false;
     os::thread_close(thread);
     r.pipeThread.store(0, std::memory_order_release);
-    if (os::Handle h = r.requestPipe.exchange(0, std::memory_order_acq_rel)) os::handle_close(h);
-    if (os::Handle h = r.replyPipe.exchange(0, std::memory_order_acq_rel)) os::handle_close(h);
+    r.job.store(nullptr, std::memory_order_release);
+    r.requestPipe.store(0, std::memory_order_relaxed);
+    r.replyPipe.store(0, std::memory_order_relaxed);
+    if (!ended) left_.fetch_add(1, std::memory_order_acq_rel);
+    if (ended || job->state.exchange(2, std::memory_order_acq_rel) == 1) ReleaseJob(job, !ended);
     return ended;
 }
 
 std::uint32_t ClientRegistry::StopClientPipe(std::uint32_t index) {
     std::uint32_t spent = 0;
-    StopPipe(index, kStopWaitMs, &spent, true);
+    StopPipe(index, kCommandStopWaitMs, &spent, true);
     return 0;
 }
 
@@ -147,7 +168,9 @@ bool ClientRegistry::StopAll() {
     bool all = true;
     for (std::uint32_t i = 0; i < kRecords; ++i)
         all = StopPipe(i, spent < kStopWaitMs ? kStopWaitMs - spent : 0, &spent, false) && all;
-    return all;
+    // Threads that commands left behind use this host until they end.
+    for (; left_.load(std::memory_order_acquire) != 0 && spent < kStopWaitMs; spent += 20) os::sleep_ms(20);
+    return all && left_.load(std::memory_order_acquire) == 0;
 }
 
 }  // namespace zor

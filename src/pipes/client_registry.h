@@ -2,17 +2,19 @@
 // one pipe thread per connected client.
 //
 // Choices where the behaviour was open:
-// - Stopping a pipe also cancels a read blocked on a silent client
-//   (os::thread_cancel_io, repeated while the thread waits for a request),
-//   so a stop is quick; it still waits at most 10,000 ms before closing the
-//   handles. A request already being served finishes and is answered first.
+// - Stopping a pipe also cancels a read blocked on a silent client, and a
+//   write blocked on a client that does not read its answers
+//   (os::thread_cancel_io, repeated while the thread is in that I/O), so a
+//   stop is quick. A request inside a module is waited for 250 ms by a
+//   command, 10,000 ms at shut-down; a command then leaves the thread to
+//   finish by itself with its own handles (a PipeJob), which it closes
+//   when it ends, and the record is free for a new pipe at once.
 //   A pass that fails once a stop was requested ends the thread without the
 //   "Pipe-Communication failed" line: a stop is not a communication fault.
-// - The pipe thread's 256 KiB request buffer is on its own stack (the
-//   default thread stack holds it: 2 MiB reserved for zor.exe, 8 MiB with
-//   glibc): nothing is
-//   allocated per request, and two threads that serve one record after a
-//   second connect never share a buffer.
+// - The pipe thread's 256 KiB request buffer is its job's, allocated at
+//   connect, so that the thread's stack stays small: nothing is allocated
+//   per request, and two threads that serve one record after a second
+//   connect never share a buffer.
 // - A frame whose length is below 12 or above 262,144 bytes is a failed pass
 //   ("ZOR: Pipe-Communication failed!\n\r"); its declared bytes are read and
 //   dropped through the request buffer, so the next frame is served.
@@ -35,6 +37,7 @@
 #include "os/os.h"
 #include "os/peer.h"
 #include "support/critsec.h"
+#include "zor/zor_module.h"
 
 namespace zor {
 
@@ -43,18 +46,33 @@ class ClientRegistry;
 class Logger;
 class SlotTable;
 
+// What one pipe thread owns: its handles (the host's duplicates), its stop
+// and its I/O word. A thread that outlives its stop (a request stuck in a
+// module) keeps them and never sees the record's next pipe.
+struct PipeJob {
+    ClientRegistry* owner = nullptr;
+    os::Handle request = 0, reply = 0;
+    std::atomic<std::uint32_t> stop{0};
+    // 1 while the pipe thread waits for (or reads) a request or writes its
+    // answer: only then may a stop cancel its I/O, and it holds the word at
+    // 2 while it cancels. Never while a module runs.
+    std::atomic<std::uint32_t> reading{0};
+    // 0 running; 1 once the thread is done; 2 once a stop gave up waiting.
+    // Whoever comes second releases the job.
+    std::atomic<std::uint32_t> state{0};
+    // Reused for every request and never cleared.
+    alignas(16) unsigned char buffer[ZOR_PIPE_BUFFER_SIZE];
+};
+
 struct ClientRecord {
     std::atomic<std::uint32_t> inUse{0};
     std::atomic<std::uint32_t> pid{0};
-    // The host's own duplicates; the pipe thread reads them on every pass.
+    // The current job's handles (0 without a pipe), for the table's readers.
     std::atomic<os::Handle> requestPipe{0};
     std::atomic<os::Handle> replyPipe{0};
     std::atomic<std::uint32_t> stopRequested{0};
     std::atomic<os::Thread> pipeThread{0};
-    // 1 while the pipe thread waits for (or reads) a request: only then may a
-    // stop cancel its read, and it holds the word at 2 while it cancels.
-    // Never while a module runs or an answer is written.
-    std::atomic<std::uint32_t> reading{0};
+    std::atomic<PipeJob*> job{nullptr};
     // Fixed at construction: what the pipe thread needs to find its host.
     ClientRegistry* owner = nullptr;
     std::uint32_t index = 0;
@@ -64,6 +82,9 @@ class ClientRegistry {
 public:
     static constexpr std::uint32_t kRecords = 10;
     static constexpr std::uint32_t kStopWaitMs = 10000;
+    // What a command (8, 9, 12) waits for a pipe thread inside a module
+    // before it leaves the thread to end by itself.
+    static constexpr std::uint32_t kCommandStopWaitMs = 250;
     static constexpr std::uint32_t kMaxFailures = 10;
 
     ClientRegistry(Logger& log, CCritSec& funcs, SlotTable& slots, Caller& caller);
@@ -97,9 +118,12 @@ public:
     SlotTable& slots() { return slots_; }
     Caller& caller() { return caller_; }
 
+    // A job ends: its handles close; one left by its stop is counted out.
+    void ReleaseJob(PipeJob* job, bool left);
+
 private:
-    static void CancelRead(ClientRecord& r, os::Thread thread);
-    static bool AwaitThread(ClientRecord& r, os::Thread thread, std::uint32_t budgetMs,
+    static void CancelRead(PipeJob& job, os::Thread thread);
+    static bool AwaitThread(PipeJob& job, os::Thread thread, std::uint32_t budgetMs,
                             std::uint32_t* spent);
     bool StopPipe(std::uint32_t index, std::uint32_t budgetMs, std::uint32_t* spent,
                   bool evenIfRunning);
@@ -109,9 +133,10 @@ private:
     SlotTable& slots_;
     Caller& caller_;
     ClientRecord table_[kRecords];
+    std::atomic<std::uint32_t> left_{0};  // threads left running by a stop
 };
 
-// The pipe thread of one record (argument: its ClientRecord*). Returns 0.
+// The pipe thread of one job (argument: its PipeJob*). Returns 0.
 std::uint32_t ClientPipeThread(void* record);
 
 // One request for a module's ExecRemoteFunc: `request` points to at least 12

@@ -176,8 +176,25 @@ void LogFile::Rotate() {
     if (OpenCurrent()) DeleteOldFiles();
 }
 
+// True for exactly the names this log gives its files after `prefix`:
+// "YYYYMMDD-HHMMSS-<pid>" and "-<part>" (required for a fixed file's
+// parts), then `ext`.
+static bool OwnName(const std::u16string& n, std::size_t at, const std::u16string& ext, bool partRequired) {
+    auto digits = [&](std::size_t min, std::size_t max) {
+        std::size_t k = 0;
+        while (at < n.size() && n[at] >= u'0' && n[at] <= u'9' && k < max) ++at, ++k;
+        return k >= min;
+    };
+    auto dash = [&] { return at < n.size() && n[at++] == u'-'; };
+    if (!digits(8, 8) || !dash() || !digits(6, 6) || !dash() || !digits(1, 10)) return false;
+    if (n.size() >= ext.size() && at == n.size() - ext.size() && !partRequired) return n.compare(at, ext.size(), ext) == 0;
+    if (!dash() || !digits(1, 10)) return false;
+    return at == n.size() - ext.size() && n.compare(at, ext.size(), ext) == 0;
+}
+
 // The set kept: per-run files "zor-*.log", or the renamed parts
-// "<name>-*<ext>" of a fixed file; newest first by last write.
+// "<name>-*<ext>" of a fixed file; newest first by last write. Only the
+// host's user's regular files of exactly these names go.
 void LogFile::DeleteOldFiles() {
     if (!keep_ || frozen_) return;
     fs::path cur(path_);
@@ -189,8 +206,9 @@ void LogFile::DeleteOldFiles() {
          !ec && it != end; it.increment(ec)) {
         std::u16string n = it->path().filename().u16string();
         std::error_code e2;
-        if (!it->is_regular_file(e2) || n.size() < prefix.size() + ext.size() || n.compare(0, prefix.size(), prefix) ||
-            n.compare(n.size() - ext.size(), ext.size(), ext) || it->path().filename() == cur.filename())
+        if (n.size() < prefix.size() + ext.size() || n.compare(0, prefix.size(), prefix) ||
+            !OwnName(n, prefix.size(), ext, fixed_) || it->path().filename() == cur.filename() ||
+            !os::file_is_own(it->path().u16string().c_str()))
             continue;
         set.emplace_back(it->last_write_time(e2), it->path());
     }

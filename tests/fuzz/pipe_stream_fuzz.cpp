@@ -47,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     zor::ClientRecord& r = h.clients.Record(index);
     auto busy = [&] {
         const zor::os::Thread t = r.pipeThread.load();
-        return t != 0 && zor::os::thread_wait(t, 0) != 0 && (Unread(reqRead) > 0 || r.reading.load() == 0);
+        return t != 0 && zor::os::thread_wait(t, 0) != 0 && (Unread(reqRead) > 0 || r.job.load()->reading.load() == 0);
     };
     while (busy()) std::this_thread::yield();
     h.clients.StopClientPipe(index);

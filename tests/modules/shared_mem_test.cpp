@@ -99,5 +99,24 @@ TEST_F(SharedMemTest, ReleaseUnmapsThenClosesAndTheSequenceWordStopsBeingWritten
     EXPECT_EQ(h.services.Call(SERV_GetIRQTime, 0, 0, 0, 0, 0, 0, nullptr), 0);
 }
 
+// Caps on client-sized memory: one mapping, and all of them together; a
+// refused module is not loaded, and no memory is made for it.
+TEST_F(SharedMemTest, MemoryOverTheCapsIsRefusedBeforeAnythingIsMade) {
+    test::TestIsr isr;
+    h.shm.SetCaps(64 * 1024, 96 * 1024);
+    fake.events.clear();  // the test's own load of the module
+    const std::string name = test::Utf8(isr.FileName());
+    EXPECT_EQ(test::RegisterIsr(h, "test_isr", 64 * 1024 + 1), 0u);
+    EXPECT_TRUE(log.Contains("ZOR: shared memory of 65537 bytes for '" + name + "' refused: over 0 MiB (SHMMAXMB)\n\r"));
+    EXPECT_TRUE(fake.events.empty());
+    EXPECT_NE(SysMem(1, 64 * 1024), 0u);
+    EXPECT_NE(test::RegisterIsr(h, "test_isr", 32 * 1024), 0u);  // exactly the total
+    fake.events.clear();
+    EXPECT_EQ(test::RegisterIsr(h, "test_isr_b", 4096), 0u);
+    EXPECT_TRUE(log.ContainsSubstr("ZOR: shared memory of 4096 bytes for '"));
+    EXPECT_TRUE(log.ContainsSubstr("refused: 0 MiB in use of 0 MiB (SHMTOTALMB)\n\r"));
+    EXPECT_TRUE(fake.events.empty());
+}
+
 }  // namespace
 }  // namespace zor

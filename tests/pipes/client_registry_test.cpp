@@ -4,6 +4,7 @@
 #include "client_test_util.h"
 #include "common/test_host.h"
 
+#include <thread>
 #include <vector>
 
 namespace zor::test {
@@ -163,6 +164,51 @@ TEST_F(Registry, ThreadsStuckInAModuleShareOneBoundedWaitAndKeepTheirRecords) {
     EXPECT_EQ(Answer(), Expected({1}));
     EXPECT_TRUE(host_->clients.StopAll());
     for (os::Handle h : {req2Read, req2Write, rep2Read, rep2Write}) os::handle_close(h);
+}
+
+// A client that sends and never reads its answers: the pipe thread blocks
+// writing one, and a stop (command 9, or 8 again) ends that write at once.
+TEST_F(Registry, AStopEndsAWriteToAClientThatDoesNotRead) {
+    const std::uint32_t i = host_->clients.RegisterClient(os::current_process_id());
+    Connect(i);
+    std::thread feeder([this] {
+        const std::uint32_t frame[4] = {12, 0, slot_, 0};
+        std::uint32_t done = 0;
+        while (os::pipe_write(reqWrite_, frame, 16, &done)) {}  // until the host's end goes
+    });
+    for (std::uint32_t seen = 0; seen != FakeModule::calls.load() || seen == 0;) {  // until the answers stop
+        seen = FakeModule::calls.load();
+        os::sleep_ms(300);
+    }
+    const double start = os::now_ms();
+    host_->clients.StopClientPipe(i);
+    EXPECT_LT(os::now_ms() - start, 2000.0);
+    EXPECT_EQ(host_->clients.Record(i).pipeThread.load(), 0u);
+    feeder.join();
+}
+
+// A request stuck in a module: command 9 waits a moment, not 10 s, and
+// the thread it leaves keeps its own pipe, never the record's next one.
+TEST_F(Registry, AThreadLeftByAStopAnswersOnItsOwnPipeAndEnds) {
+    FakeModule::block = true;
+    const std::uint32_t i = host_->clients.RegisterClient(os::current_process_id());
+    const os::Handle oldReply = repRead_;
+    repRead_ = 0;
+    Connect(i);
+    SendRequest(slot_, {7});
+    while (FakeModule::calls < 1) os::sleep_ms(1);
+    const double start = os::now_ms();
+    host_->clients.StopClientPipe(i);
+    EXPECT_LT(os::now_ms() - start, 1000.0);
+    os::handle_close(reqWrite_);
+    ASSERT_TRUE(os::pipe_create(&reqRead_, &reqWrite_) && os::pipe_create(&repRead_, &repWrite_));
+    Connect(i);
+    FakeModule::block = false;
+    EXPECT_EQ(ReadWord(oldReply), Expected({7}));
+    SendRequest(slot_, {9});
+    EXPECT_EQ(Answer(), Expected({9}));
+    EXPECT_TRUE(host_->clients.StopAll());
+    os::handle_close(oldReply);
 }
 
 }  // namespace

@@ -8,6 +8,9 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <grp.h>
 #include <filesystem>
 #include <vector>
 
@@ -38,29 +41,60 @@ TEST(PeerAccess, OwnUserRootAndTheConfiguredGroupOnly) {
     }
 }
 
+TEST(RefusalLog, OneLinePerSecondPerUidCountingTheRest) {
+    RefusalLog r;
+    std::uint32_t more = 99;
+    struct Step {
+        std::uint32_t uid;
+        double ms;
+        bool due;
+        std::uint32_t more;
+    } steps[] = {{7, 0, true, 0}, {7, 500, false, 0}, {8, 600, true, 0}, {7, 900, false, 0}, {7, 1000, true, 2}};
+    for (const Step& s : steps) {
+        EXPECT_EQ(r.Due(s.uid, s.ms, &more), s.due) << s.uid << "@" << s.ms;
+        EXPECT_TRUE(!s.due || more == s.more) << s.uid << "@" << s.ms;
+    }
+}
+
+int OpenDescriptors() {
+    return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
+}
+
 class SocketTest : public test::HostTest {
 protected:
     void SetUp() override {
-        ASSERT_TRUE(socket_.Listen(""));
-        char path[256];
-        ASSERT_TRUE(os::posix::wire::socket_path(static_cast<std::uint32_t>(getpid()), path, sizeof path));
+        socket_.SetSilentMs(silentMs_);
+        ASSERT_TRUE(socket_.Listen(group_, perUid_));
+        ASSERT_TRUE(os::posix::wire::socket_path(static_cast<std::uint32_t>(getpid()), path_, sizeof path_));
         struct stat st{};
-        ASSERT_EQ(stat(path, &st), 0);
-        EXPECT_EQ(st.st_mode & 0777, 0600u);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::strcpy(addr.sun_path, path);
-        client_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-        ASSERT_EQ(connect(client_, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+        ASSERT_EQ(stat(path_, &st), 0);
+        EXPECT_EQ(st.st_mode & 0777, group_[0] ? 0660u : 0600u);
+        client_ = Connect();
         Pump();  // admits the peer
     }
-    void TearDown() override { close(client_); }
-
-    void Pump() {
+    void TearDown() override {
+        close(client_);
+        std::filesystem::remove_all(dir_);
+    }
+    int Connect(int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::strcpy(addr.sun_path, path_);
+        EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+        return fd;
+    }
+    // One round of the host's loop; false when nothing happened in `ms`.
+    bool Pump(int ms = 2000) {
         pollfd fds[CommandSocket::kMaxPeers + 1];
         const int n = socket_.PollSet(fds, CommandSocket::kMaxPeers + 1);
-        ASSERT_GT(poll(fds, n, 2000), 0);
+        const int ready = poll(fds, n, ms);
         socket_.Handle(fds, n, DialogEnder{});
+        return ready > 0;
+    }
+    // True when the host has closed `fd` (after taking its queued datagrams).
+    static bool Closed(int fd) {
+        char b[16];
+        return recv(fd, b, sizeof b, MSG_DONTWAIT) == 0;
     }
     // One datagram with `fds` attached; the answer and the descriptors it carries.
     std::uint64_t Send(const std::vector<unsigned char>& bytes, std::vector<int> fds = {},
@@ -107,6 +141,10 @@ protected:
     std::filesystem::path dir_ = std::filesystem::temp_directory_path() / ("zor_sock_" + std::to_string(getpid()));
     test::ScopedEnv runtime_{"ZOR_RUNTIME_DIR", dir_.u16string().c_str()};
     CommandSocket socket_{h};
+    const char* group_ = "";
+    int perUid_ = 16;
+    double silentMs_ = CommandSocket::kSilentMs;
+    char path_[256] = {};
     int client_ = -1;
 };
 
@@ -140,6 +178,156 @@ TEST_F(SocketTest, SharedMemoryGoesOnlyToThePeerAndCannotShrink) {
     EXPECT_EQ(st.st_size, 8192);
     EXPECT_NE(ftruncate(fds[0], 100), 0);  // the host's view keeps its pages
     close(fds[0]);
+}
+
+TEST_F(SocketTest, EveryDescriptorADatagramCarriesIsClosedWhateverBecomesOfIt) {
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    const int before = OpenDescriptors();
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(Send({}, {p[0], p[1], p[0], p[1]}), 0u);  // an empty datagram
+        EXPECT_EQ(Send({1, 2, 3}, {p[0], p[1]}), 0u);
+        EXPECT_EQ(Send(Command(ZOR_CMD_IRQ_QUERY, {}), {p[0]}), 1000u);
+    }
+    EXPECT_EQ(OpenDescriptors(), before);
+    EXPECT_TRUE(log.Contains("ZOR: command socket: datagram of 0 bytes refused\n\r"));
+    close(p[0]);
+    close(p[1]);
+}
+
+TEST_F(SocketTest, OutOfDescriptorsWaitingPeersAreClosedOnceLoggedAndTheHostGoesOn) {
+    const int waiting[] = {socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0),
+                           socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)};
+    rlimit old{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
+    rlimit low = old;
+    low.rlim_cur = static_cast<rlim_t>(OpenDescriptors() + 8);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    std::vector<int> held;
+    for (int fd; (fd = dup(client_)) >= 0;) held.push_back(fd);
+    for (int fd : waiting) Connect(fd);
+    for (int round = 0; round < 2; ++round) EXPECT_TRUE(Pump(100));
+    EXPECT_FALSE(Pump(100));  // the queue is empty: poll does not wake
+    for (int fd : held) close(fd);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &old), 0);
+    for (int fd : waiting) {
+        EXPECT_TRUE(Closed(fd));
+        close(fd);
+    }
+    EXPECT_EQ(log.Count("ZOR: command socket: out of descriptors (Too many open files): new peers are closed\n\r"),
+              1u);
+    EXPECT_EQ(Send(Command(ZOR_CMD_IRQ_QUERY, {})), 1000u);
+}
+
+TEST_F(SocketTest, APayloadPidOfAnotherProcessReachesNoClientRecord) {
+    const std::uint32_t self = static_cast<std::uint32_t>(getpid());
+    EXPECT_EQ(Send(Command(ZOR_CMD_CLIENT_ADD, {self + 1})), 0u);
+    EXPECT_EQ(h.clients.FindClient(self + 1), 0u);
+    EXPECT_EQ(Send(Command(ZOR_CMD_CLIENT_ADD, {self})), 1u);
+    for (std::uint64_t cmd : {ZOR_CMD_CLIENT_REMOVE, ZOR_CMD_PIPE_DISCONNECT}) {
+        EXPECT_EQ(Send(Command(cmd, {self + 1})), 0u);
+        EXPECT_TRUE(log.Contains("ZOR: command " + std::to_string(cmd) + ": payload pid " +
+                                 std::to_string(self + 1) + " is not the peer's (pid " + std::to_string(self) +
+                                 " uid " + std::to_string(getuid()) + ")\n\r"));
+    }
+    EXPECT_EQ(h.clients.FindClient(self), 1u);
+    Send(Command(ZOR_CMD_CLIENT_REMOVE, {self}));
+    EXPECT_EQ(h.clients.FindClient(self), 0u);
+}
+
+class CappedSocketTest : public SocketTest {
+protected:
+    CappedSocketTest() {
+        perUid_ = 2;
+        silentMs_ = 300;
+    }
+};
+
+TEST_F(CappedSocketTest, OneUserHoldsFewConnectionsAndSilentOnesAreClosed) {
+    const int second = Connect();
+    const int third = Connect();
+    Pump();
+    Pump(50);
+    EXPECT_TRUE(Closed(third));
+    EXPECT_TRUE(log.ContainsSubstr("uid " + std::to_string(getuid()) +
+                                   " refused: its user holds the most connections allowed\n\r"));
+    EXPECT_EQ(Send(Command(ZOR_CMD_IRQ_QUERY, {})), 1000u);  // client_ has spoken: it stays
+    for (int wait; (wait = socket_.WaitMs()) >= 0;) Pump(wait);
+    EXPECT_TRUE(Closed(second));
+    EXPECT_TRUE(log.ContainsSubstr(" sent nothing for 300 ms: closed\n\r"));
+    EXPECT_EQ(Send(Command(ZOR_CMD_IRQ_QUERY, {})), 1000u);
+    close(second);
+    close(third);
+}
+
+TEST(SocketFolder, AFolderOthersCouldControlIsRefused) {
+    namespace fs = std::filesystem;
+    const fs::path base = fs::temp_directory_path() / ("zor_folder_" + std::to_string(getpid()));
+    struct Case {
+        const char* name;
+        const char* why;
+        bool root;
+    } cases[] = {{"open", "others may write to it", false},
+                 {"link", "it is a symbolic link", false},
+                 {"theirs", "it belongs to uid 65534", true}};
+    for (const Case& c : cases) {
+        if (c.root && getuid() != 0 && std::printf("skipped: a folder of another user needs root\n")) continue;
+        fs::create_directories(base / "real");
+        const fs::path dir = base / c.name;
+        if (std::string(c.name) == "link") fs::create_directory_symlink(base / "real", dir);
+        else fs::create_directory(dir);
+        chmod(dir.c_str(), std::string(c.name) == "open" ? 0777 : 0700);
+        if (c.root) {
+            ASSERT_EQ(chown(dir.c_str(), 65534, 65534), 0);
+        }
+        test::TestHost th;
+        test::ScopedEnv env("ZOR_RUNTIME_DIR", dir.u16string().c_str());
+        CommandSocket socket(th.host());
+        EXPECT_FALSE(socket.Listen(""));
+        EXPECT_TRUE(socket.FolderRefused());
+        EXPECT_TRUE(th.log().ContainsSubstr("ZOR: command socket: folder '" + dir.string() + "' refused (" + c.why +
+                                            "): remove it"))
+            << c.name;
+    }
+    fs::remove_all(base);
+}
+
+// A member of the group, in more groups than the first buffer holds, as
+// another user: admitted, and refused a module by path.
+class GroupSocketTest : public SocketTest {
+protected:
+    GroupSocketTest() { group_ = "nogroup"; }
+};
+
+TEST_F(GroupSocketTest, AMemberOfManyGroupsIsAdmittedButLoadsNoModuleByPath) {
+    if (getuid() != 0) GTEST_SKIP() << "needs root to connect as another user (uid 65534)";
+    const group* g = getgrnam("nogroup");
+    ASSERT_NE(g, nullptr);
+    std::vector<gid_t> groups;
+    for (gid_t i = 0; i < 100; ++i) groups.push_back(20000 + i);
+    groups.push_back(g->gr_gid);
+    std::vector<unsigned char> load = Command(ZOR_CMD_ISR_REGISTER, {0, 0, 0, 0});
+    const std::u16string name = u"/tmp/evil.so";
+    load.insert(load.end(), reinterpret_cast<const unsigned char*>(name.c_str()),
+                reinterpret_cast<const unsigned char*>(name.c_str() + name.size() + 1));
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strcpy(addr.sun_path, path_);
+    const pid_t child = fork();
+    if (child == 0) {  // system calls only: a copy of a process with threads
+        std::uint64_t query = ZOR_CMD_IRQ_QUERY, answer = 0, loaded = 1;
+        if (setgroups(groups.size(), groups.data()) != 0 || setgid(20000) != 0 || setuid(65534) != 0) _exit(2);
+        const int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+        if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) _exit(3);
+        if (send(fd, &query, 8, MSG_NOSIGNAL) != 8 || recv(fd, &answer, 8, 0) != 8 || answer != 1000) _exit(4);
+        if (send(fd, load.data(), load.size(), MSG_NOSIGNAL) < 0 || recv(fd, &loaded, 8, 0) != 8) _exit(5);
+        _exit(loaded == 0 ? 0 : 1);
+    }
+    int status = -1;
+    while (waitpid(child, &status, WNOHANG) == 0) Pump(100);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_TRUE(log.Contains("ZOR: module '/tmp/evil.so' refused for peer pid " + std::to_string(child) +
+                             " uid 65534: only a protected file of the module folder, by name\n\r"));
 }
 
 }  // namespace

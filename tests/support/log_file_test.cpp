@@ -81,7 +81,7 @@ TEST(LogFile, PerRunFilesRotateAndOldOnesGo) {
     fs::path app = FreshDir("appdata"), logs = app / "ZOR" / "logs";
     fs::create_directories(logs);
     for (int i = 0; i < 5; ++i) {
-        fs::path old = logs / ("zor-2001010" + std::to_string(i) + ".log");
+        fs::path old = logs / ("zor-2001010" + std::to_string(i) + "-000000-1.log");
         std::ofstream(old) << "old\n";
         fs::last_write_time(old, fs::file_time_type::clock::now() - std::chrono::hours(10 - i));
     }
@@ -90,8 +90,8 @@ TEST(LogFile, PerRunFilesRotateAndOldOnesGo) {
     ScopedEnv noFile("ZOR_LOG_FILE", nullptr);
     Logger::Settings s{.maxFileBytes = 4096, .keepFiles = 3};
     QuietLog log(s);
-    EXPECT_TRUE(fs::exists(logs / "zor-20010104.log") && fs::exists(logs / "zor-20010103.log"));
-    EXPECT_FALSE(fs::exists(logs / "zor-20010102.log"));
+    EXPECT_TRUE(fs::exists(logs / "zor-20010104-000000-1.log") && fs::exists(logs / "zor-20010103-000000-1.log"));
+    EXPECT_FALSE(fs::exists(logs / "zor-20010102-000000-1.log"));
     for (int i = 0; i < 100; ++i) log.wPrintf(2, 6, u"entry %03d of about a hundred bytes .........................\n", i);
     log.End();
     std::vector<fs::path> kept;

@@ -39,6 +39,12 @@ bool ParseU32(const char* s, std::uint32_t* out) {
 
 int Fail(const char* what, int status) {
     std::fprintf(stderr, "zorctl: %s: %s\n", what, zor_strerror(status));
+    if (status == ZOR_E_UNTRUSTED) {
+        std::uint32_t pid = 0, uid = 0;
+        zor_untrusted_peer(&pid, &uid);
+        std::fprintf(stderr, "zorctl: it was answered by process %lu of uid %lu; not used\n",
+                     static_cast<unsigned long>(pid), static_cast<unsigned long>(uid));
+    }
     return status == ZOR_E_NO_HOST || status == ZOR_E_HOST_GONE ? kNoHost : kFail;
 }
 

@@ -55,6 +55,13 @@ int StatsReader::Open(std::uint32_t pid) {
                      ZOR_STATS_LAYOUT, static_cast<unsigned>(sizeof(ZorStats)));
         return 2;
     }
+    if (st == ZOR_E_UNTRUSTED) {
+        std::uint32_t who = 0, uid = 0;
+        zor_untrusted_peer(&who, &uid);
+        std::fprintf(stderr, "zorctl: the statistics area of host %lu belongs to uid %lu, not the host's user: "
+                     "refused\n", static_cast<unsigned long>(pid), static_cast<unsigned long>(uid));
+        return 3;
+    }
     if (st != ZOR_OK) {
         std::fprintf(stderr, "zorctl: no statistics area for host %lu: %s\n",
                      static_cast<unsigned long>(pid),

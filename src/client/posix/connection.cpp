@@ -73,17 +73,37 @@ bool FindSocket(std::uint32_t pid, char* path, std::size_t cap) {
     return false;
 }
 
-bool Link1(ZorConnection* c, std::uint32_t pid) {
+int Link1(ZorConnection* c, std::uint32_t pid) {
     auto* link = new (std::nothrow) Link();
-    if (link == nullptr) return false;
-    if (!FindSocket(pid, link->path, sizeof link->path) || !ConnectSocket(link, c->timeout_ms)) {
+    if (link == nullptr) return ZOR_E_SYSTEM;
+    const int st = FindSocket(pid, link->path, sizeof link->path) ? ConnectSocket(link, c->timeout_ms)
+                                                                  : ZOR_E_NO_HOST;
+    if (st != ZOR_OK) {
         delete link;
-        return false;
+        return st;
     }
     link->pidfd = OpenPidfd(pid);
     c->link = link;
     c->host_pid = pid;
-    return true;
+    return ZOR_OK;
+}
+
+thread_local std::uint32_t g_untrustedPid = 0, g_untrustedUid = 0;
+
+// A socket in a folder that others may write to could be anyone's, and so
+// could a folder of a user this process has no reason to trust.
+bool Vouched(int sock, const char* path) {
+    char dir[sizeof(sockaddr_un{}.sun_path)];
+    std::snprintf(dir, sizeof dir, "%s", path);
+    if (char* slash = std::strrchr(dir, '/')) *slash = 0;
+    ucred cred{};
+    socklen_t len = sizeof cred;
+    if (getsockopt(sock, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) return false;
+    std::uint32_t owner = 0;
+    const bool ok = !wire::folder_problem(dir, &owner) && cred.uid == owner &&
+                    wire::owner_trusted(owner, static_cast<std::uint32_t>(geteuid()));
+    if (!ok) NoteUntrusted(static_cast<std::uint32_t>(cred.pid), static_cast<std::uint32_t>(cred.uid));
+    return ok;
 }
 
 }  // namespace
@@ -115,7 +135,12 @@ bool Arm(Link* l, std::uint32_t ms) {
     return ok;
 }
 
-bool ConnectSocket(Link* l, std::uint32_t timeout_ms) {
+void NoteUntrusted(std::uint32_t pid, std::uint32_t uid) {
+    g_untrustedPid = pid;
+    g_untrustedUid = uid;
+}
+
+int ConnectSocket(Link* l, std::uint32_t timeout_ms) {
     sockaddr_un a{};
     a.sun_family = AF_UNIX;
     static_assert(sizeof a.sun_path == sizeof l->path);
@@ -123,12 +148,13 @@ bool ConnectSocket(Link* l, std::uint32_t timeout_ms) {
     l->sock = AboveZero(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     l->armed_ms = 0;
     // The send time-out also bounds connect() while the host's backlog is full.
-    if (l->sock >= 0 && Arm(l, timeout_ms) &&
-        connect(l->sock, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0)
-        return true;
+    int st = ZOR_E_NO_HOST;
+    if (l->sock >= 0 && Arm(l, timeout_ms) && connect(l->sock, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0)
+        st = Vouched(l->sock, l->path) ? ZOR_OK : ZOR_E_UNTRUSTED;
+    if (st == ZOR_OK) return st;
     if (l->sock >= 0) close(l->sock);
     l->sock = -1;
-    return false;
+    return st;
 }
 
 int ListHosts(std::uint32_t* pids, std::uint32_t cap, std::uint32_t* count) {
@@ -142,7 +168,7 @@ int ListHosts(std::uint32_t* pids, std::uint32_t cap, std::uint32_t* count) {
 }
 
 int Attach(ZorConnection* c, std::uint32_t host_pid, bool by_pid) {
-    if (by_pid) return os::process_alive(host_pid) && Link1(c, host_pid) ? ZOR_OK : ZOR_E_NO_HOST;
+    if (by_pid) return os::process_alive(host_pid) ? Link1(c, host_pid) : ZOR_E_NO_HOST;
     // Any host: the newest first, as a new window comes first on Windows.
     struct Found {
         std::uint32_t pid;
@@ -153,9 +179,14 @@ int Attach(ZorConnection* c, std::uint32_t host_pid, bool by_pid) {
         if (n < 64) found[n++] = {pid, made_ns};
     });
     std::sort(found, found + n, [](const Found& a, const Found& b) { return a.made_ns > b.made_ns; });
-    for (std::uint32_t i = 0; i < n; ++i)
-        if (Link1(c, found[i].pid)) return ZOR_OK;
-    return ZOR_E_NO_HOST;
+    // A host that is not trusted is passed over for the next.
+    int st = ZOR_E_NO_HOST;
+    for (std::uint32_t i = 0; i < n; ++i) {
+        const int one = Link1(c, found[i].pid);
+        if (one == ZOR_OK) return one;
+        if (one == ZOR_E_UNTRUSTED) st = one;
+    }
+    return st;
 }
 
 void Detach(ZorConnection* c) {
@@ -169,6 +200,15 @@ bool HostAlive(ZorConnection* c) {
     if (c->link->pidfd < 0) return os::process_alive(c->host_pid);
     return !Ended(c->link->pidfd);
 }
+
+}  // namespace zor::client
+
+extern "C" void zor_untrusted_peer(uint32_t* pid, uint32_t* uid) {
+    if (pid) *pid = zor::client::g_untrustedPid;
+    if (uid) *uid = zor::client::g_untrustedUid;
+}
+
+namespace zor::client {
 
 std::uint32_t SelfPid() { return static_cast<std::uint32_t>(getpid()); }
 

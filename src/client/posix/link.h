@@ -46,8 +46,12 @@ struct Link {
 };
 
 // Connects l->sock, a blocking SOCK_SEQPACKET socket, to l->path within
-// timeout_ms; false (sock -1) when no host listens there.
-bool ConnectSocket(Link* l, std::uint32_t timeout_ms);
+// timeout_ms and checks whom it reached (zor_connect); ZOR_E_NO_HOST when
+// no host listens there, ZOR_E_UNTRUSTED when another user answers (sock
+// -1 either way).
+int ConnectSocket(Link* l, std::uint32_t timeout_ms);
+// Records who answered when a check failed, for zor_untrusted_peer().
+void NoteUntrusted(std::uint32_t pid, std::uint32_t uid);
 // Sets the socket's send and receive time-outs (kept while unchanged), so
 // that a command costs two system calls, as on a bare socket.
 bool Arm(Link* l, std::uint32_t ms);

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "client/connection.h"
+#include "client/posix/link.h"
 
 namespace zor::client {
 
@@ -57,6 +58,16 @@ int MapStats(std::uint32_t host_pid, ZorView* out) {
     std::snprintf(name, sizeof name, "/%s%u", prefix, static_cast<unsigned>(host_pid));
     const int fd = shm_open(name, O_RDONLY | O_CLOEXEC, 0);
     if (fd < 0) return ZOR_E_NO_HOST;
+    // Anyone may make an object under the host's name: it must be the
+    // host's user's (the owner of /proc/<pid>).
+    char proc[32];
+    std::snprintf(proc, sizeof proc, "/proc/%u", static_cast<unsigned>(host_pid));
+    struct stat host, object;
+    if (stat(proc, &host) != 0 || fstat(fd, &object) != 0 || host.st_uid != object.st_uid) {
+        NoteUntrusted(0, fstat(fd, &object) == 0 ? static_cast<std::uint32_t>(object.st_uid) : 0);
+        close(fd);
+        return ZOR_E_UNTRUSTED;
+    }
     // Size 0: the host has made the object but not sized it yet.
     const std::uint32_t size = ObjectSize(fd);
     void* base = size ? mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0) : MAP_FAILED;

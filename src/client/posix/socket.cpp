@@ -95,7 +95,8 @@ int Exchange(ZorConnection* c, std::uint32_t command, const void* payload, std::
     if (l->sock < 0) {
         const double left = deadline - NowMs();
         if (left <= 0) return Gone(c, ZOR_E_TIMEOUT);
-        if (!ConnectSocket(l, static_cast<std::uint32_t>(left) + 1)) return ZOR_E_HOST_GONE;
+        const int st = ConnectSocket(l, static_cast<std::uint32_t>(left) + 1);
+        if (st != ZOR_OK) return st == ZOR_E_UNTRUSTED ? st : ZOR_E_HOST_GONE;
     }
     int st = Rearm(l, deadline) ? SendRequest(c, command, payload, size, out, deadline) : Gone(c, ZOR_E_TIMEOUT);
     if (st == ZOR_OK) st = ReceiveAnswer(c, answer, in, deadline);

@@ -44,6 +44,33 @@ bool config_dir(char16_t* buf, std::uint32_t size) {
     return posix::runs_from_usr_bin() ? posix::to_utf16_path("/etc/zor", buf, size) : startup_dir(buf, size);
 }
 
+namespace {
+bool owned_and_closed(const char* path, bool folder) {
+    struct stat st;
+    if (lstat(path, &st) != 0 || (folder ? !S_ISDIR(st.st_mode) : !S_ISREG(st.st_mode))) return false;
+    return (st.st_uid == 0 || st.st_uid == geteuid()) && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+}  // namespace
+
+bool file_is_own(const char16_t* path) {
+    char file[PATH_MAX];
+    struct stat st;
+    return path && posix::to_utf8(path, file, sizeof file, true) && lstat(file, &st) == 0 && S_ISREG(st.st_mode) &&
+           st.st_uid == geteuid();
+}
+
+bool file_protected(const char16_t* path) {
+    char file[PATH_MAX];
+    if (!path || !posix::to_utf8(path, file, sizeof file, true)) return false;
+    char* slash = std::strrchr(file, '/');
+    if (!slash || slash == file) return false;
+    *slash = 0;
+    char folder[PATH_MAX];
+    if (!realpath(file, folder) || !owned_and_closed(folder, true)) return false;
+    *slash = '/';
+    return owned_and_closed(file, false);
+}
+
 // Directories come back with '\\' separators like every path the layer
 // hands out. $APPDATA first (tests and users can point it anywhere), then
 // the XDG configuration (or state) folder.

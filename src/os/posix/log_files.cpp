@@ -19,7 +19,9 @@ Handle file_open_append(const char16_t* path) {
         errno = ENAMETOOLONG;
         return 0;
     }
-    int fd = open(p, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    // A planted link must not make the host append elsewhere; the log is
+    // the host's user's (and its group's) to read.
+    int fd = open(p, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0640);
     return fd < 0 ? 0 : static_cast<Handle>(fd) + 1;
 }
 

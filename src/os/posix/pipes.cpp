@@ -1,7 +1,8 @@
 // Blocking reads and writes on pipe ends.
 //
-// A read waits in ppoll() with the cancel signal unblocked only there, so a
-// cancel that arrives just before the wait is not lost: the signal stays
+// A read (and on this layer's threads a write) waits in ppoll() with the
+// cancel signal unblocked only there, so a cancel that arrives just before
+// the wait is not lost: the signal stays
 // pending until ppoll() starts and then ends it at once.
 #include <cerrno>
 #include <csignal>
@@ -36,7 +37,10 @@ bool plain_read(int fd, void* buf, std::uint32_t n, ssize_t* r) {
     return *r >= 0;
 }
 
-bool cancellable_read(IoCancel* c, int fd, void* buf, std::uint32_t n, ssize_t* r) {
+// Waits in ppoll() for `events` on fd, then moves bytes with op(); a
+// cancel ends the wait with ECANCELED.
+template <typename Op>
+bool cancellable(IoCancel* c, int fd, short events, Op op, ssize_t* r) {
     sigset_t sig, old;
     sigemptyset(&sig);
     sigaddset(&sig, cancel_signal());
@@ -50,12 +54,12 @@ bool cancellable_read(IoCancel* c, int fd, void* buf, std::uint32_t n, ssize_t* 
             errno = ECANCELED;
             break;
         }
-        pollfd p{fd, POLLIN, 0};
+        pollfd p{fd, events, 0};
         if (ppoll(&p, 1, nullptr, &during) < 0) {
             if (errno == EINTR) continue;
             break;
         }
-        *r = read(fd, buf, n);
+        *r = op();
         if (*r >= 0) {
             ok = true;
             break;
@@ -82,7 +86,8 @@ bool pipe_read(Handle h, void* buf, std::uint32_t n, std::uint32_t* done) {
     if (n == 0) return true;
     ssize_t r = -1;
     IoCancel* c = current_io_cancel();
-    if (!(c ? cancellable_read(c, fd_of(h), buf, n, &r) : plain_read(fd_of(h), buf, n, &r)))
+    const int fd = fd_of(h);
+    if (!(c ? cancellable(c, fd, POLLIN, [&] { return read(fd, buf, n); }, &r) : plain_read(fd, buf, n, &r)))
         return false;
     if (r == 0) {
         errno = EPIPE;
@@ -101,10 +106,15 @@ bool pipe_write(Handle h, const void* buf, std::uint32_t n, std::uint32_t* done)
     }
     ignore_sigpipe();
     const char* p = static_cast<const char*>(buf);
+    const int fd = fd_of(h);
+    IoCancel* c = current_io_cancel();
     std::uint32_t sent = 0;
     while (sent < n) {
-        ssize_t w = write(fd_of(h), p + sent, n - sent);
-        if (w < 0) {
+        // A thread of this layer waits until the pipe has room, so that a
+        // cancel also ends a write to a reader that does not read.
+        ssize_t w = -1;
+        auto once = [&] { return write(fd, p + sent, n - sent); };
+        if (c ? !cancellable(c, fd, POLLOUT, once, &w) : (w = once()) < 0) {
             if (errno == EINTR) continue;
             break;
         }

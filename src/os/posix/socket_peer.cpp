@@ -35,6 +35,12 @@ Handle SocketPeer::Open(std::uint32_t pid) {
     return 0;
 }
 
+bool SocketPeer::Is(std::uint32_t pid) {
+    if (pid == pid_) return true;
+    refusedPid_ = pid;
+    return false;
+}
+
 bool SocketPeer::DupTo(Handle process, Handle h, std::uint64_t* remote) {
     if (!Mine(process)) return false;
     if (!is_fd_handle(h)) {

@@ -2,7 +2,7 @@
 // kernel names at the other end (SO_PEERCRED, never the payload's word), and
 // the descriptors that travel with the request and with the answer.
 //
-// Open accepts exactly the peer's pid. DupFrom takes the request's
+// Open and Is accept exactly the peer's pid. DupFrom takes the request's
 // descriptors by position (1-based, see wire.h), DupTo adds a duplicate to
 // the answer and names it by its position there, and CloseIn takes back the
 // last one added (the positions of the others must not move). Every
@@ -18,7 +18,8 @@ namespace zor::os::posix {
 
 class SocketPeer final : public Peer {
 public:
-    SocketPeer(std::uint32_t pid, std::uint32_t uid) : pid_(pid), uid_(uid) {}
+    SocketPeer(std::uint32_t pid, std::uint32_t uid, bool trusted)
+        : pid_(pid), uid_(uid), trusted_(trusted) {}
     ~SocketPeer();
     SocketPeer(const SocketPeer&) = delete;
     SocketPeer& operator=(const SocketPeer&) = delete;
@@ -28,9 +29,10 @@ public:
     bool DupFrom(Handle process, std::uint64_t remote, Handle* h) override;
     bool CloseIn(Handle process, std::uint64_t remote) override;
     void Close(Handle) override {}
-
-    std::uint32_t Pid() const { return pid_; }
-    std::uint32_t Uid() const { return uid_; }
+    bool Is(std::uint32_t pid) override;
+    bool Trusted() const override { return trusted_; }
+    std::uint32_t Pid() const override { return pid_; }
+    std::uint32_t Uid() const override { return uid_; }
     // The request's descriptors: filled by the socket, owned by the peer.
     int* Received() { return received_; }
     int* ReceivedCount() { return &receivedCount_; }
@@ -44,6 +46,7 @@ private:
     bool Mine(Handle process);
 
     std::uint32_t pid_, uid_;
+    bool trusted_;
     int received_[wire::kMaxDescriptors] = {};
     int receivedCount_ = 0;
     int given_[wire::kMaxDescriptors] = {};

@@ -151,7 +151,14 @@ Thread thread_create(ThreadProc proc, void* arg) {
     r->proc = proc;
     r->arg = arg;
     cancel_signal();  // installed before any thread can wait for it
-    int e = pthread_create(&r->tid, nullptr, trampoline, r);
+    // Windows' default reservation, not glibc's 8 MiB: under mlockall every
+    // byte of a stack is locked, and a pipe thread per client must stay cheap.
+    constexpr std::size_t kStackBytes = 1u << 20;
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setstacksize(&attr, kStackBytes);
+    int e = pthread_create(&r->tid, &attr, trampoline, r);
+    pthread_attr_destroy(&attr);
     if (e != 0) {
         delete r;
         errno = e;

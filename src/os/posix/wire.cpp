@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace zor::os::posix::wire {
@@ -19,6 +20,21 @@ bool runtime_dir(char* out, std::size_t cap) {
     else
         n = std::snprintf(out, cap, "/tmp/zor-%u", static_cast<unsigned>(geteuid()));
     return n > 0 && static_cast<std::size_t>(n) < cap;
+}
+
+const char* folder_problem(const char* dir, std::uint32_t* owner) {
+    struct stat st;
+    if (lstat(dir, &st) != 0) return "it cannot be examined";
+    *owner = st.st_uid;
+    if (S_ISLNK(st.st_mode)) return "it is a symbolic link";
+    if (!S_ISDIR(st.st_mode)) return "it is not a folder";
+    if (st.st_mode & (S_IWGRP | S_IWOTH)) return "others may write to it";
+    return nullptr;
+}
+
+bool owner_trusted(std::uint32_t owner, std::uint32_t self) {
+    constexpr std::uint32_t kFirstUserUid = 1000;
+    return owner == self || owner < kFirstUserUid;
 }
 
 bool socket_path(std::uint32_t pid, char* out, std::size_t cap) {

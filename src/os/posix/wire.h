@@ -31,6 +31,13 @@ constexpr int kMaxDescriptors = 4;
 // $XDG_RUNTIME_DIR/zor, else /run/zor for root, else /tmp/zor-<uid>.
 // False when the result does not fit `cap` bytes.
 bool runtime_dir(char* out, std::size_t cap);
+// Why `dir` may not hold hosts' sockets, or null when it may: it must be a
+// folder itself (not a symbolic link), writable by its owner only (a
+// group may read it). *owner gets the folder's owner.
+const char* folder_problem(const char* dir, std::uint32_t* owner);
+// True for the owners a client accepts for a host it reaches: its own
+// user, root, or a system account (uid below 1000, as a packaged service's).
+bool owner_trusted(std::uint32_t owner, std::uint32_t self);
 // "<runtime dir>/zor-<pid>.sock"; false when it does not fit.
 bool socket_path(std::uint32_t pid, char* out, std::size_t cap);
 // "<dir>/zor-<pid>.sock"; false when it does not fit.

@@ -117,4 +117,11 @@ bool env_set(const char* name, const char16_t* value) {
     return SetEnvironmentVariableW(wname, value ? W(value) : nullptr) != 0;
 }
 
+bool file_protected(const char16_t*) { return false; }
+
+bool file_is_own(const char16_t* path) {
+    const DWORD a = path ? GetFileAttributesW(W(path)) : INVALID_FILE_ATTRIBUTES;
+    return a != INVALID_FILE_ATTRIBUTES && !(a & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT));
+}
+
 }  // namespace zor::os

@@ -29,9 +29,10 @@ namespace {
 void WarnNoDriver(void*) { StderrLine(4, "ZOR: Warning: No IRQ driver selected!"); }
 
 void Print(const char16_t* text) {
-    char utf8[1024];
-    utf16_to_utf8(text, utf8, sizeof utf8);
-    std::fputs(utf8, stdout);
+    char utf8[1024], shown[4096];
+    const std::size_t n = TerminalText(utf8, utf16_to_utf8(text, utf8, sizeof utf8), shown, sizeof shown - 1);
+    shown[n] = 0;
+    std::fputs(shown, stdout);
     std::fflush(stdout);
 }
 
@@ -109,7 +110,12 @@ std::intptr_t TerminalShell::RunDialog(Host& host, bool hide) {
     os::ini_read_string(u"INIT", u"GROUP", u"", group16, 64, ini);
     utf16_to_utf8(group16, group, sizeof group);
     CommandSocket socket(host);
-    const bool listening = socket.Listen(group);
+    const bool listening =
+        socket.Listen(group, static_cast<int>(os::ini_read_int(u"INIT", u"CONNPERUID", 16, ini)));
+    if (socket.FolderRefused()) {
+        StderrLine(3, "ZOR: the command socket's folder is not safe (see the log): not started");
+        return -1;
+    }
 
     SelectionUi ui;
     ui.warnNoDriver = WarnNoDriver;
@@ -130,7 +136,9 @@ std::intptr_t TerminalShell::RunDialog(Host& host, bool hide) {
         fds[1] = pollfd{loop.asking ? STDIN_FILENO : -1, POLLIN, 0};
         const int n = 2 + socket.PollSet(fds + 2, CommandSocket::kMaxPeers + 1);
         const double wait = std::min(nextTick, service.NextDueMs()) - os::now_ms();
-        poll(fds, n, wait > 0 ? static_cast<int>(wait) + 1 : 0);
+        int waitMs = wait > 0 ? static_cast<int>(wait) + 1 : 0;
+        if (const int silent = socket.WaitMs(); silent >= 0 && silent < waitMs) waitMs = silent;
+        poll(fds, n, waitMs);
         if (os::now_ms() >= nextTick) {
             nextTick += kAutoKillPeriodMs;
             loop.Tick();

@@ -4,6 +4,7 @@
 // command socket served on the same thread between them.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "host/app.h"
