@@ -18,6 +18,7 @@ extern "C" const char* zor_strerror(int status) {
     case ZOR_E_NAME_TOO_LONG: return "module name longer than 19 characters or not UTF-8";
     case ZOR_E_NO_SLOT: return "every async result slot is in use";
     case ZOR_E_LAYOUT: return "the host's statistics area has a layout this program does not know";
+    case ZOR_E_OVERWRITTEN: return "the flight recorder's record was overwritten";
     default: return "unknown status";
     }
 }

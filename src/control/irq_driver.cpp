@@ -7,6 +7,7 @@
 #include "control/custom_services.h"
 #include "control/module_entries.h"
 #include "dispatch/dispatcher.h"
+#include "dispatch/flight_recorder.h"
 #include "modules/slot_table.h"
 #include "pagelock/page_locker.h"
 #include "support/critsec.h"
@@ -90,6 +91,9 @@ std::uint32_t IrqDriver::RegisterIRQ(const char16_t* path, bool strict) {
         return 0;
     }
     s.entry.store(entry, std::memory_order_release);
+    // Optional: how late each event woke, for the flight recorder.
+    dispatcher_.Recorder().SetLatenessSource(
+        reinterpret_cast<ZorLatenessProc>(os::module_symbol(s.module, ZOR_LATENESS_EXPORT_NAME)));
 
     caller_.CallModule(slot, ZOR_FN_SET_ISR_HANDLE, slot);
     caller_.CallModule(slot, ZOR_FN_SET_SERVICE_PROC, ServiceEntry());
@@ -122,6 +126,7 @@ void IrqDriver::FailRegistration(std::uint32_t slot) {
     delete s.locker;
     s.locker = nullptr;
     caller_.CallModule(slot, ZOR_FN_SHUTDOWN, 0);
+    dispatcher_.Recorder().SetLatenessSource(nullptr);
     s.entry.store(nullptr, std::memory_order_release);
     if (s.module) {
         os::module_free(s.module);
@@ -145,6 +150,7 @@ void IrqDriver::UnregisterIRQ(std::uint32_t waitMs) {
             custom_.RemoveCustomServices(i);
             caller_.CallModule(i, ZOR_GS_SET_INTERRUPT, 0);
             caller_.CallModule(i, ZOR_FN_SHUTDOWN, 0);
+            dispatcher_.Recorder().SetLatenessSource(nullptr);
             sysLocker_.UnlockModule(reinterpret_cast<const void*>(entry));
             s.irqThread = 0;
         }

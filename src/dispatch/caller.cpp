@@ -119,7 +119,10 @@ std::uint32_t Caller::CallModule(std::uint32_t slot, std::uint32_t code, std::ui
     if (!os::guarded_run(GuardedCall, &f, &fault)) {
         ReportFault(slot, fault.address);
         if (boundary) *boundary = ClockMs();
-        if (code == ZOR_FN_INTERRUPT) stats_.OnIsrFault(slot, faultModuleName_);
+        if (code == ZOR_FN_INTERRUPT) {
+            stats_.OnIsrFault(slot, faultModuleName_);
+            interruptFaults_.fetch_add(1, std::memory_order_relaxed);
+        }
     } else if (f.nullEntry) {
         // Cleared by an unloading, or not yet set by a registration.
         if (gone && ((s.calls.load(std::memory_order_acquire) & ModuleSlot::kClosing) ||

@@ -71,6 +71,9 @@ public:
     // The file name of the module of the last caught fault. Read it only
     // while no other call can fault.
     const char16_t* FaultModuleName() const { return faultModuleName_; }
+    // Faults caught in Interrupt calls so far: the dispatch loop tells a
+    // faulted call by this count moving.
+    std::uint32_t InterruptFaults() const { return interruptFaults_.load(std::memory_order_relaxed); }
 
 private:
     struct Context {
@@ -87,6 +90,7 @@ private:
     Context contexts_[kThreadContexts];
     std::atomic<bool> faultNameBusy_{false};
     char16_t faultModuleName_[260] = {};
+    std::atomic<std::uint32_t> interruptFaults_{0};
 };
 
 // File name (after the last backslash or slash) of the module containing

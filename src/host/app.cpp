@@ -30,6 +30,7 @@ int RunZorApp(const char16_t* commandLine, DialogShell& shell) {
     LoadConfig(*host);
     host->registry.PrepareTables();
     host->stats.Publish();
+    host->recorder.Publish(host->config.traceEvents);
 
     shell.RunDialog(*host, hide);
 
@@ -41,6 +42,7 @@ int RunZorApp(const char16_t* commandLine, DialogShell& shell) {
     host->registry.UnloadAll(stopped ? Caller::kUnloadWaitMs : 0);
     if (stopped) {
         host->stats.Release();
+        host->recorder.Release();
         SetRunningHost(nullptr);
         delete host;
     } else {

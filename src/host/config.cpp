@@ -30,6 +30,7 @@ void ReadConfigFiles(Host& host) {
 
     os::ini_read_string(kSection, u"FALLBACKIRQ", u"", c.fallbackIrqName, kPath, c.szIni);
     c.allowLowIntegrity = os::ini_read_int(kSection, u"ALLOWLOWINTEGRITY", 0, c.szIni) == 1;
+    c.traceEvents = os::ini_read_int(kSection, u"TRACEEVENTS", ZOR_TRACE_DEFAULT_EVENTS, c.szIni);
 }
 
 // '?' never starts a path or a list of pairs: it stands for "key absent".
