@@ -13,6 +13,7 @@
 #include "client/payloads.h"
 #include "platform.h"
 #include "stats_commands.h"
+#include "trace.h"
 #include "zor/zor_client.h"
 #include "zor/zor_version.h"
 
@@ -46,12 +47,19 @@ const char kHelp[] =
     "                              until Ctrl-C or N seconds\n"
     "  plot --svg FILE [--seconds N]\n"
     "                              histograms of N seconds (default 10) as an SVG page\n"
+    "  trace --seconds N -o FILE [--svg]\n"
+    "                              the flight recorder's last N seconds as a trace file\n"
+    "                              (Chrome trace-event JSON; --svg: a timeline too)\n"
+    "  trace --threshold DUR [--on wake|event|isr:N] [--before DUR] [--after DUR]\n"
+    "        [--count K] -o DIR [--svg]\n"
+    "                              waits for events above DUR (500us, 2ms) and writes the\n"
+    "                              window around each into DIR, printing its cause\n"
     "  quit                        end the host\n"
     "\n"
     "Options: --pid P talks to the host of process P; --timeout MS bounds each\n"
     "command (default 5000). Numbers may be decimal or 0x-hex.\n"
-    "stats, watch and plot only read the host's statistics area; they exit 2 when its\n"
-    "layout is not the one this zorctl knows.\n"
+    "stats, watch, plot and trace only read the host's statistics area and flight\n"
+    "recorder; they exit 2 when a layout is not the one this zorctl knows.\n"
     "exec maps the system shared area: the host then counts this process\n"
     "as a client and ends by itself a few seconds after its last such client exits,\n"
     "unless another one is still running.\n"
@@ -277,6 +285,7 @@ int Main(int argc, char** argv) {
     }
     if (i >= argc) return Usage("no command");
     const std::string cmd = argv[i];
+    if (cmd == "trace") return zorctl::Trace(argc - i - 1, argv + i + 1, pid, timeout);
     Args a;
     if (const char* err = ParseOptions(argc, argv, i + 1, &a)) return Usage(err);
     if (cmd == "hosts") {
