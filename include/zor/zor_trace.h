@@ -14,6 +14,13 @@
  * start within the event, its duration and whether it faulted or was
  * aborted. Paused events are not recorded.
  *
+ * The calls of an event follow each other without a gap (the clock reading
+ * that ends one call starts the next; the first starts where the deferred
+ * list ended), so the ring keeps of each call only its end, as the host's
+ * clock reading itself (a ZorTraceRingCall: converting it would cost the
+ * dispatch more than storing it); zor_trace_copy() hands out starts and
+ * durations in nanoseconds.
+ *
  * Records have variable length (ZOR_TRACE_RECORD_BYTES + 16 bytes per call,
  * at most ZOR_TRACE_MAX_CALLS calls) and lie in a ring of `data_bytes`
  * bytes, never split at its end. `index[n % capacity]` holds the absolute
@@ -49,6 +56,16 @@
 #define ZOR_TRACE_CALL_FAULT 1u   /* the call faulted; the host caught it */
 #define ZOR_TRACE_CALL_ABORTED 2u /* the call was abandoned by the dispatch watchdog */
 
+/* A call as the ring holds it. */
+typedef struct ZorTraceRingCall {
+    double end_ms;        /* the host's clock when it ended: arrival_ns / 1e6
+                             is the same clock at the event's arrival */
+    uint16_t slot;        /* module number */
+    uint16_t flags;       /* ZOR_TRACE_CALL_* */
+    uint32_t reserved;
+} ZorTraceRingCall;
+
+/* A call as zor_trace_copy() hands it out. */
 typedef struct ZorTraceCall {
     uint16_t slot;        /* module number */
     uint16_t flags;       /* ZOR_TRACE_CALL_* */
@@ -69,7 +86,7 @@ typedef struct ZorTraceRecord {
                              (and the host's few stores before it) */
     uint32_t event_ns;    /* arrival to the end of the last call */
     uint32_t reserved2;
-    /* ZorTraceCall call[calls]; */
+    /* ZorTraceRingCall call[calls]; */
 } ZorTraceRecord;
 
 typedef struct ZorTrace {

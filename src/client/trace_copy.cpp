@@ -16,6 +16,13 @@ namespace {
 std::uint64_t Load(const std::uint64_t* w) { return __atomic_load_n(w, __ATOMIC_ACQUIRE); }
 std::uint32_t Load32(const std::uint32_t* w) { return __atomic_load_n(w, __ATOMIC_ACQUIRE); }
 
+// A clock reading of the host's as nanoseconds after `arrivalNs`, held to
+// 0..0xFFFFFFFF (anything else, NaN included, is 0).
+std::uint32_t NsFrom(double ms, std::uint64_t arrivalNs) {
+    const double ns = ms * 1e6 - static_cast<double>(arrivalNs);
+    return ns > 0 ? (ns < 4294967295.0 ? static_cast<std::uint32_t>(ns) : 0xFFFFFFFFu) : 0u;
+}
+
 void CopyWords(const std::uint64_t* src, std::uint64_t* dst, std::size_t words) {
     for (std::size_t i = 0; i < words; ++i) dst[i] = Load(src + i);
 }
@@ -61,11 +68,23 @@ extern "C" int zor_trace_copy(const ZorTrace* trace, const ZorView* view, uint64
     // A later record in the index's entry, or another record at the position.
     if (out->head.generation != number + 1) return ZOR_E_OVERWRITTEN;
     const std::uint32_t calls = out->head.calls;
-    if (calls <= ZOR_TRACE_MAX_CALLS && offset + ZOR_TRACE_RECORD_BYTES + 16ull * calls <= b.dataBytes)
-        CopyWords(record + ZOR_TRACE_RECORD_BYTES / 8, reinterpret_cast<std::uint64_t*>(out->call), 2ull * calls);
+    const bool fits = calls <= ZOR_TRACE_MAX_CALLS && offset + ZOR_TRACE_RECORD_BYTES + 16ull * calls <= b.dataBytes;
+    std::uint64_t ends[2 * ZOR_TRACE_MAX_CALLS];
+    if (fits) CopyWords(record + ZOR_TRACE_RECORD_BYTES / 8, ends, 2ull * calls);
     // Overwritten while copied (a wrong count included): the claim passed it.
     if (Load(&trace->claimed) > position + b.dataBytes) return ZOR_E_OVERWRITTEN;
-    if (calls > ZOR_TRACE_MAX_CALLS || offset + ZOR_TRACE_RECORD_BYTES + 16ull * calls > b.dataBytes)
-        return ZOR_E_LAYOUT;
+    if (!fits) return ZOR_E_LAYOUT;
+    // Each call began where the one before it ended.
+    std::uint32_t start = out->head.deferred_ns;
+    for (std::uint32_t i = 0; i < calls; ++i) {
+        ZorTraceRingCall c;
+        std::memcpy(&c, &ends[2 * i], sizeof c);
+        const std::uint32_t end = NsFrom(c.end_ms, out->head.arrival_ns);
+        out->call[i].slot = c.slot;
+        out->call[i].flags = c.flags;
+        out->call[i].start_ns = start;
+        out->call[i].duration_ns = end > start ? end - start : 0;
+        if (end > start) start = end;
+    }
     return ZOR_OK;
 }

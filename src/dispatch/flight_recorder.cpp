@@ -12,8 +12,7 @@ namespace zor {
 
 namespace {
 
-constexpr std::uint32_t kCallBytes = sizeof(ZorTraceCall);
-constexpr std::uint32_t kRecordWords = ZOR_TRACE_RECORD_BYTES / 8;
+constexpr std::uint32_t kCallBytes = sizeof(ZorTraceRingCall);
 
 static_assert(sizeof(ZorTraceRecord) == ZOR_TRACE_RECORD_BYTES && kCallBytes == 16 &&
                   sizeof(ZorTrace) % 8 == 0,
@@ -61,6 +60,7 @@ bool FlightRecorder::Publish(std::uint32_t events) {
     index_ = reinterpret_cast<std::uint64_t*>(reinterpret_cast<unsigned char*>(t) + t->index_offset);
     data_ = reinterpret_cast<unsigned char*>(t) + t->data_offset;
     next_ = number_ = 0;
+    nextOffset_ = indexSlot_ = 0;
     std::atomic_ref<std::uint32_t>(t->magic).store(ZOR_TRACE_MAGIC, std::memory_order_release);
     area_.store(t, std::memory_order_release);
     log_.wPrintf(kLogTrace, u"ZOR: flight recorder in '%s' (%u events, %u bytes, read-only for others)\n\r",
@@ -77,37 +77,24 @@ void FlightRecorder::Release() {
     os::mapping_remove_name(name_);
 }
 
-// Records never wrap: one that would pass the ring's end starts at its
-// beginning. Positions are absolute, so a reader compares them directly
-// with the claim.
-std::uint64_t* FlightRecorder::Claim(ZorTrace* t, std::uint32_t calls) {
-    room_ = calls < ZOR_TRACE_MAX_CALLS ? calls : ZOR_TRACE_MAX_CALLS;
-    const std::uint32_t need = RecordBytes(room_);
-    std::uint64_t pos = next_;
-    const auto off = static_cast<std::uint32_t>(pos % dataBytes_);
-    if (off + need > dataBytes_) pos += dataBytes_ - off;
-    std::atomic_ref<std::uint64_t>(t->claimed).store(pos + need, std::memory_order_release);
-    position_ = pos;
-    deferredNs_ = 0;
-    auto* rec = reinterpret_cast<std::uint64_t*>(data_ + pos % dataBytes_);
-    callWords_ = rec + kRecordWords;
-    return rec;
-}
-
 void FlightRecorder::End(double endMs) {
     if (!cur_) return;
     const double arrivalNs = arrivalMs_ * 1e6;
     Put(cur_[0], number_ + 1);
     Put(cur_[1], sequence_ | std::uint64_t{calls_} << 32);
     Put(cur_[2], arrivalNs > 0 ? static_cast<std::uint64_t>(arrivalNs) : 0);
-    Put(cur_[3], lateNs_ | std::uint64_t{deferredNs_} << 32);
+    Put(cur_[3], lateNs_ | std::uint64_t{Ns(deferredMs_ - arrivalMs_)} << 32);
     Put(cur_[4], Ns(endMs - arrivalMs_));
-    Put(index_[number_ % capacity_], position_);
-    ZorTrace* t = area_.load(std::memory_order_relaxed);
-    std::atomic_ref<std::uint64_t>(t->written).store(number_ + 1, std::memory_order_release);
-    next_ = position_ + RecordBytes(calls_);
+    Put(index_[indexSlot_], next_);
     ++number_;
+    if (++indexSlot_ == capacity_) indexSlot_ = 0;
+    std::atomic_ref<std::uint64_t>(area_.load(std::memory_order_relaxed)->written)
+        .store(number_, std::memory_order_release);
+    const std::uint32_t used = RecordBytes(calls_);
+    next_ += used;
+    nextOffset_ += used;
     cur_ = nullptr;
+    room_ = 0;
 }
 
 }  // namespace zor

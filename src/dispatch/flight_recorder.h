@@ -39,28 +39,32 @@ public:
     // call starts, one Call per ISR call, End after the last one.
     void Begin(std::uint32_t sequence, double arrivalMs, std::uint32_t calls) {
         ZorTrace* t = area_.load(std::memory_order_acquire);
-        cur_ = t ? Claim(t, calls) : nullptr;
-        if (!cur_) return;
+        if (!t) {
+            cur_ = nullptr;
+            room_ = 0;
+            return;
+        }
+        Claim(t, calls);
         const ZorLatenessProc late = lateness_.load(std::memory_order_acquire);
         sequence_ = sequence;
         lateNs_ = late ? late() : ZOR_TRACE_LATE_UNKNOWN;
-        arrivalMs_ = arrivalMs;
-        calls_ = 0;
+        arrivalMs_ = deferredMs_ = arrivalMs;
     }
-    void Deferred(double startMs) {
-        if (cur_) deferredNs_ = Ns(startMs - arrivalMs_);
-    }
-    void Call(std::uint32_t slot, double startMs, double endMs, std::uint32_t flags) {
-        if (!cur_ || calls_ >= room_) return;
-        const std::uint64_t start = Ns(startMs - arrivalMs_);
-        Put(callWords_[2 * calls_], slot | flags << 16 | start << 32);
-        Put(callWords_[2 * calls_ + 1], std::uint64_t{Ns(endMs - startMs)});
-        ++calls_;
+    void Deferred(double startMs) { deferredMs_ = startMs; }
+    // A call that ended at `endMs`; it began where the one before ended
+    // (the first: at Deferred's reading). Stores only: arithmetic here
+    // would hold up the next call's clock reading until it is done.
+    // Without a record the room is 0: one comparison.
+    void Call(std::uint32_t slot, double endMs, std::uint32_t flags) {
+        if (calls_ >= room_) return;
+        std::uint64_t* w = callWords_ + 2 * calls_++;
+        Put(w[0], __builtin_bit_cast(std::uint64_t, endMs));
+        Put(w[1], slot | flags << 16);
     }
     // Marks the latest call (the dispatch watchdog's aborted calls).
     void FlagLastCall(std::uint32_t flags) {
         if (!cur_ || calls_ == 0) return;
-        std::uint64_t& w = callWords_[2 * (calls_ - 1)];
+        std::uint64_t& w = callWords_[2 * calls_ - 1];
         Put(w, w | static_cast<std::uint64_t>(flags) << 16);
     }
     void End(double endMs);
@@ -74,8 +78,21 @@ private:
         std::atomic_ref<std::uint64_t>(w).store(v, std::memory_order_release);
     }
     // Room for a record of `calls` calls at the next position; the claim is
-    // published before any of its bytes is written.
-    std::uint64_t* Claim(ZorTrace* t, std::uint32_t calls);
+    // published before any of its bytes is written. Records never wrap: one
+    // that would pass the ring's end starts at its beginning. Positions are
+    // absolute, so that a reader compares them directly with the claim.
+    void Claim(ZorTrace* t, std::uint32_t calls) {
+        room_ = calls < ZOR_TRACE_MAX_CALLS ? calls : ZOR_TRACE_MAX_CALLS;
+        const std::uint32_t need = ZOR_TRACE_RECORD_BYTES + room_ * sizeof(ZorTraceRingCall);
+        if (nextOffset_ + need > dataBytes_) {
+            next_ += dataBytes_ - nextOffset_;
+            nextOffset_ = 0;
+        }
+        std::atomic_ref<std::uint64_t>(t->claimed).store(next_ + need, std::memory_order_release);
+        cur_ = reinterpret_cast<std::uint64_t*>(data_ + nextOffset_);
+        callWords_ = cur_ + ZOR_TRACE_RECORD_BYTES / 8;
+        calls_ = 0;
+    }
 
     Logger& log_;
     std::atomic<ZorTrace*> area_{nullptr};
@@ -90,11 +107,12 @@ private:
     // Dispatch thread only.
     std::uint64_t* cur_ = nullptr;     // the record being written
     std::uint64_t* callWords_ = nullptr;
-    std::uint64_t position_ = 0;       // absolute position of cur_
-    std::uint64_t next_ = 0;           // where the next record may start
+    std::uint64_t next_ = 0;           // absolute position of cur_ / the next record
+    std::uint32_t nextOffset_ = 0;     // the same within the ring
     std::uint64_t number_ = 0;         // records completed
-    std::uint32_t room_ = 0, calls_ = 0, sequence_ = 0, lateNs_ = 0, deferredNs_ = 0;
-    double arrivalMs_ = 0;
+    std::uint32_t indexSlot_ = 0;      // number_ % capacity_
+    std::uint32_t room_ = 0, calls_ = 0, sequence_ = 0, lateNs_ = 0;
+    double arrivalMs_ = 0, deferredMs_ = 0;
 };
 
 }  // namespace zor

@@ -33,7 +33,7 @@ void WriteRecord(FlightRecorder& r, std::uint32_t n, std::uint32_t base = 0) {
     const double t0 = n * 1.0;
     r.Begin(n, t0, calls);
     r.Deferred(t0 + 0.001 * (n % 7));
-    for (std::uint32_t c = 0; c < calls; ++c) r.Call(1 + c, t0 + 0.01 * c, t0 + 0.01 * c + 0.002, c & 1);
+    for (std::uint32_t c = 0; c < calls; ++c) r.Call(1 + c, t0 + 0.01 * (c + 1), c & 1);
     r.End(t0 + 0.5);
 }
 
@@ -45,8 +45,9 @@ bool Consistent(const ZorTraceEvent& e, std::uint64_t n, std::uint32_t base = 0)
               near(e.head.deferred_ns, 1000 * (n % 7)) && near(e.head.event_ns, 500000) &&
               e.head.late_ns == ZOR_TRACE_LATE_UNKNOWN;
     for (std::uint32_t c = 0; ok && c < e.head.calls; ++c)
-        ok = e.call[c].slot == 1 + c && e.call[c].flags == (c & 1) && near(e.call[c].duration_ns, 2000) &&
-             near(e.call[c].start_ns, 10000 * c);
+        ok = e.call[c].slot == 1 + c && e.call[c].flags == (c & 1) &&
+             near(e.call[c].start_ns, c ? 10000 * c : 1000 * (n % 7)) &&
+             near(e.call[c].start_ns + e.call[c].duration_ns, 10000 * (c + 1));
     return ok;
 }
 
