@@ -138,6 +138,7 @@ TEST(EventPath, NoAllocationLockOrSystemCall) {
     test::TestHost th(true);
     Host& h = th.host();
     ASSERT_TRUE(h.stats.Publish());  // the live figures are kept on the event path too
+    ASSERT_TRUE(h.recorder.Publish(ZOR_TRACE_DEFAULT_EVENTS));  // and the flight recorder
     ASSERT_NE(0u, h.shm.SysMem(zor::os::process_peer(), os::current_process_id(), ZOR_SSA_QUEUE + 4096));
     const std::uint32_t a = test::RegisterIsr(h, "test_isr");
     const std::uint32_t b = test::RegisterIsr(h, "test_isr_b");
