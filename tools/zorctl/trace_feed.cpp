@@ -28,6 +28,7 @@ int TraceFeed::Open(std::uint32_t pid) {
                                          : zor_strerror(st));
         return st == ZOR_E_NO_HOST ? 3 : 1;
     }
+    capacity_ = trace_->capacity;  // checked by zor_trace_map against the mapping
     // Only for the modules' names: without the area they are numbers.
     if (zor_stats_map(pid, &stats_, &statsView_) != ZOR_OK) stats_ = nullptr;
     next_ = Written();
@@ -39,15 +40,15 @@ std::uint64_t TraceFeed::Written() const { return __atomic_load_n(&trace_->writt
 void TraceFeed::From(std::uint64_t first) { next_ = first; }
 
 std::uint64_t TraceFeed::Oldest() const {
-    const std::uint64_t w = Written(), cap = trace_->capacity;
+    const std::uint64_t w = Written(), cap = capacity_;
     return w > cap ? w - cap : 0;
 }
 
 std::size_t TraceFeed::Poll(std::deque<TraceEvent>* out) {
     const std::uint64_t written = Written();
-    if (next_ + trace_->capacity < written) {
-        lost_ += written - trace_->capacity - next_;
-        next_ = written - trace_->capacity;
+    if (next_ + capacity_ < written) {
+        lost_ += written - capacity_ - next_;
+        next_ = written - capacity_;
     }
     std::size_t added = 0;
     ZorTraceEvent ev;

@@ -36,7 +36,7 @@ private:
     const ZorStats* stats_ = nullptr;
     ZorView statsView_{};
     std::uint64_t next_ = 0, lost_ = 0;
-    std::uint32_t pid_ = 0;
+    std::uint32_t pid_ = 0, capacity_ = 0;
 };
 
 }  // namespace zorctl
