@@ -1,7 +1,8 @@
 // The flight recorder of the real host as a user reads it with zorctl: a
-// module that stalls 3 ms on every 500th event, caught by threshold
-// captures whose cause names it; trace files that parse, in time order,
-// each ISR call within its event.
+// module that stalls 3 ms on every 500th event (longer when the system
+// preempts it: it reports each stall's own measure), caught by threshold
+// captures whose cause names it with that time; trace files that parse, in
+// time order, each ISR call within its event.
 #include <cstdlib>
 #include <filesystem>
 #include <sstream>
@@ -48,7 +49,9 @@ TEST(FlightRecorder, ThresholdCapturesNameTheStallingIsr) {
     o.testModules = {Mod("stall_isr"), Mod("test_isr")};
     ZorInstance zor(o);
     std::uint32_t stall = 0, other = 0;
-    ASSERT_EQ(zor_register_module(zor.conn(), Mod("stall_isr").c_str(), 0, &stall, nullptr), ZOR_OK);
+    ZorView shared{};
+    ASSERT_EQ(zor_register_module(zor.conn(), Mod("stall_isr").c_str(), 512, &stall, &shared), ZOR_OK);
+    ASSERT_NE(shared.base, nullptr);
     ASSERT_EQ(zor_register_module(zor.conn(), Mod("test_isr").c_str(), 0, &other, nullptr), ZOR_OK);
     const std::string dir = zor.Dir() + kSep + "captures";
     auto r = Ctl(zor.Pid(), {"trace", "--threshold", "1500us", "--on", "isr:" + std::to_string(stall), "--before",
@@ -56,12 +59,19 @@ TEST(FlightRecorder, ThresholdCapturesNameTheStallingIsr) {
     ASSERT_EQ(r.code, 0u) << r.out;
     EXPECT_EQ(CountOf(r.out, "capture "), 2u) << r.out;
     // "capture 1: event N took X ms: ISR #n stall_isr.so 3.03 ms (99%), ..."
+    // Each names the module with the time of one of its stalls, within 20 %.
     const std::string part = "ISR #" + std::to_string(stall) + " " + Mod("stall_isr") + " ";
-    const auto at = r.out.find(": " + part);
-    ASSERT_NE(at, std::string::npos) << r.out;
-    const double ms = std::atof(r.out.c_str() + at + 2 + part.size());
-    EXPECT_GT(ms, 3.0 * 0.8) << r.out;
-    EXPECT_LT(ms, 3.0 * 1.2) << r.out;
+    const auto* stalls = static_cast<const double*>(shared.base);
+    const std::string cause = " ms: " + part;
+    for (auto at = r.out.find(cause); at != std::string::npos; at = r.out.find(cause, at + 1)) {
+        const double ms = std::atof(r.out.c_str() + at + cause.size());
+        bool matched = false;
+        for (int k = 1; k <= static_cast<int>(stalls[0]) && k < 64; ++k)
+            matched = matched || (stalls[k] >= 3.0 && ms > stalls[k] * 0.8 && ms < stalls[k] * 1.2);
+        EXPECT_TRUE(matched) << ms << " ms matches no stall; first stall " << stalls[1] << " ms\n" << r.out;
+    }
+    EXPECT_EQ(CountOf(r.out, cause), 2u) << r.out;
+    zor_unmap(&shared);
     EXPECT_NE(r.out.find("before it: " + part.substr(0, part.size() - 1) + " was not slow"), std::string::npos) << r.out;
     std::size_t files = 0;
     for (const auto& f : std::filesystem::directory_iterator(dir)) {
