@@ -14,14 +14,13 @@
  * start within the event, its duration and whether it faulted or was
  * aborted. Paused events are not recorded.
  *
- * The calls of an event follow each other without a gap (the clock reading
- * that ends one call starts the next; the first starts where the deferred
- * list ended), so the ring keeps of each call only its end, as the host's
- * clock reading itself (a ZorTraceRingCall: converting it would cost the
- * dispatch more than storing it); zor_trace_copy() hands out starts and
- * durations in nanoseconds.
+ * The ring keeps each call as the host's clock readings themselves (a
+ * ZorTraceRingCall: converting them would cost the dispatch more than
+ * storing them); zor_trace_copy() hands out starts and durations in
+ * nanoseconds. A call ends when the module's code returns: the host's own
+ * report of a slow call comes after it and counts as the host's time.
  *
- * Records have variable length (ZOR_TRACE_RECORD_BYTES + 16 bytes per call,
+ * Records have variable length (ZOR_TRACE_RECORD_BYTES + 24 bytes per call,
  * at most ZOR_TRACE_MAX_CALLS calls) and lie in a ring of `data_bytes`
  * bytes, never split at its end. `index[n % capacity]` holds the absolute
  * byte position of record n (positions only grow; the record lies at
@@ -58,8 +57,9 @@
 
 /* A call as the ring holds it. */
 typedef struct ZorTraceRingCall {
-    double end_ms;        /* the host's clock when it ended: arrival_ns / 1e6
+    double start_ms;      /* the host's clock when it began: arrival_ns / 1e6
                              is the same clock at the event's arrival */
+    double end_ms;        /* ... and when it ended */
     uint16_t slot;        /* module number */
     uint16_t flags;       /* ZOR_TRACE_CALL_* */
     uint32_t reserved;

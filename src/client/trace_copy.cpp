@@ -39,7 +39,7 @@ int TraceLayout(const ZorTrace* t, std::size_t mapped, TraceBounds* out) {
     b.dataBytes = Load32(&t->data_bytes);
     b.indexOffset = Load32(&t->index_offset);
     b.dataOffset = Load32(&t->data_offset);
-    const std::uint64_t minData = ZOR_TRACE_RECORD_BYTES + 16ull * ZOR_TRACE_MAX_CALLS;
+    const std::uint64_t minData = ZOR_TRACE_RECORD_BYTES + sizeof(ZorTraceRingCall) * ZOR_TRACE_MAX_CALLS;
     const bool ok = size <= mapped && b.capacity != 0 && b.dataBytes >= minData && b.dataBytes % 8 == 0 &&
                     b.indexOffset >= sizeof(ZorTrace) && b.indexOffset % 8 == 0 && b.dataOffset % 8 == 0 &&
                     b.indexOffset + 8ull * b.capacity <= size && b.dataOffset >= sizeof(ZorTrace) &&
@@ -68,23 +68,23 @@ extern "C" int zor_trace_copy(const ZorTrace* trace, const ZorView* view, uint64
     // A later record in the index's entry, or another record at the position.
     if (out->head.generation != number + 1) return ZOR_E_OVERWRITTEN;
     const std::uint32_t calls = out->head.calls;
-    const bool fits = calls <= ZOR_TRACE_MAX_CALLS && offset + ZOR_TRACE_RECORD_BYTES + 16ull * calls <= b.dataBytes;
-    std::uint64_t ends[2 * ZOR_TRACE_MAX_CALLS];
-    if (fits) CopyWords(record + ZOR_TRACE_RECORD_BYTES / 8, ends, 2ull * calls);
+    constexpr std::size_t kCallWords = sizeof(ZorTraceRingCall) / 8;
+    const bool fits = calls <= ZOR_TRACE_MAX_CALLS &&
+                      offset + ZOR_TRACE_RECORD_BYTES + sizeof(ZorTraceRingCall) * calls <= b.dataBytes;
+    std::uint64_t words[kCallWords * ZOR_TRACE_MAX_CALLS];
+    if (fits) CopyWords(record + ZOR_TRACE_RECORD_BYTES / 8, words, kCallWords * calls);
     // Overwritten while copied (a wrong count included): the claim passed it.
     if (Load(&trace->claimed) > position + b.dataBytes) return ZOR_E_OVERWRITTEN;
     if (!fits) return ZOR_E_LAYOUT;
-    // Each call began where the one before it ended.
-    std::uint32_t start = out->head.deferred_ns;
     for (std::uint32_t i = 0; i < calls; ++i) {
         ZorTraceRingCall c;
-        std::memcpy(&c, &ends[2 * i], sizeof c);
+        std::memcpy(&c, &words[kCallWords * i], sizeof c);
+        const std::uint32_t start = NsFrom(c.start_ms, out->head.arrival_ns);
         const std::uint32_t end = NsFrom(c.end_ms, out->head.arrival_ns);
         out->call[i].slot = c.slot;
         out->call[i].flags = c.flags;
         out->call[i].start_ns = start;
         out->call[i].duration_ns = end > start ? end - start : 0;
-        if (end > start) start = end;
     }
     return ZOR_OK;
 }

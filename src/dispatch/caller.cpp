@@ -31,6 +31,7 @@ struct CallFrame {
     std::uint32_t result;
     bool nullEntry;
     double* boundary;
+    double end;  // the reading that ended the module's code, 0 when it did not return
 };
 
 void GuardedCall(void* p) {
@@ -47,6 +48,7 @@ void GuardedCall(void* p) {
     const double t0 = f.boundary ? *f.boundary : ClockMs();
     f.result = entry(f.code, static_cast<std::uintptr_t>(f.arg));
     const double t1 = ClockMs();
+    f.end = t1;
     if (f.boundary) *f.boundary = t1;
     f.caller->ReportCall(f.slotNumber, t1 - t0, f.code, f.arg,
                          f.flags | (f.boundary ? Caller::kFlagInEvent : 0));
@@ -114,7 +116,7 @@ std::uint32_t Caller::CallModule(std::uint32_t slot, std::uint32_t code, std::ui
         if (gone) *gone = true;
         return 0;
     }
-    CallFrame f{this, &s, slot, code, arg, flags, context, 0, 0, false, boundary};
+    CallFrame f{this, &s, slot, code, arg, flags, context, 0, 0, false, boundary, 0.0};
     os::Fault fault{};
     if (!os::guarded_run(GuardedCall, &f, &fault)) {
         ReportFault(slot, fault.address);
@@ -135,6 +137,7 @@ std::uint32_t Caller::CallModule(std::uint32_t slot, std::uint32_t code, std::ui
         }
     }
     if (context != 0) RemoveThreadContext(f.threadId);
+    if (boundary) lastCallEnd_ = f.end != 0.0 ? f.end : *boundary;
     s.calls.fetch_sub(1, std::memory_order_release);
     return f.result;
 }

@@ -74,6 +74,10 @@ public:
     // Faults caught in Interrupt calls so far: the dispatch loop tells a
     // faulted call by this count moving.
     std::uint32_t InterruptFaults() const { return interruptFaults_.load(std::memory_order_relaxed); }
+    // The dispatch loop's latest call: the reading that ended the module's
+    // code, before any report of it (a fault's: the reading after its
+    // report). Dispatch thread only.
+    double LastCallEnd() const { return lastCallEnd_; }
 
 private:
     struct Context {
@@ -91,6 +95,7 @@ private:
     std::atomic<bool> faultNameBusy_{false};
     char16_t faultModuleName_[260] = {};
     std::atomic<std::uint32_t> interruptFaults_{0};
+    double lastCallEnd_ = 0.0;
 };
 
 // File name (after the last backslash or slash) of the module containing

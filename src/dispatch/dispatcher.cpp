@@ -55,9 +55,11 @@ std::uint32_t Dispatcher::OnInterrupt(std::uint32_t sequence) {
         ModuleSlot& s = slots_[order_[i]];
         if (s.blocked.load(std::memory_order_acquire) != 0) continue;
         s.busy.store(1, std::memory_order_release);
+        const double start = boundary;
         const std::uint32_t faults = caller_.InterruptFaults();
         caller_.CallModule(order_[i], ZOR_FN_INTERRUPT, sequence, 0, 0, nullptr, &boundary);
-        recorder_.Call(order_[i], boundary, caller_.InterruptFaults() != faults ? ZOR_TRACE_CALL_FAULT : 0);
+        recorder_.Call(order_[i], start, caller_.LastCallEnd(),
+                       caller_.InterruptFaults() != faults ? ZOR_TRACE_CALL_FAULT : 0);
         s.busy.store(0, std::memory_order_release);
     }
 

@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::uint32_t kCallBytes = sizeof(ZorTraceRingCall);
 
-static_assert(sizeof(ZorTraceRecord) == ZOR_TRACE_RECORD_BYTES && kCallBytes == 16 &&
+static_assert(sizeof(ZorTraceRecord) == ZOR_TRACE_RECORD_BYTES && kCallBytes == 24 &&
                   sizeof(ZorTrace) % 8 == 0,
               "records are written in 8-byte words");
 

@@ -51,25 +51,26 @@ public:
         arrivalMs_ = deferredMs_ = arrivalMs;
     }
     void Deferred(double startMs) { deferredMs_ = startMs; }
-    // A call that ended at `endMs`; it began where the one before ended
-    // (the first: at Deferred's reading). Stores only: arithmetic here
-    // would hold up the next call's clock reading until it is done.
-    // Without a record the room is 0: one comparison.
-    void Call(std::uint32_t slot, double endMs, std::uint32_t flags) {
+    // One ISR call, as the clock readings that began and ended it. Stores
+    // only: arithmetic here would hold up the next call's clock reading
+    // until it is done. Without a record the room is 0: one comparison.
+    void Call(std::uint32_t slot, double startMs, double endMs, std::uint32_t flags) {
         if (calls_ >= room_) return;
-        std::uint64_t* w = callWords_ + 2 * calls_++;
-        Put(w[0], __builtin_bit_cast(std::uint64_t, endMs));
-        Put(w[1], slot | flags << 16);
+        std::uint64_t* w = callWords_ + kCallWords * calls_++;
+        Put(w[0], __builtin_bit_cast(std::uint64_t, startMs));
+        Put(w[1], __builtin_bit_cast(std::uint64_t, endMs));
+        Put(w[2], slot | flags << 16);
     }
     // Marks the latest call (the dispatch watchdog's aborted calls).
     void FlagLastCall(std::uint32_t flags) {
         if (!cur_ || calls_ == 0) return;
-        std::uint64_t& w = callWords_[2 * calls_ - 1];
+        std::uint64_t& w = callWords_[kCallWords * calls_ - 1];
         Put(w, w | static_cast<std::uint64_t>(flags) << 16);
     }
     void End(double endMs);
 
 private:
+    static constexpr std::uint32_t kCallWords = sizeof(ZorTraceRingCall) / 8;
     static std::uint32_t Ns(double ms) {
         const double ns = ms * 1e6;
         return ns <= 0 ? 0u : ns >= 4294967295.0 ? 0xFFFFFFFFu : static_cast<std::uint32_t>(ns);

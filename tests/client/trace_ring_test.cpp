@@ -33,7 +33,7 @@ void WriteRecord(FlightRecorder& r, std::uint32_t n, std::uint32_t base = 0) {
     const double t0 = n * 1.0;
     r.Begin(n, t0, calls);
     r.Deferred(t0 + 0.001 * (n % 7));
-    for (std::uint32_t c = 0; c < calls; ++c) r.Call(1 + c, t0 + 0.01 * (c + 1), c & 1);
+    for (std::uint32_t c = 0; c < calls; ++c) r.Call(1 + c, t0 + (c ? 0.01 * c : 0.001 * (n % 7)), t0 + 0.01 * (c + 1), c & 1);
     r.End(t0 + 0.5);
 }
 
