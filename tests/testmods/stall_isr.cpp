@@ -19,7 +19,13 @@ std::atomic<double*> g_shared{nullptr};
 }  // namespace
 
 ZOR_EXPORT uint32_t ISR_GetSet(uint32_t code, uintptr_t arg) {
-    if (code == ZOR_FN_INITIALIZE) g_shared.store(reinterpret_cast<double*>(arg));
+    if (code == ZOR_FN_INITIALIZE) zor::os::now_ms();  // its first reading calibrates the clock
+    if (code == ZOR_FN_INITIALIZE && arg) {
+        // Written once now: the first write to the view may be slow too.
+        auto* d = reinterpret_cast<double*>(arg);
+        for (std::uint32_t i = 0; i <= kKept; ++i) d[i] = 0;
+        g_shared.store(d);
+    }
     if (code == ZOR_FN_SHUTDOWN) g_shared.store(nullptr);
     if (code != ZOR_FN_INTERRUPT || (g_calls.fetch_add(1) + 1) % kEvery != 0) return 0;
     const double start = zor::os::now_ms();
