@@ -31,7 +31,7 @@ inline void Row(const char* figure, double value, const char* baseline, double b
     const double ratio = rate ? (value > 0 ? base / value : 0) : (base > 0 ? value / base : 0);
     char verdict[64] = "";
     if (goal.kind == Goal::kMaxRatio) {
-        std::snprintf(verdict, sizeof verdict, "<= %.1fx: %s", goal.limit,
+        std::snprintf(verdict, sizeof verdict, "<= %gx: %s", goal.limit,
                       ratio <= goal.limit ? "met" : "not met");
     } else if (goal.kind == Goal::kMinValue) {
         std::snprintf(verdict, sizeof verdict, ">= %.0f: %s", goal.limit,
