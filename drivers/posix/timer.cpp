@@ -20,6 +20,7 @@
 //                 sequence continues without a gap across changes and pauses.
 // Initialize      answers 0, or 3 when the thread could not be started.
 // GS_GET_THREAD   answers the event thread's kernel thread id.
+// IRQ_Lateness    how late the thread woke for the event being delivered.
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <time.h>
@@ -49,6 +50,7 @@ struct Timer {
     std::atomic<std::int64_t> changedAt{0};    // CLOCK_MONOTONIC ns of the latest change
     std::atomic<bool> stop{false};
     std::atomic<std::uint64_t> deadline{0};    // the one the thread waited for
+    std::atomic<std::int64_t> lateNs{0};       // how late the thread woke for it
     std::mutex mutex;  // with `wake`: a paused thread, the start handshake
     std::condition_variable wake;
     pthread_t thread{};
@@ -84,9 +86,11 @@ void RunPeriod(std::uint32_t periodUs, std::uint32_t generation, std::int64_t t0
         const std::int64_t now = NowNs();
         if (now < target) SleepUntil(target - now > kPieceNs ? now + kPieceNs : target);
         if (Changed(generation)) return;
-        const auto passed = static_cast<std::uint64_t>((NowNs() - t0) / period);
+        const std::int64_t woke = NowNs();
+        const auto passed = static_cast<std::uint64_t>((woke - t0) / period);
         if (passed <= k) continue;  // a sleep piece, or a signal cut the sleep short
         g.deadline.store(static_cast<std::uint64_t>(target), std::memory_order_relaxed);
+        g.lateNs.store(woke - target, std::memory_order_relaxed);
         g.sequence += static_cast<std::uint32_t>(passed - k);
         k = passed;
         if (ZorInterruptProc entry = g.entry.load(std::memory_order_acquire)) entry(g.sequence);
@@ -174,3 +178,9 @@ ZOR_EXPORT uint32_t IRQ_GetSet(uint32_t code, uintptr_t arg) {
 // shows its whole lateness), for ISRs that measure their wake-up latency.
 // Valid during the interrupt call.
 ZOR_EXPORT uint64_t Timer_Deadline() { return g.deadline.load(std::memory_order_relaxed); }
+
+// The wake-up lateness of the event being delivered (zor_module.h).
+ZOR_EXPORT uint32_t IRQ_Lateness() {
+    const std::int64_t ns = g.lateNs.load(std::memory_order_relaxed);
+    return ns <= 0 ? 0u : ns >= 0xFFFFFFFE ? 0xFFFFFFFEu : static_cast<std::uint32_t>(ns);
+}

@@ -26,6 +26,7 @@
 // Initialize      answers 0, or 1 when no timer could be created, 3 when the
 //                 thread could not be started.
 // GS_GET_THREAD   answers the event thread's handle.
+// IRQ_Lateness    how late the thread woke for the event being delivered.
 #include <windows.h>
 #include <mmsystem.h>
 
@@ -64,6 +65,7 @@ struct Timer {
     std::atomic<std::uint32_t> generation{0};  // advanced by every change
     std::atomic<bool> stop{false};
     std::atomic<std::uint32_t> method{kHighResTimer};
+    std::atomic<std::int64_t> lateNs{0};  // how late the thread woke for the event delivered
     HANDLE timer = nullptr;
     HANDLE changed = nullptr;  // auto-reset: wakes a wait on a change or stop
     HANDLE thread = nullptr;
@@ -147,8 +149,11 @@ void RunPeriod(std::uint32_t periodUs, std::uint32_t generation) {
         auto target = t0 + static_cast<std::int64_t>(static_cast<double>(k + 1) * countsPerPeriod);
         WaitTowards(target, method, true);
         if (Changed(generation)) return;
-        auto passed = static_cast<std::uint64_t>(static_cast<double>(Counter() - t0) / countsPerPeriod);
+        const std::int64_t woke = Counter();
+        auto passed = static_cast<std::uint64_t>(static_cast<double>(woke - t0) / countsPerPeriod);
         if (passed <= k) continue;  // early: a sleep piece or a spurious wake
+        g.lateNs.store(static_cast<std::int64_t>(static_cast<double>(woke - target) * 1000.0 / g.countsPerUs),
+                       std::memory_order_relaxed);
         g.sequence += static_cast<std::uint32_t>(passed - k);
         k = passed;
         if (ZorInterruptProc entry = g.entry.load(std::memory_order_acquire)) entry(g.sequence);
@@ -242,3 +247,9 @@ ZOR_EXPORT uint32_t IRQ_GetSet(uint32_t code, uintptr_t arg) {
 // How the event thread waits: 0 high-resolution waitable timer, 1 plain
 // waitable timer, 2 thread sleep. Meaningful once the first event came.
 ZOR_EXPORT uint32_t Timer_Method() { return g.method.load(std::memory_order_acquire); }
+
+// The wake-up lateness of the event being delivered (zor_module.h).
+ZOR_EXPORT uint32_t IRQ_Lateness() {
+    const std::int64_t ns = g.lateNs.load(std::memory_order_relaxed);
+    return ns <= 0 ? 0u : ns >= 0xFFFFFFFE ? 0xFFFFFFFEu : static_cast<std::uint32_t>(ns);
+}

@@ -67,6 +67,7 @@
 
 #include "zor/zor_module.h"
 #include "zor/zor_stats.h"
+#include "zor/zor_trace.h"
 
 #if defined(_WIN32) && defined(ZORCLIENT_BUILD_DLL)
 #define ZOR_CLIENT_API ZOR_EXTERN_C __declspec(dllexport)
@@ -91,8 +92,10 @@ typedef enum ZorStatus {
     ZOR_E_NAME_TOO_LONG = -12, /* module name over 19 UTF-16 units or bad UTF-8 */
     ZOR_E_NO_SLOT = -13,       /* every async result slot is taken */
     ZOR_E_LAYOUT = -14,        /* the statistics area has another layout */
-    ZOR_E_UNTRUSTED = -15      /* Linux: what answered is not the host's own (another user's
+    ZOR_E_UNTRUSTED = -15,     /* Linux: what answered is not the host's own (another user's
                                   socket or statistics object): see zor_untrusted_peer() */
+    ZOR_E_OVERWRITTEN = -16    /* the flight recorder's record is gone or was
+                                  overwritten while it was read */
 } ZorStatus;
 
 /* A sentence for a status (English, static storage, never null). */
@@ -203,6 +206,23 @@ ZOR_CLIENT_API int zor_stats_map(uint32_t host_pid, const ZorStats** stats,
  * a record kept changing for a second (the host writes each within
  * microseconds; the copy yields between tries). */
 ZOR_CLIENT_API int zor_stats_copy(const ZorStats* stats, ZorStats* out);
+
+/* ------------------------------------------------------- flight recorder */
+
+/* Maps the flight recorder of host `host_pid` (zor_trace.h) for reading,
+ * like zor_stats_map(). ZOR_E_NO_HOST when there is none (no such host, or
+ * one running without it); ZOR_E_LAYOUT when its magic, layout or bounds are
+ * not this header's or reach past the mapping (the view is still mapped). */
+ZOR_CLIENT_API int zor_trace_map(uint32_t host_pid, const ZorTrace** trace,
+                                 ZorView* view);
+/* Copies record `number` (0 for the first the host wrote) into *out.
+ * ZOR_E_INVALID_ARG when it is not written yet (number >= written);
+ * ZOR_E_OVERWRITTEN when the ring no longer holds it or it was overwritten
+ * during the copy: a torn record is never handed out. ZOR_E_LAYOUT when the
+ * header or the record do not lie within `view`. Nothing is written to the
+ * mapping. */
+ZOR_CLIENT_API int zor_trace_copy(const ZorTrace* trace, const ZorView* view,
+                                  uint64_t number, ZorTraceEvent* out);
 
 /* ----------------------------------------------------------- ExecISRFunc */
 

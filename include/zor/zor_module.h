@@ -67,6 +67,19 @@ typedef void (*ZorLogProc)(uint32_t level, uint32_t mask, const uint16_t* text);
 #define ZOR_ISR_EXPORT_NAME "ISR_GetSet"
 #define ZOR_IRQ_EXPORT_NAME "IRQ_GetSet"
 
+/* Wake-up lateness: an IRQ driver that knows when each event was due may
+ * also export
+ *     uint32_t IRQ_Lateness(void)
+ * answering, for the event being delivered, the nanoseconds from its
+ * deadline to the moment the driver's thread woke for it (saturating at
+ * 0xFFFFFFFE). The host looks it up when it loads the driver and calls it on
+ * the interrupt thread at the start of every event, inside the call of the
+ * interrupt entry; it must answer at once (no lock, no system call). The
+ * figure goes to the flight recorder (zor_trace.h). A driver without it
+ * has its lateness recorded as unknown. timer.irq exports it. */
+typedef uint32_t (*ZorLatenessProc)(void);
+#define ZOR_LATENESS_EXPORT_NAME "IRQ_Lateness"
+
 /* ------------------------------------------------------------ function codes
  * Sent by the host through the module's GetSet entry.                        */
 enum ZorFunctionCode {
@@ -106,7 +119,8 @@ enum ZorFunctionCode {
  *   (measured when it starts; under Wine timers are coarse). On Linux it
  *   exports uint64_t Timer_Deadline(): the CLOCK_MONOTONIC deadline (ns) the
  *   thread waited for before the event being delivered, for ISRs that
- *   measure their wake-up latency.
+ *   measure their wake-up latency. On every platform it exports
+ *   IRQ_Lateness() (see ZOR_LATENESS_EXPORT_NAME).
  *     GS_IRQ_QUERY          the period in microseconds; 0 while paused
  *     GS_IRQ_CONTROL(us)    sets the period, answers the previous one;
  *                           0 pauses; below ZOR_TIMER_FLOOR_US (1000 us on

@@ -41,6 +41,7 @@ demo_linux() {
   sleep 1
   "$bin/zorctl" --pid "$host_pid" plot --svg "$dir/zor_plot.svg" --seconds $(( seconds > 4 ? seconds - 3 : 1 )) >/dev/null
   "$bin/zorctl" --pid "$host_pid" stats >"$dir/stats.txt" 2>&1
+  "$bin/zorctl" --pid "$host_pid" trace --seconds 2 -o "$dir/zor_trace.json" --svg >"$dir/trace.txt" 2>&1
   wait "$client_job"
   local client_rc=$?
   zor_log "ending the host (command 4)"
@@ -54,6 +55,10 @@ demo_linux() {
   demo_last_table "$log_file"
   zor_log "zorctl stats, near the end of the run"
   cat "$dir/stats.txt"
+  zor_log "the slowest event of two seconds, from the flight recorder"
+  cat "$dir/trace.txt"
+  command -v rsvg-convert >/dev/null && rsvg-convert -o "$dir/zor_trace.png" "$dir/zor_trace.svg" 2>/dev/null
   zor_log "latency plot of the run (open it in a browser): $dir/zor_plot.svg"
+  echo "its trace: $dir/zor_trace.json (ui.perfetto.dev opens it), timeline $dir/zor_trace.svg"
   exit $client_rc
 }

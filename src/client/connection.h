@@ -62,9 +62,9 @@ int SendForHandle(ZorConnection* c, std::uint32_t command, const void* payload,
 // (0 = all there is); never more than the object really holds.
 int MapWhole(Handle handle, std::uint32_t want, ZorView* out);
 void Unmap(ZorView* v);
-// Maps the statistics area of host `host_pid` for reading, whole;
-// ZOR_E_NO_HOST when there is none.
-int MapStats(std::uint32_t host_pid, ZorView* out);
+// Maps the statistics area of host `host_pid` (or another of its read-only
+// areas, by name prefix) for reading, whole; ZOR_E_NO_HOST when there is none.
+int MapStats(std::uint32_t host_pid, ZorView* out, const char* prefix = ZOR_STATS_NAME_PREFIX);
 
 // The two pipes of a client: requests go from request_write to the host's
 // request_read, answers from the host's reply_write to reply_read.

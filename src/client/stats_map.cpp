@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "client/connection.h"
+#include "client/trace_layout.h"
 
 extern "C" int zor_stats_map(uint32_t host_pid, const ZorStats** stats, ZorView* view) {
     if (stats == nullptr || view == nullptr) return ZOR_E_INVALID_ARG;
@@ -19,4 +20,15 @@ extern "C" int zor_stats_map(uint32_t host_pid, const ZorStats** stats, ZorView*
         return ZOR_E_LAYOUT;
     }
     return ZOR_OK;
+}
+
+extern "C" int zor_trace_map(uint32_t host_pid, const ZorTrace** trace, ZorView* view) {
+    if (trace == nullptr || view == nullptr) return ZOR_E_INVALID_ARG;
+    std::memset(view, 0, sizeof *view);
+    *trace = nullptr;
+    const int st = zor::client::MapStats(host_pid, view, ZOR_TRACE_NAME_PREFIX);
+    if (st != ZOR_OK) return st;
+    *trace = static_cast<const ZorTrace*>(view->base);
+    zor::client::TraceBounds b;
+    return zor::client::TraceLayout(*trace, view->size, &b);
 }

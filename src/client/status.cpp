@@ -19,6 +19,7 @@ extern "C" const char* zor_strerror(int status) {
     case ZOR_E_NO_SLOT: return "every async result slot is in use";
     case ZOR_E_LAYOUT: return "the host's statistics area has a layout this program does not know";
     case ZOR_E_UNTRUSTED: return "what answered is not the host's own: it belongs to another user";
+    case ZOR_E_OVERWRITTEN: return "the flight recorder's record was overwritten";
     default: return "unknown status";
     }
 }

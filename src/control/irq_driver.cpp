@@ -8,6 +8,7 @@
 #include "control/module_entries.h"
 #include "dispatch/dispatcher.h"
 #include "dispatch/watchdog.h"
+#include "dispatch/flight_recorder.h"
 #include "modules/slot_table.h"
 #include "pagelock/page_locker.h"
 #include "support/critsec.h"
@@ -93,6 +94,9 @@ std::uint32_t IrqDriver::RegisterIRQ(const char16_t* path, bool strict) {
         return 0;
     }
     s.entry.store(entry, std::memory_order_release);
+    // Optional: how late each event woke, for the flight recorder.
+    dispatcher_.Recorder().SetLatenessSource(
+        reinterpret_cast<ZorLatenessProc>(os::module_symbol(s.module, ZOR_LATENESS_EXPORT_NAME)));
 
     caller_.CallModule(slot, ZOR_FN_SET_ISR_HANDLE, slot);
     caller_.CallModule(slot, ZOR_FN_SET_SERVICE_PROC, ServiceEntry());
@@ -135,6 +139,7 @@ void IrqDriver::FailRegistration(std::uint32_t slot) {
 // (a memory service in flight is host code that takes no seconds).
 void IrqDriver::Release(std::uint32_t slot, std::uint32_t waitMs) {
     ModuleSlot& s = slots_[slot];
+    dispatcher_.Recorder().SetLatenessSource(nullptr);  // it lives in the driver
     const bool drained = caller_.CloseSlot(slot, waitMs);
     custom_.RemoveCustomServices(slot);
     delete s.locker;
@@ -165,6 +170,7 @@ void IrqDriver::UnregisterIRQ(std::uint32_t waitMs) {
             custom_.RemoveCustomServices(i);
             caller_.CallModule(i, ZOR_GS_SET_INTERRUPT, 0);
             caller_.CallModule(i, ZOR_FN_SHUTDOWN, 0);
+            dispatcher_.Recorder().SetLatenessSource(nullptr);
             sysLocker_.UnlockModule(reinterpret_cast<const void*>(entry));
             s.irqThread = 0;
         }

@@ -13,6 +13,7 @@
 #include "support/stopwatch.h"
 #include "support/wformat.h"
 #include "support/wstr.h"
+#include "zor/zor_trace.h"
 
 namespace zor {
 
@@ -31,6 +32,7 @@ struct CallFrame {
     std::uint32_t result;
     bool nullEntry;
     double* boundary;
+    double end;  // the reading that ended the module's code, 0 when it did not return
 };
 
 void GuardedCall(void* p) {
@@ -47,6 +49,7 @@ void GuardedCall(void* p) {
     const double t0 = f.boundary ? *f.boundary : ClockMs();
     f.result = entry(f.code, static_cast<std::uintptr_t>(f.arg));
     const double t1 = ClockMs();
+    f.end = t1;
     if (f.boundary) *f.boundary = t1;
     f.caller->ReportCall(f.slotNumber, t1 - t0, f.code, f.arg,
                          f.flags | (f.boundary ? Caller::kFlagInEvent : 0));
@@ -111,7 +114,7 @@ std::uint32_t Caller::CallModule(std::uint32_t slot, std::uint32_t code, std::ui
         if (gone) *gone = true;
         return 0;
     }
-    CallFrame f{this, &s, slot, code, arg, flags, context, 0, 0, false, boundary};
+    CallFrame f{this, &s, slot, code, arg, flags, context, 0, 0, false, boundary, 0.0};
     // What the dispatch thread runs is published for the watchdog.
     const bool watched = boundary || (code == ZOR_FN_EXEC_ISR_FUNC && thread_.IsCurrent());
     RunningCall::Saved outer{};
@@ -139,6 +142,11 @@ std::uint32_t Caller::CallModule(std::uint32_t slot, std::uint32_t code, std::ui
         }
     }
     if (context != 0) RemoveThreadContext(f.threadId);
+    if (boundary) {
+        lastCallEnd_ = f.end != 0.0 ? f.end : *boundary;
+        lastCallFlags_ = returned ? 0 : fault.code == os::kFaultAborted ? ZOR_TRACE_CALL_ABORTED
+                                                                        : ZOR_TRACE_CALL_FAULT;
+    }
     s.LeaveCall();
     return f.result;
 }

@@ -77,6 +77,13 @@ public:
     // The file name of the module of the last caught fault. Read it only
     // while no other call can fault.
     const char16_t* FaultModuleName() const { return faultModuleName_; }
+    // How the dispatch loop's latest call ended: 0, or ZOR_TRACE_CALL_FAULT
+    // (caught) or ZOR_TRACE_CALL_ABORTED (the watchdog). Dispatch thread only.
+    std::uint32_t LastCallFlags() const { return lastCallFlags_; }
+    // The dispatch loop's latest call: the reading that ended the module's
+    // code, before any report of it (a fault's: the reading after its
+    // report). Dispatch thread only.
+    double LastCallEnd() const { return lastCallEnd_; }
 
 private:
     struct Context {
@@ -95,6 +102,8 @@ private:
     std::atomic<bool> faultNameBusy_{false};
     char16_t faultModuleName_[260] = {};
     RunningCall running_;
+    std::uint32_t lastCallFlags_ = 0;
+    double lastCallEnd_ = 0.0;
 };
 
 // File name (after the last backslash or slash) of the module containing

@@ -5,6 +5,7 @@
 
 #include "dispatch/caller.h"
 #include "dispatch/deferred_list.h"
+#include "dispatch/flight_recorder.h"
 #include "dispatch/stats.h"
 #include "modules/shared_mem.h"
 #include "modules/slot_table.h"
@@ -48,14 +49,19 @@ std::uint32_t Dispatcher::OnInterrupt(std::uint32_t sequence) {
     // One clock reading per boundary between calls: the reading that ends
     // one ISR's call starts the next one's, and the last one ends the event.
     double boundary = ClockMs();
+    recorder_.Begin(sequence, now, dispatchCount_.load(std::memory_order_relaxed));
+    recorder_.Deferred(boundary);
     for (std::uint32_t i = 0; i < dispatchCount_.load(std::memory_order_relaxed); ++i) {
         ModuleSlot& s = slots_[order_[i]];
         if (s.blocked.load(std::memory_order_acquire) != 0) continue;
         s.busy.store(1, std::memory_order_release);
+        const double start = boundary;
         caller_.CallModule(order_[i], ZOR_FN_INTERRUPT, sequence, 0, 0, nullptr, &boundary);
+        recorder_.Call(order_[i], start, caller_.LastCallEnd(), caller_.LastCallFlags());
         s.busy.store(0, std::memory_order_release);
     }
 
+    recorder_.End(boundary);
     EndOfInterrupt(sequence, boundary);
     inDispatch.store(0, std::memory_order_release);
     return 0;

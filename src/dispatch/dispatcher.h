@@ -14,6 +14,7 @@ namespace zor {
 
 class Caller;
 class DeferredList;
+class FlightRecorder;
 class LockedNames;
 class Logger;
 class SharedMemory;
@@ -23,15 +24,17 @@ class StatsArea;
 class Dispatcher {
 public:
     Dispatcher(Logger& log, SlotTable& slots, SharedMemory& shm, StatsArea& stats, Caller& caller,
-               DeferredList& deferred, DispatchThread& thread, LockedNames& lockedNames)
+               DeferredList& deferred, DispatchThread& thread, LockedNames& lockedNames,
+               FlightRecorder& recorder)
         : log_(log), slots_(slots), shm_(shm), stats_(stats), caller_(caller),
-          deferred_(deferred), thread_(thread), lockedNames_(lockedNames) {}
+          deferred_(deferred), thread_(thread), lockedNames_(lockedNames), recorder_(recorder) {}
 
     // OnInterrupt: 0 after a full dispatch, 1 when paused.
     std::uint32_t OnInterrupt(std::uint32_t sequence);
     bool IsDispatchThread() const { return thread_.IsCurrent(); }
     void InvalidateDispatchOrder() { orderValid_.store(0, std::memory_order_release); }
     void ResetDispatchThread() { thread_.Reset(); }
+    FlightRecorder& Recorder() { return recorder_; }
 
     void PauseISR(bool pause);
     std::uint32_t BlockISR(std::uint32_t handle, std::uint32_t block);
@@ -68,6 +71,7 @@ private:
     DeferredList& deferred_;
     DispatchThread& thread_;
     LockedNames& lockedNames_;
+    FlightRecorder& recorder_;
     std::uint32_t order_[100] = {};
     std::atomic<std::uint32_t> dispatchCount_{0};
     std::atomic<std::uint32_t> orderValid_{0};

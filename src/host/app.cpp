@@ -31,6 +31,7 @@ int RunZorApp(const char16_t* commandLine, DialogShell& shell) {
     LoadConfig(*host);
     host->registry.PrepareTables();
     host->stats.Publish();
+    host->recorder.Publish(host->config.traceEvents);
 
     // -1: the dialog could not run at all (the shell said why).
     const std::intptr_t ran = shell.RunDialog(*host, hide);
@@ -49,6 +50,7 @@ int RunZorApp(const char16_t* commandLine, DialogShell& shell) {
     }
     if (stopped) {
         host->stats.Release();
+        host->recorder.Release();
         SetRunningHost(nullptr);
         delete host;
     } else {

@@ -41,6 +41,7 @@ void ReadConfigFiles(Host& host) {
     host.watchdog.SetBudget(c.watchdogMs);
     host.shm.SetCaps(std::uint64_t{os::ini_read_int(kSection, u"SHMMAXMB", 256, c.szIni)} << 20,
                      std::uint64_t{os::ini_read_int(kSection, u"SHMTOTALMB", 1024, c.szIni)} << 20);
+    c.traceEvents = os::ini_read_int(kSection, u"TRACEEVENTS", ZOR_TRACE_DEFAULT_EVENTS, c.szIni);
 }
 
 // '?' never starts a path or a list of pairs: it stands for "key absent".

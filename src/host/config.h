@@ -32,6 +32,8 @@ struct Config {
     char16_t fallbackIrqName[260] = {};
     std::uint32_t allowLowIntegrity = 0;
     std::uint32_t watchdogMs = 0;
+    // TRACEEVENTS (szIni only): events the flight recorder keeps, 0: none.
+    std::uint32_t traceEvents = 4096;
     std::atomic<std::uint64_t> clientPids[kClientPids] = {};
     std::atomic<std::uint32_t> clientCount{0};
 };

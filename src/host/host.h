@@ -17,6 +17,7 @@
 #include "dispatch/deferred_list.h"
 #include "dispatch/dispatch_thread.h"
 #include "dispatch/dispatcher.h"
+#include "dispatch/flight_recorder.h"
 #include "dispatch/stats.h"
 #include "dispatch/watchdog.h"
 #include "host/config.h"
@@ -48,6 +49,7 @@ struct Host {
     // The per-event path.
     DispatchThread dispatchThread;
     StatsArea stats;
+    FlightRecorder recorder;
     Caller caller;
     DeferredList deferredList;
     Dispatcher dispatcher;

@@ -11,6 +11,7 @@
 #include "dispatch/caller.h"
 #include "dispatch/deferred_list.h"
 #include "dispatch/dispatcher.h"
+#include "dispatch/flight_recorder.h"
 #include "dispatch/stats.h"
 #include "modules/shared_mem.h"
 #include "modules/slot_table.h"
@@ -79,7 +80,8 @@ public:
     StatsArea stats{log, slots};
     Caller caller{log, slots, shm, stats, thread};
     DeferredList deferred{log, shm, slots, caller, stats};
-    Dispatcher dispatcher{log, slots, shm, stats, caller, deferred, thread, lockedNames};
+    FlightRecorder recorder{log};
+    Dispatcher dispatcher{log, slots, shm, stats, caller, deferred, thread, lockedNames, recorder};
 };
 
 }  // namespace zor::test

@@ -3,6 +3,7 @@
 #include "e2e_support.h"
 
 #include <atomic>
+#include <cctype>
 #include <filesystem>
 
 namespace zor::e2e {
@@ -13,6 +14,29 @@ bool Program::WaitFor(const std::string& text) {
     while (out_.find(text) == std::string::npos)
         if (!ReadMore()) return false;
     return true;
+}
+
+bool IsJson(const std::string& text) {
+    std::string open;
+    char last = 0;
+    bool quoted = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (quoted) {
+            if (static_cast<unsigned char>(c) < 0x20) return false;
+            i += c == '\\';
+            quoted = c != '"';
+        } else if (c == '"') {
+            quoted = true;
+        } else if (c == '{' || c == '[') {
+            open += c == '{' ? '}' : ']';
+        } else if (c == '}' || c == ']') {
+            if (open.empty() || open.back() != c || last == ',') return false;
+            open.pop_back();
+        }
+        if (!std::isspace(static_cast<unsigned char>(c))) last = c;
+    }
+    return open.empty() && !quoted && (last == '}' || last == ']');
 }
 
 RunResult RunTool(const std::string& exe, const std::vector<std::string>& args) {

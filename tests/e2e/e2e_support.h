@@ -69,6 +69,10 @@ struct RunResult {
     std::string out;
 };
 RunResult RunTool(const std::string& exe, const std::vector<std::string>& args);
+// JSON enough for zorctl's output: one bracketed value whose brackets pair
+// up outside strings, no comma before a closing one, no control bytes in
+// strings.
+bool IsJson(const std::string& text);
 // zorctl run against the host with this process id.
 RunResult Ctl(std::uint32_t pid, std::vector<std::string> args);
 

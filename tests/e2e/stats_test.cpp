@@ -1,37 +1,11 @@
 // The statistics area of the real host: figures that follow a known load,
 // and zorctl reading them without becoming a client.
-#include <cctype>
 #include <memory>
 
 #include "e2e_support.h"
 
 namespace zor::e2e {
 namespace {
-
-// JSON enough for zorctl's output: one bracketed value whose brackets pair up
-// outside strings, no comma before a closing one, no control bytes in strings.
-bool IsJson(const std::string& text) {
-    std::string open;
-    char last = 0;
-    bool quoted = false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        if (quoted) {
-            if (static_cast<unsigned char>(c) < 0x20) return false;
-            i += c == '\\';
-            quoted = c != '"';
-        } else if (c == '"') {
-            quoted = true;
-        } else if (c == '{' || c == '[') {
-            open += c == '{' ? '}' : ']';
-        } else if (c == '}' || c == ']') {
-            if (open.empty() || open.back() != c || last == ',') return false;
-            open.pop_back();
-        }
-        if (!std::isspace(static_cast<unsigned char>(c))) last = c;
-    }
-    return open.empty() && !quoted && (last == '}' || last == ']');
-}
 
 // The bucket that holds half of the counts.
 std::uint32_t MedianBucket(const ZorStatsHistogram& h, std::uint64_t n) {

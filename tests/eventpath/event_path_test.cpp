@@ -143,6 +143,7 @@ TEST(EventPath, NoAllocationLockOrSystemCall) {
     h.watchdog.SetBudget(1000);      // so is the watchdog's record of the running call
     h.watchdog.Start();
     ASSERT_TRUE(h.watchdog.Running());
+    ASSERT_TRUE(h.recorder.Publish(ZOR_TRACE_DEFAULT_EVENTS));  // and the flight recorder
     ASSERT_NE(0u, h.shm.SysMem(zor::os::process_peer(), os::current_process_id(), ZOR_SSA_QUEUE + 4096));
     const std::uint32_t a = test::RegisterIsr(h, "test_isr");
     const std::uint32_t b = test::RegisterIsr(h, "test_isr_b");

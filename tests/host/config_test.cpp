@@ -65,14 +65,16 @@ protected:
     std::unique_ptr<zor::Host> host_;
 };
 
-// The per-user file is read for LASTIRQ only; DLLDIR is taken as it
-// stands (no backslash is added).
+// The per-user file is read for LASTIRQ only (TRACEEVENTS there is not
+// the installation's); DLLDIR is taken as it stands (no backslash is added).
 TEST_F(ConfigFiles, UserFileWinsForLastIrqOnly) {
-    Write("install.ini", "DLLDIR=D:\\drivers\r\nLASTIRQ=timer.irq\r\nFALLBACKIRQ=trigger.irq\r\nWATCHDOGMS=30\r\n");
+    Write("install.ini", "DLLDIR=D:\\drivers\r\nLASTIRQ=timer.irq\r\nFALLBACKIRQ=trigger.irq\r\nWATCHDOGMS=30\r\n"
+                         "TRACEEVENTS=100\r\n");
     Write("user.ini",
           "LASTIRQ=mine.irq\r\nFALLBACKIRQ=user.irq\r\nDLLDIR=E:\\elsewhere\\\r\n"
-          "ALLOWLOWINTEGRITY=1\r\nWATCHDOGMS=7\r\n");
+          "ALLOWLOWINTEGRITY=1\r\nWATCHDOGMS=7\r\nTRACEEVENTS=0\r\n");
     zor::ReadConfigFiles(*host_);
+    EXPECT_EQ(config().traceEvents, 100u);
     EXPECT_EQ(Utf8(config().lastIrqName), "mine.irq");
     EXPECT_EQ(Utf8(config().fallbackIrqName), "trigger.irq");
     EXPECT_EQ(Utf8(config().szExe), "D:\\drivers");

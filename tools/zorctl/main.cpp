@@ -15,6 +15,7 @@
 #include "platform.h"
 #include "stats_commands.h"
 #include "usage.h"
+#include "trace.h"
 #include "zor/zor_client.h"
 #include "zor/zor_version.h"
 
@@ -269,6 +270,8 @@ int Main(int argc, char** argv) {
             return kOk;
         }
     }
+    // trace reads its own options (durations, a folder).
+    if (cmd == "trace") return zorctl::Trace(argc - i - 1, argv + i + 1, pid, timeout);
     Args a;
     if (const char* err = ParseOptions(argc, argv, i + 1, &a)) return Usage(err);
     if (a.pos.size() < usage->minWords || a.pos.size() > usage->maxWords) {

@@ -28,6 +28,10 @@ constexpr CommandUsage kCommands[] = {
     {"watch", "[--seconds N]",
      "the stats table once a second, with per-second rates,\nuntil Ctrl-C or N seconds", 0, 0},
     {"plot", "--svg FILE [--seconds N]", "histograms of N seconds (default 10) as an SVG page", 0, 0},
+    {"trace", "--seconds N -o FILE [--svg]  |  --threshold DUR [--on wake|event|isr:N]\n"
+              "      [--before DUR] [--after DUR] [--count K] -o DIR [--svg]",
+     "the flight recorder's last N seconds as a trace file (Chrome\ntrace-event JSON; --svg: a timeline too); or wait for events\n"
+     "above DUR (500us, 2ms) and write the window around each into\nDIR, printing its cause", 0, 0},
     {"quit", "", "end the host", 0, 0},
     {"help", "[COMMAND]", "this text, or one command's", 0, 1},
 };
@@ -36,8 +40,9 @@ const char kFooter[] =
     "\n"
     "Options: --pid P talks to the host of process P; --timeout MS bounds each\n"
     "command (default 5000). Numbers may be decimal or 0x-hex.\n"
-    "stats, watch and plot only read the host's statistics area; they exit 2 when its\n"
-    "layout is not the one this zorctl knows, 3 when the host has ended.\n"
+    "stats, watch, plot and trace only read the host's statistics area and flight\n"
+    "recorder; they exit 2 when a layout is not the one this zorctl knows, 3 when\n"
+    "the host has ended.\n"
     "exec maps the system shared area: the host then counts this process\n"
     "as a client and ends by itself a few seconds after its last such client exits,\n"
     "unless another one is still running.\n";

@@ -50,9 +50,8 @@ void Unmap(ZorView* v) {
     std::memset(v, 0, sizeof *v);
 }
 
-int MapStats(std::uint32_t host_pid, ZorView* out) {
+int MapStats(std::uint32_t host_pid, ZorView* out, const char* prefix) {
     // The object's name is the last part of the host's mapping name.
-    const char* prefix = ZOR_STATS_NAME_PREFIX;
     if (const char* p = std::strrchr(prefix, '\\')) prefix = p + 1;
     char name[64];
     std::snprintf(name, sizeof name, "/%s%u", prefix, static_cast<unsigned>(host_pid));

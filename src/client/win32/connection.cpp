@@ -165,8 +165,10 @@ void Unmap(ZorView* v) {
     std::memset(v, 0, sizeof *v);
 }
 
-int MapStats(std::uint32_t host_pid, ZorView* out) {
-    const std::wstring name = L"" ZOR_STATS_NAME_PREFIX + std::to_wstring(host_pid);
+int MapStats(std::uint32_t host_pid, ZorView* out, const char* prefix) {
+    std::wstring name;
+    for (const char* p = prefix; *p; ++p) name += static_cast<wchar_t>(*p);
+    name += std::to_wstring(host_pid);
     HANDLE h = OpenFileMappingW(FILE_MAP_READ, FALSE, name.c_str());
     if (h == nullptr) return ZOR_E_NO_HOST;
     void* base = MapViewOfFile(h, FILE_MAP_READ, 0, 0, 0);
