@@ -9,13 +9,13 @@
 
 namespace zor::shell {
 
-bool DispatchHealthy(const Host&) { return true; }
+bool DispatchHealthy(const Host& host) { return host.watchdog.DispatchHealthy(); }
 
 void ServiceStatus::Open() {
     if (!socket_.Open()) return;
-    host_.log.wPrintf(2, 6, u"ZOR: started by a service manager: resident, no automatic shut-down\n\r");
+    host_.log.wPrintf(kLogTrace, u"ZOR: started by a service manager: resident, no automatic shut-down\n\r");
     periodMs_ = socket_.WatchdogMs() / 2;
-    if (periodMs_ > 0) host_.log.wPrintf(2, 6, u"ZOR: service watchdog: a ping every %u ms\n\r", static_cast<unsigned>(periodMs_));
+    if (periodMs_ > 0) host_.log.wPrintf(kLogTrace, u"ZOR: service watchdog: a ping every %u ms\n\r", static_cast<unsigned>(periodMs_));
 }
 
 void ServiceStatus::Started(bool listening, const char16_t* irqLine) {
@@ -38,7 +38,7 @@ void ServiceStatus::Tick(double nowMs) {
     nextMs_ = nowMs + periodMs_;
     const bool healthy = DispatchHealthy(host_);
     if (healthy) socket_.Send("WATCHDOG=1");
-    else if (!withheld_) host_.log.wPrintf(2, 0, u"ZOR: watchdog ping withheld: the dispatch thread is stalled\n\r");
+    else if (!withheld_) host_.log.wPrintf(kLogFault, u"ZOR: watchdog ping withheld: the dispatch thread is stalled\n\r");
     withheld_ = !healthy;
 }
 

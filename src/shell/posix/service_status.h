@@ -18,10 +18,10 @@ struct Host;
 
 namespace zor::shell {
 
-// The dispatch thread's part of the verdict: true while it makes progress,
-// or while its driver is idle by design (a paused timer, a device without
-// events). This is the hook for a dispatch watchdog; none exists yet, so it
-// answers true and the dialog loop's liveness alone gates the pings.
+// The dispatch thread's part of the verdict, from the dispatch watchdog:
+// true while it makes progress, or while its driver is idle by design (a
+// paused timer, a device without events: no call running); false while a
+// call has run past WATCHDOGMS (1 s without it) or could not be aborted.
 bool DispatchHealthy(const Host& host);
 
 class ServiceStatus {
