@@ -32,8 +32,9 @@ install(TARGETS timer trigger event LIBRARY DESTINATION lib/zor)
 install(TARGETS zorclient_shared LIBRARY DESTINATION ${ZOR_DEB_LIBDIR} NAMELINK_COMPONENT Unspecified)
 install(FILES ${ZOR_BIN_DIR}/libzorclient.a DESTINATION ${ZOR_DEB_LIBDIR})
 install(FILES ${ZOR_DEB_SRC}/ZOR.INI DESTINATION /etc/zor)
-install(FILES include/zor/zor_module.h include/zor/zor_client.h include/zor/zor_stats.h
-              ${ZOR_GENERATED_INCLUDE}/zor/zor_version.h DESTINATION include/zor)
+# Every public header: the client header includes the others.
+file(GLOB ZOR_PUBLIC_HEADERS CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/include/zor/*.h)
+install(FILES ${ZOR_PUBLIC_HEADERS} ${ZOR_GENERATED_INCLUDE}/zor/zor_version.h DESTINATION include/zor)
 
 configure_file(${ZOR_DEB_SRC}/zor.pc.in ${ZOR_DEB_DIR}/zor.pc @ONLY)
 install(FILES ${ZOR_DEB_DIR}/zor.pc DESTINATION ${ZOR_DEB_LIBDIR}/pkgconfig)

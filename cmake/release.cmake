@@ -59,8 +59,9 @@ install(TARGETS zor zorctl RUNTIME DESTINATION bin)
 install(TARGETS timer trigger event LIBRARY DESTINATION bin)
 install(TARGETS zorclient_shared RUNTIME DESTINATION bin ARCHIVE DESTINATION lib)
 install(FILES config/ZOR.INI DESTINATION bin)
-install(FILES include/zor/zor_module.h include/zor/zor_client.h include/zor/zor_stats.h
-              ${ZOR_GENERATED_INCLUDE}/zor/zor_version.h DESTINATION include/zor)
+# Every public header: the client header includes the others.
+file(GLOB ZOR_PUBLIC_HEADERS CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/include/zor/*.h)
+install(FILES ${ZOR_PUBLIC_HEADERS} ${ZOR_GENERATED_INCLUDE}/zor/zor_version.h DESTINATION include/zor)
 install(FILES ${zor_client_archive} DESTINATION lib)
 configure_file(cmake/release/zorConfig.cmake.in ${ZOR_RELEASE_DIR}/zorConfig.cmake @ONLY)
 include(CMakePackageConfigHelpers)
