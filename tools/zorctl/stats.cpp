@@ -14,18 +14,6 @@ namespace {
 
 const char* Kind(std::uint32_t k) { return k == 1 ? "irq" : k == 2 ? "isr" : "?"; }
 
-std::string Json(const std::string& s) {
-    std::string o = "\"";
-    for (unsigned char c : s) {
-        if (c == '"' || c == '\\') o += '\\', o += static_cast<char>(c);
-        else if (c < 0x20) {
-            char b[8];
-            std::snprintf(b, sizeof b, "\\u%04x", c);
-            o += b;
-        } else o += static_cast<char>(c);
-    }
-    return o + "\"";
-}
 
 std::string JsonSummary(const Summary& s) {
     char b[200];
@@ -103,9 +91,9 @@ void PrintJson(const ZorStats& s) {
     std::printf("{\"host\": {\"pid\": %lu, \"version\": \"%s\", \"uptime\": \"%s\", \"start_ms\": %llu, "
                 "\"driver\": %s, \"priority_stage\": %ld, \"log_file\": %s, \"generation\": %lu},\n",
                 static_cast<unsigned long>(s.host_pid), Version(s).c_str(), Uptime(s.start_ms).c_str(),
-                static_cast<unsigned long long>(s.start_ms), Json(Utf8(s.info.irq_driver, 20)).c_str(),
+                static_cast<unsigned long long>(s.start_ms), JsonQuoted(Utf8(s.info.irq_driver, 20)).c_str(),
                 static_cast<long>(static_cast<std::int32_t>(s.info.irq_priority)),
-                Json(Utf8(s.info.log_file, 260)).c_str(), static_cast<unsigned long>(s.generation));
+                JsonQuoted(Utf8(s.info.log_file, 260)).c_str(), static_cast<unsigned long>(s.generation));
     std::printf(" \"events\": {\"dispatched\": %llu, \"paused\": %llu, \"gaps\": %llu, \"sequence\": %lu, "
                 "\"rate_hz\": %.6g, \"load_percent\": %.6g, \"log_dropped\": %llu, \"tdl_entries_run\": %llu, "
                 "\"tdl_skipped\": %llu, \"exec_calls\": %llu},\n",
@@ -123,11 +111,11 @@ void PrintJson(const ZorStats& s) {
         std::printf("%s\n  {\"number\": %lu, \"name\": %s, \"kind\": \"%s\", \"priority\": %lu, \"blocked\": %s, "
                     "\"calls\": %llu, \"faults\": %llu, \"slow_calls\": %llu, \"aborted\": %llu, "
                     "\"stuck\": %s, \"last_fault_module\": %s, \"call_ms\": %s}",
-                    sep, static_cast<unsigned long>(i), Json(Utf8(m.name, 20)).c_str(), Kind(m.kind),
+                    sep, static_cast<unsigned long>(i), JsonQuoted(Utf8(m.name, 20)).c_str(), Kind(m.kind),
                     static_cast<unsigned long>(m.priority), m.blocked ? "true" : "false",
                     static_cast<unsigned long long>(m.calls), static_cast<unsigned long long>(m.faults),
                     static_cast<unsigned long long>(m.slow_calls), static_cast<unsigned long long>(m.aborted),
-                    m.stuck ? "true" : "false", Json(Utf8(m.fault_module, 40)).c_str(),
+                    m.stuck ? "true" : "false", JsonQuoted(Utf8(m.fault_module, 40)).c_str(),
                     JsonSummary(Summarise(m.call)).c_str());
         sep = ",";
     }
@@ -156,6 +144,19 @@ bool ReportAccessProblem() {
     std::fprintf(stderr, "zorctl: connect: %s: a host may run for a user or group this one is not "
                          "(docs/configuration.md, \"Access\")\n", why.c_str());
     return true;
+}
+
+std::string JsonQuoted(const std::string& s) {
+    std::string o = "\"";
+    for (unsigned char c : s) {
+        if (c == '"' || c == '\\') o += '\\', o += static_cast<char>(c);
+        else if (c < 0x20) {
+            char b[8];
+            std::snprintf(b, sizeof b, "\\u%04x", c);
+            o += b;
+        } else o += static_cast<char>(c);
+    }
+    return o + "\"";
 }
 
 int Stats(const StatsOptions& o) {

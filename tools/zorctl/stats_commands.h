@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 namespace zorctl {
 
@@ -24,5 +25,8 @@ int Plot(const StatsOptions& o);
 bool ReportAccessProblem();
 // The host's pid: o.pid, or the running host's. 0 with the reason printed.
 std::uint32_t ResolvePid(const StatsOptions& o);
+
+// `s` as a JSON string, quotes included (stats --json and the trace files).
+std::string JsonQuoted(const std::string& s);
 
 }  // namespace zorctl

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <set>
 
+#include "stats_commands.h"
 #include "trace.h"
 
 namespace zorctl {
@@ -17,18 +18,6 @@ namespace {
 constexpr std::uint32_t kDispatchTid = 1;
 std::uint32_t IsrTid(std::uint32_t slot) { return 100 + slot; }
 
-std::string Quoted(const std::string& s) {
-    std::string o = "\"";
-    for (unsigned char c : s) {
-        if (c == '"' || c == '\\') o += '\\', o += static_cast<char>(c);
-        else if (c < 0x20) {
-            char b[8];
-            std::snprintf(b, sizeof b, "\\u%04x", c);
-            o += b;
-        } else o += static_cast<char>(c);
-    }
-    return o + "\"";
-}
 
 struct Line {
     double ts;
@@ -48,7 +37,7 @@ public:
         char b[160];
         std::snprintf(b, sizeof b, ", \"ph\": \"X\", \"ts\": %.3f, \"dur\": %.3f, \"pid\": %lu, \"tid\": %lu, \"args\": ",
                       tsUs, durUs, static_cast<unsigned long>(pid_), static_cast<unsigned long>(tid));
-        lines_.push_back({tsUs, "{\"name\": " + Quoted(name) + b + args + "}"});
+        lines_.push_back({tsUs, "{\"name\": " + JsonQuoted(name) + b + args + "}"});
     }
     void Counter(const char* name, double tsUs, const char* key, double value) {
         char b[200];
@@ -61,7 +50,7 @@ public:
         char b[160];
         std::snprintf(b, sizeof b, ", \"ph\": \"i\", \"s\": \"%c\", \"ts\": %.3f, \"pid\": %lu, \"tid\": %lu, \"args\": ",
                       scope, tsUs, static_cast<unsigned long>(pid_), static_cast<unsigned long>(tid));
-        lines_.push_back({tsUs, "{\"name\": " + Quoted(name) + b + args + "}"});
+        lines_.push_back({tsUs, "{\"name\": " + JsonQuoted(name) + b + args + "}"});
     }
     std::string Text(const std::string& other) {
         std::stable_sort(lines_.begin(), lines_.end(), [](const Line& a, const Line& b) { return a.ts < b.ts; });
@@ -113,14 +102,14 @@ std::string TraceJson(const TraceWindow& win, const Cause& cause) {
     Writer w(win.pid);
     char b[64];
     std::snprintf(b, sizeof b, "ZOR host %lu", static_cast<unsigned long>(win.pid));
-    w.Meta("process_name", 0, "{\"name\": " + Quoted(b) + "}");
+    w.Meta("process_name", 0, "{\"name\": " + JsonQuoted(b) + "}");
     w.Meta("thread_name", kDispatchTid, "{\"name\": \"dispatch thread\"}");
     w.Meta("thread_sort_index", kDispatchTid, "{\"sort_index\": 0}");
     std::set<std::uint32_t> slots;
     for (const TraceEvent& e : win.events)
         for (const ZorTraceCall& c : e.calls) slots.insert(c.slot);
     for (std::uint32_t s : slots) {
-        w.Meta("thread_name", IsrTid(s), "{\"name\": " + Quoted(win.Name(s)) + "}");
+        w.Meta("thread_name", IsrTid(s), "{\"name\": " + JsonQuoted(win.Name(s)) + "}");
         std::snprintf(b, sizeof b, "{\"sort_index\": %lu}", static_cast<unsigned long>(s));
         w.Meta("thread_sort_index", IsrTid(s), b);
     }
@@ -135,8 +124,8 @@ std::string TraceJson(const TraceWindow& win, const Cause& cause) {
     }
     if (win.mark < win.events.size())
         w.Instant("late event", kDispatchTid, win.events[win.mark].ArrivalMs() * 1000, 'g',
-                  "{\"cause\": " + Quoted(cause.line) + "}");
-    return w.Text("{\"cause\": " + Quoted(cause.line) + ", \"before\": " + Quoted(cause.before) + "}");
+                  "{\"cause\": " + JsonQuoted(cause.line) + "}");
+    return w.Text("{\"cause\": " + JsonQuoted(cause.line) + ", \"before\": " + JsonQuoted(cause.before) + "}");
 }
 
 }  // namespace zorctl
