@@ -62,10 +62,16 @@ TEST_F(EndOfInterruptTest, TableAtTheFirstEventAndEvery1024thInDispatchOrder) {
 
 TEST_F(EndOfInterruptTest, LongEventsAreWarnedAboveFifteenMilliseconds) {
     h.dispatcher.irqFrequencyHz.store(1000.0);  // the load is then the total / 10 us
-    h.dispatcher.SetWakeTimeForTest(ClockMs() - 14.99);
-    h.dispatcher.EndOfInterrupt(1);
-    EXPECT_FALSE(log.ContainsSubstr("ZOR: total ISR used"));
-    EXPECT_GE(h.dispatcher.irqLoadPercent.load(), 1499.0);
+    // Just below: retry when this thread lost the processor for over 10 us.
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        log.Clear();
+        h.dispatcher.SetWakeTimeForTest(ClockMs() - 14.99);
+        h.dispatcher.EndOfInterrupt(1);
+        if (h.dispatcher.irqLoadPercent.load() >= 1500.0) continue;
+        EXPECT_FALSE(log.ContainsSubstr("ZOR: total ISR used"));
+        EXPECT_GE(h.dispatcher.irqLoadPercent.load(), 1499.0);
+        break;
+    }
     // Two decimals shown; retry when this thread lost the processor for over 5 us.
     bool seen = false;
     for (int attempt = 0; attempt < 5 && !seen; ++attempt) {
