@@ -53,7 +53,7 @@ inline void Row(const char* figure, double value, const char* baseline, double b
         std::snprintf(range, sizeof range, " (5 runs: %.3g to %.3g)", spread[0], spread[1]);
     }
     if (goal.kind == Goal::kMaxRatio) {
-        std::snprintf(verdict, sizeof verdict, "<= %.1fx: %s%s", goal.limit, word, range);
+        std::snprintf(verdict, sizeof verdict, "<= %gx: %s%s", goal.limit, word, range);
     } else if (goal.kind == Goal::kMinValue) {
         std::snprintf(verdict, sizeof verdict, ">= %.0f: %s%s", goal.limit, word, range);
     } else if (goal.kind == Goal::kMaxValue) {

@@ -3,7 +3,6 @@
 // one run, one publishing the area and one without it. Many short rounds
 // alternate between the two so that both see the same machine; the best
 // round of each counts, which keeps preemption out of the figures.
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 
@@ -15,29 +14,14 @@
 
 namespace {
 
-
-template <class F>
-double RoundNs(int n, F f) {
-    auto t0 = std::chrono::steady_clock::now();
-    for (int i = 0; i < n; ++i) f();
-    auto t1 = std::chrono::steady_clock::now();
-    return std::chrono::duration<double, std::nano>(t1 - t0).count() / n;
-}
-
 struct Pair {
     double without = 1e300, with = 1e300;
 };
 
 template <class F>
 Pair Compare(int rounds, int n, F f) {
-    Pair p;
-    for (int r = 0; r < rounds; ++r) {
-        const double a = RoundNs(n, [&] { f(0); });
-        const double b = RoundNs(n, [&] { f(1); });
-        p.without = a < p.without ? a : p.without;
-        p.with = b < p.with ? b : p.with;
-    }
-    return p;
+    const auto [without, with] = bench::BestNsPair(rounds, n, [&] { f(0); }, [&] { f(1); });
+    return {without, with};
 }
 
 // The figure with the area beside the same work without it.

@@ -4,7 +4,6 @@
 // measures that), so the two differ by the recorder alone. Short rounds alternate
 // between the two so that both see the same machine; the best round of each
 // counts, which keeps preemption out of the figures.
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 
@@ -12,18 +11,6 @@
 #include "bench_report.h"
 #include "host/host.h"
 #include "support/log.h"
-
-namespace {
-
-template <class F>
-double RoundNs(int n, F f) {
-    auto t0 = std::chrono::steady_clock::now();
-    for (int i = 0; i < n; ++i) f();
-    auto t1 = std::chrono::steady_clock::now();
-    return std::chrono::duration<double, std::nano>(t1 - t0).count() / n;
-}
-
-}  // namespace
 
 int main() {
     zor::Logger log;
@@ -40,15 +27,11 @@ int main() {
             bench::AddIsrs(*h, 10);
             h->dispatcher.OnInterrupt(0);  // this thread becomes the dispatch thread
         }
-        double best[2] = {1e300, 1e300};
-        for (int r = 0; r < 300; ++r) {
-            for (int k = 0; k < 2; ++k) {
-                const double ns = RoundNs(2000, [&] { hosts[k]->dispatcher.OnInterrupt(++seq[k]); });
-                best[k] = ns < best[k] ? ns : best[k];
-            }
-        }
+        const auto [offNs, onNs] = bench::BestNsPair(
+            300, 2000, [&] { off.dispatcher.OnInterrupt(++seq[0]); },
+            [&] { on.dispatcher.OnInterrupt(++seq[1]); });
         std::printf("clock: %s\n", zor::os::clock_name());
-        bench::Row("OnInterrupt, 10 ISRs, flight recorder on", best[1], "the same, recorder off", best[0], "ns",
+        bench::Row("OnInterrupt, 10 ISRs, flight recorder on", onNs, "the same, recorder off", offNs, "ns",
                    bench::MaxRatio(1.05));
         for (zor::Host* h : hosts)
             for (std::uint32_t s = 1; s <= 10; ++s) h->slots.Free(s);

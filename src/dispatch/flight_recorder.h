@@ -61,12 +61,6 @@ public:
         Put(w[1], __builtin_bit_cast(std::uint64_t, endMs));
         Put(w[2], slot | flags << 16);
     }
-    // Marks the latest call (the dispatch watchdog's aborted calls).
-    void FlagLastCall(std::uint32_t flags) {
-        if (!cur_ || calls_ == 0) return;
-        std::uint64_t& w = callWords_[kCallWords * calls_ - 1];
-        Put(w, w | static_cast<std::uint64_t>(flags) << 16);
-    }
     void End(double endMs);
 
 private:
