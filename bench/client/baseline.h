@@ -12,10 +12,15 @@ struct Baseline {
     bench::Goal goal;
 };
 
-// Starts the bare peer; false when there is none.
-bool BaselineOpen(Baseline* b);
+// Starts the bare peer, on processor `cpu` when it is not -1 (where the
+// platform lets a bench place processes); false when there is none.
+bool BaselineOpen(Baseline* b, int cpu);
 // One bare round trip; true when answered.
 bool BaselineRound();
 void BaselineClose();
+// Keeps the calling process on processor `cpu`; false where it cannot.
+bool PinTo(int cpu);
+// A processor other than `cpu` this process may run on, or -1.
+int OtherCpu(int cpu);
 
 }  // namespace client_bench

@@ -1,5 +1,8 @@
 // Round trips a client pays, measured against a running host:
-//   client_bench [--pid HOSTPID] [--rounds N] [--trigger]
+//   client_bench [--pid HOSTPID] [--rounds N] [--trigger] [--cpu C]
+// --cpu: the processor the host was started on (the bench pins it there);
+// the command is then compared with the client on that processor and on
+// another one, the bare echo always on C.
 // --trigger: the host runs trigger.irq, which makes no events by itself; it
 // runs free for the ExecISRFunc rows only, so that the other rows meet an
 // idle host.
@@ -30,6 +33,37 @@ double NowUs() {
 
 void SleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
+// Command 6 against the bare channel, the two taking turns so that both
+// meet the same moments of a busy machine, five runs for each quantile. The
+// echo runs on `serverCpu` (where the host was started) and this process on
+// `clientCpu`; -1 leaves a side to the system. Placement is measured, not
+// left to chance: waking a process on an idle processor of a virtual machine
+// costs more than everything else in a round trip.
+void Compare(ZorConnection* c, int rounds, int serverCpu, int clientCpu, const char* where) {
+    client_bench::Baseline b;
+    if (!client_bench::BaselineOpen(&b, serverCpu)) return;
+    if (clientCpu >= 0 && !client_bench::PinTo(clientCpu)) std::fprintf(stderr, "client_bench: not placed\n");
+    char figure[200], label[200];
+    for (double q : {0.5, 0.99}) {
+        std::snprintf(figure, sizeof figure, "%s%s, p%.0f", b.figure, where, q * 100);
+        std::snprintf(label, sizeof label, "%s, p%.0f", b.label, q * 100);
+        bench::RepeatedRow(figure, label, "us", b.goal, [&] {
+            std::vector<double> host, baseline;
+            std::uint32_t r = 0;
+            for (int i = 0; i < rounds; ++i) {
+                const double t0 = NowUs();
+                zor_irq_query(c, &r);
+                const double t1 = NowUs();
+                client_bench::BaselineRound();
+                host.push_back(t1 - t0);
+                baseline.push_back(NowUs() - t1);
+            }
+            return std::pair{bench::Quantile(host, q), bench::Quantile(baseline, q)};
+        });
+    }
+    client_bench::BaselineClose();
+}
+
 template <typename F>
 void Measure(const char* name, int rounds, F&& op) {
     std::vector<double> us;
@@ -54,10 +88,12 @@ int main(int argc, char** argv) {
     unsigned long pid = 0;
     int rounds = 2000;
     bool trigger = false;
+    int cpu = -1;
     for (int i = 1; i < argc; ++i) {
         if (!std::strcmp(argv[i], "--trigger")) trigger = true;
         else if (i + 1 < argc && !std::strcmp(argv[i], "--pid")) pid = std::strtoul(argv[++i], nullptr, 0);
         else if (i + 1 < argc && !std::strcmp(argv[i], "--rounds")) rounds = std::atoi(argv[++i]);
+        else if (i + 1 < argc && !std::strcmp(argv[i], "--cpu")) cpu = std::atoi(argv[++i]);
     }
     ZorConnection* c = nullptr;
     int st = pid ? zor_connect_pid(&c, pid, 5000) : zor_connect(&c, 5000);
@@ -77,20 +113,6 @@ int main(int argc, char** argv) {
     std::vector<unsigned char> big(65536);
     std::printf("%-34s %7s  %9s %9s %9s %9s   (microseconds)\n", "operation", "rounds", "min", "avg", "p99", "max");
     Measure("command 6 (irq-query)", rounds, [&] { return zor_irq_query(c, &r); });
-    if (client_bench::Baseline b; client_bench::BaselineOpen(&b)) {
-        // Taking turns, so that both meet the same moments of a busy machine.
-        std::vector<double> host, baseline;
-        for (int i = 0; i < rounds; ++i) {
-            double t0 = NowUs();
-            zor_irq_query(c, &r);
-            const double t1 = NowUs();
-            client_bench::BaselineRound();
-            host.push_back(t1 - t0);
-            baseline.push_back(NowUs() - t1);
-        }
-        client_bench::BaselineClose();
-        bench::Rows(b.figure, host, b.label, baseline, "us", b.goal);
-    }
     Measure("module call, command 5, 64 B", rounds, [&] { return zor_module_call(c, mod, 0, body, 64, &r); });
     // The most one command carries everywhere (a Linux datagram holds 64 KiB).
     Measure("module call, command 5, 64 KiB - 12 B", rounds / 4, [&] {
@@ -112,6 +134,13 @@ int main(int argc, char** argv) {
     zor_pipe_close(c);
     zor_unregister_module(c, mod);
     zor_unmap(&shm);
+    if (cpu < 0) {
+        Compare(c, rounds, -1, -1, "");
+    } else {
+        const int other = client_bench::OtherCpu(cpu);  // before this process is placed
+        Compare(c, rounds, cpu, cpu, ", client on the host's processor");
+        if (other >= 0) Compare(c, rounds, cpu, other, ", client on another processor");
+    }
     zor_disconnect(c);
     return 0;
 }
