@@ -31,8 +31,6 @@ struct CallFrame {
     std::uint32_t threadId;
     std::uint32_t result;
     bool nullEntry;
-    double* boundary;
-    double end;  // the reading that ended the module's code, 0 when it did not return
 };
 
 void GuardedCall(void* p) {
@@ -46,14 +44,9 @@ void GuardedCall(void* p) {
         f.nullEntry = true;
         return;
     }
-    const double t0 = f.boundary ? *f.boundary : ClockMs();
+    const double t0 = ClockMs();
     f.result = entry(f.code, static_cast<std::uintptr_t>(f.arg));
-    const double t1 = ClockMs();
-    f.end = t1;
-    if (f.boundary) *f.boundary = t1;
-    f.caller->ReportCall(f.slotNumber, t1 - t0, f.code, f.arg,
-                         f.flags | (f.boundary ? Caller::kFlagInEvent : 0));
-    if (f.boundary && t1 - t0 > Caller::kSlowCallMs) *f.boundary = ClockMs();
+    f.caller->ReportCall(f.slotNumber, ClockMs() - t0, f.code, f.arg, f.flags);
 }
 
 
@@ -107,54 +100,53 @@ void ModuleNameOfAddress(const void* address, char16_t* buf, unsigned size) {
 }
 
 std::uint32_t Caller::CallModule(std::uint32_t slot, std::uint32_t code, std::uint64_t arg,
-                                 std::uint32_t flags, std::uint32_t context, bool* gone,
-                                 double* boundary) {
+                                 std::uint32_t flags, std::uint32_t context, bool* gone) {
     ModuleSlot& s = slots_[slot];
     if (!s.EnterCall()) {
         if (gone) *gone = true;
         return 0;
     }
-    CallFrame f{this, &s, slot, code, arg, flags, context, 0, 0, false, boundary, 0.0};
+    CallFrame f{this, &s, slot, code, arg, flags, context, 0, 0, false};
     // What the dispatch thread runs is published for the watchdog.
-    const bool watched = boundary || (code == ZOR_FN_EXEC_ISR_FUNC && thread_.IsCurrent());
+    const bool watched = code == ZOR_FN_EXEC_ISR_FUNC && thread_.IsCurrent();
     RunningCall::Saved outer{};
-    if (watched) outer = running_.Enter(slot, code, boundary ? *boundary : ClockMs());
+    if (watched) outer = running_.Enter(slot, code, ClockMs());
     os::Fault fault{};
     const bool returned = os::guarded_run(GuardedCall, &f, &fault);
     if (watched) running_.Leave(outer);
     if (!returned) {
-        if (fault.code == os::kFaultAborted) {
-            ReportAbort(slot, code);
-        } else {
-            ReportFault(slot, fault.address);
-            if (code == ZOR_FN_INTERRUPT) stats_.OnIsrFault(slot, faultModuleName_);
-        }
-        if (boundary) *boundary = ClockMs();
+        if (code == ZOR_FN_INTERRUPT) InterruptFailed(slot, fault);
+        else if (fault.code == os::kFaultAborted) ReportAbort(slot, code);
+        else ReportFault(slot, fault.address);
     } else if (f.nullEntry) {
         // Cleared by an unloading, or not yet set by a registration.
         if (gone && ((s.calls.load(std::memory_order_acquire) & ModuleSlot::kClosing) ||
                      !s.inUse.load(std::memory_order_acquire))) {
             *gone = true;
         } else {
-            // What a call through null reports: the fault returns into the host.
-            ReportFault(slot, reinterpret_cast<const void*>(&GuardedCall));
-            if (boundary) *boundary = ClockMs();
+            ReportNullCall(slot);
         }
     }
     if (context != 0) RemoveThreadContext(f.threadId);
-    if (boundary) {
-        lastCallEnd_ = f.end != 0.0 ? f.end : *boundary;
-        lastCallFlags_ = returned ? 0 : fault.code == os::kFaultAborted ? ZOR_TRACE_CALL_ABORTED
-                                                                        : ZOR_TRACE_CALL_FAULT;
-    }
     s.LeaveCall();
     return f.result;
 }
 
+void Caller::InterruptFailed(std::uint32_t slot, const os::Fault& fault) {
+    if (fault.code == os::kFaultAborted) {
+        ReportAbort(slot, ZOR_FN_INTERRUPT);
+    } else {
+        ReportFault(slot, fault.address);
+        stats_.OnIsrFault(slot, faultModuleName_);
+    }
+}
+
+void Caller::ReportNullCall(std::uint32_t slot) { ReportFault(slot, reinterpret_cast<const void*>(&GuardedCall)); }
+
 bool Caller::CloseSlot(std::uint32_t slot, std::uint32_t waitMs) {
     ModuleSlot& s = slots_[slot];
-    s.calls.fetch_or(ModuleSlot::kClosing, std::memory_order_acq_rel);
-    s.entry.store(nullptr, std::memory_order_release);
+    s.calls.fetch_or(ModuleSlot::kClosing, std::memory_order_seq_cst);
+    s.entry.store(nullptr, std::memory_order_seq_cst);
     // This thread's own calls into the slot (a module that asked for its own
     // unloading) stay inside until this returns.
     struct Own {
@@ -168,9 +160,14 @@ bool Caller::CloseSlot(std::uint32_t slot, std::uint32_t waitMs) {
             if (static_cast<CallFrame*>(ctx)->slotNumber == o->slot) ++o->count;
         },
         &own);
+    // The dispatch loop does not count its calls: an event that may have
+    // found the slot open must end first, unless it is this thread's own.
+    const std::uint32_t event = thread_.Events();
+    bool eventOver = (event & 1) == 0 || thread_.IsCurrent();
     const double until = os::now_ms() + waitMs;
     for (;;) {
-        if ((s.calls.load(std::memory_order_acquire) & ~ModuleSlot::kClosing) <= own.count)
+        eventOver = eventOver || thread_.Events() != event;
+        if (eventOver && (s.calls.load(std::memory_order_acquire) & ~ModuleSlot::kClosing) <= own.count)
             return true;
         if (os::now_ms() >= until) return false;
         os::sleep_ms(1);

@@ -46,22 +46,24 @@ public:
     // The caller has validated `slot`. A slot whose module is being unloaded
     // is not called: the result is 0 and *gone (when given) is set. With
     // `gone` given, a null entry of a slot not in use counts as gone too
-    // instead of being reported as a fault.
-    // With `boundary` (the dispatch loop) the call starts at *boundary instead
-    // of a reading of its own, and *boundary receives the reading that ends
-    // it, so that consecutive calls share one clock reading; a slow or
-    // faulting call reads the clock again after its report, which the next
-    // call does not pay for.
+    // instead of being reported as a fault. (The dispatch loop calls its
+    // ISRs itself, under one guard per event: Dispatcher::CallIsrs.)
     std::uint32_t CallModule(std::uint32_t slot, std::uint32_t code, std::uint64_t arg,
                              std::uint32_t flags = 0, std::uint32_t context = 0,
-                             bool* gone = nullptr, double* boundary = nullptr);
+                             bool* gone = nullptr);
     // Unloading a slot's module: lets no new call in, clears the entry and
-    // waits up to `waitMs` for the calls in flight on other threads (the
-    // calling thread's own calls into the slot are not waited for). False
-    // when calls are still inside the module then.
+    // waits up to `waitMs` for the calls in flight on other threads and for
+    // a dispatch event under way (the calling thread's own calls into the
+    // slot are not waited for). False when calls are still inside the
+    // module then.
     bool CloseSlot(std::uint32_t slot, std::uint32_t waitMs);
     void ReportCall(std::uint32_t slot, double elapsed, std::uint32_t code,
                     std::uint64_t arg, std::uint32_t flags);
+    // A dispatch-loop call of `slot` that did not return: cut short by the
+    // watchdog, or a fault.
+    void InterruptFailed(std::uint32_t slot, const os::Fault& fault);
+    // What a call through a null entry reports: the fault returns into the host.
+    void ReportNullCall(std::uint32_t slot);
 
     std::size_t BlockBytes(std::uint32_t flags, std::uint64_t arg) const;
     void AddThreadContext(std::uint32_t threadId, std::uint32_t context);
@@ -77,14 +79,6 @@ public:
     // The file name of the module of the last caught fault. Read it only
     // while no other call can fault.
     const char16_t* FaultModuleName() const { return faultModuleName_; }
-    // How the dispatch loop's latest call ended: 0, or ZOR_TRACE_CALL_FAULT
-    // (caught) or ZOR_TRACE_CALL_ABORTED (the watchdog). Dispatch thread only.
-    std::uint32_t LastCallFlags() const { return lastCallFlags_; }
-    // The dispatch loop's latest call: the reading that ended the module's
-    // code, before any report of it (a fault's: the reading after its
-    // report). Dispatch thread only.
-    double LastCallEnd() const { return lastCallEnd_; }
-
 private:
     struct Context {
         std::atomic<std::uint32_t> threadId{0};
@@ -102,8 +96,6 @@ private:
     std::atomic<bool> faultNameBusy_{false};
     char16_t faultModuleName_[260] = {};
     RunningCall running_;
-    std::uint32_t lastCallFlags_ = 0;
-    double lastCallEnd_ = 0.0;
 };
 
 // File name (after the last backslash or slash) of the module containing

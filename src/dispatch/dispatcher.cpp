@@ -3,7 +3,6 @@
 
 #include <atomic>
 
-#include "dispatch/caller.h"
 #include "dispatch/deferred_list.h"
 #include "dispatch/flight_recorder.h"
 #include "dispatch/stats.h"
@@ -35,35 +34,30 @@ std::uint32_t Dispatcher::OnInterrupt(std::uint32_t sequence) {
         return 1;
     }
     // Announce the event, then look at the pause flag once more: a pause that
-    // began in between either sees InDispatch or is seen here (both seq_cst).
-    inDispatch.store(1, std::memory_order_seq_cst);
+    // began in between either sees the event or is seen here (both seq_cst).
+    thread_.EnterEvent();
     if (paused.load(std::memory_order_seq_cst) != 0) {
-        inDispatch.store(0, std::memory_order_release);
+        thread_.LeaveEvent();
         stats_.OnPaused();
         return 1;
     }
 
     deferred_.Run();
-    if (orderValid_.exchange(1, std::memory_order_acq_rel) == 0) RebuildOrder();
+    // Looked at before it is set: a locked instruction only when it changed.
+    if (orderValid_.load(std::memory_order_acquire) == 0 &&
+        orderValid_.exchange(1, std::memory_order_acq_rel) == 0) {
+        RebuildOrder();
+    }
 
     // One clock reading per boundary between calls: the reading that ends
     // one ISR's call starts the next one's, and the last one ends the event.
     double boundary = ClockMs();
     recorder_.Begin(sequence, now, dispatchCount_.load(std::memory_order_relaxed));
     recorder_.Deferred(boundary);
-    for (std::uint32_t i = 0; i < dispatchCount_.load(std::memory_order_relaxed); ++i) {
-        ModuleSlot& s = slots_[order_[i]];
-        if (s.blocked.load(std::memory_order_acquire) != 0) continue;
-        s.busy.store(1, std::memory_order_release);
-        const double start = boundary;
-        caller_.CallModule(order_[i], ZOR_FN_INTERRUPT, sequence, 0, 0, nullptr, &boundary);
-        recorder_.Call(order_[i], start, caller_.LastCallEnd(), caller_.LastCallFlags());
-        s.busy.store(0, std::memory_order_release);
-    }
-
+    CallIsrs(sequence, &boundary);
     recorder_.End(boundary);
     EndOfInterrupt(sequence, boundary);
-    inDispatch.store(0, std::memory_order_release);
+    thread_.LeaveEvent();
     return 0;
 }
 
@@ -98,7 +92,7 @@ void Dispatcher::PauseISR(bool pause) {
     paused.store(1, std::memory_order_seq_cst);
     const std::uint32_t start = os::tick_ms();
     // One look only: an event in progress costs the full 2000 ms.
-    if (inDispatch.load(std::memory_order_seq_cst) == 0) return;
+    if (!thread_.InEvent()) return;
     while (os::tick_ms() < start + 2000u) os::sleep_ms(1);
     log_.wPrintf(kLogFault, u"ZOR: PauseISR timed out!\n\r");
 }

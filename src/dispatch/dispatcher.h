@@ -49,7 +49,7 @@ public:
     std::atomic<double> irqFrequencyHz{50.0};
     std::atomic<double> irqLoadPercent{0.0};
     std::atomic<std::uint32_t> paused{0};
-    std::atomic<std::uint32_t> inDispatch{0};
+    bool InDispatch() const { return thread_.InEvent(); }
     std::atomic<std::uint32_t> processorCount{0};  // 0 until the tables are prepared
     std::uint32_t DispatchCount() const { return dispatchCount_.load(std::memory_order_relaxed); }
     std::uint32_t DispatchOrder(std::uint32_t i) const { return order_[i]; }
@@ -61,7 +61,12 @@ public:
     void SetEventCounterForTest(std::uint32_t n) { eventCounter_ = n; }
 
 private:
+    struct IsrRun;
     void RebuildOrder();
+    // The ISR calls of one event, from *boundary on; *boundary receives the
+    // reading that ends the last one.
+    void CallIsrs(std::uint32_t sequence, double* boundary);
+    static void RunIsrs(void* run);
 
     Logger& log_;
     SlotTable& slots_;

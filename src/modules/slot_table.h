@@ -37,7 +37,8 @@ struct ModuleSlot {
     std::atomic<std::uint32_t> startPending{0};
     std::atomic<std::uint32_t> blocked{0};
     std::atomic<std::uint32_t> busy{0};  // InInterrupt
-    // Calls in flight (CallModule enters and leaves it) and, in the top bit,
+    // Calls in flight (CallModule enters and leaves it; the dispatch loop's
+    // calls are covered by their event instead) and, in the top bit,
     // kClosing: set while the slot's module is being unloaded, so that no
     // new call goes in. Alloc clears the bit and keeps the count.
     static constexpr std::uint32_t kClosing = 0x80000000u;

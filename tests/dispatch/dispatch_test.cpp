@@ -32,7 +32,7 @@ TEST(DispatchPath, TheFirstCallerStaysTheDispatchThreadAndAPausedEventIsNoEvent)
     EXPECT_EQ(firstId, r.dispatcher.DispatchThreadId());
     EXPECT_FALSE(r.dispatcher.IsDispatchThread());
     EXPECT_EQ(1u, r.dispatcher.EventCounter());
-    EXPECT_EQ(0u, r.dispatcher.inDispatch.load());
+    EXPECT_FALSE(r.dispatcher.InDispatch());
 }
 
 TEST(DispatchPath, LowerPrioritiesRunFirstEqualOnesInSlotOrderAndOnlyIsrsRun) {

@@ -14,7 +14,7 @@ protected:
         isr.SetDelay(ZOR_FN_INTERRUPT, sleepMs * 1000);
         irq.FireAsync(1);
         for (int i = 0; i < 2000 && h.slots[slot].busy.load() == 0; ++i) os::sleep_ms(1);
-        ASSERT_EQ(1u, h.dispatcher.inDispatch.load());
+        ASSERT_TRUE(h.dispatcher.InDispatch());
     }
     ~BusyIsr() override {
         irq.Wait();
