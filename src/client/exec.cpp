@@ -5,6 +5,7 @@
 // choosing and a host that may end while we wait.
 #include "client/connection.h"
 #include "modules/deferred_list_writer.h"
+#include "os/os.h"
 
 namespace {
 
@@ -38,16 +39,18 @@ int Await(ZorConnection* c, unsigned char* area, const zor::TdlTicket& ticket,
           std::uint32_t wait_ms, std::uint32_t* result) {
     const double t0 = zor::client::NowMs();
     for (unsigned round = 1;; ++round) {
+        const std::uint32_t runs = zor::TdlRunCount(area, c->area_bytes);
         if (zor::TdlResultReady(area, c->area_bytes, ticket)) {
             *result = zor::TdlTakeResult(area, c->area_bytes, ticket);
             return ZOR_OK;
         }
         if (zor::client::NowMs() - t0 >= wait_ms) break;
-        // A 1 kHz source answers within a millisecond: yield briefly, then
+        // A 1 kHz source answers within a millisecond: spin briefly, then
         // sleep until the next run where the host can wake us (Linux), else
         // pace; now and then ask whether the host is still there.
-        if (zor::client::NowMs() - t0 < 0.05 ||
-            !zor::TdlSleepUntilRun(area, c->area_bytes, 10))
+        if (zor::client::NowMs() - t0 < 0.05)
+            zor::os::spin_pause();
+        else if (!zor::TdlSleepUntilRun(area, c->area_bytes, runs, 10))
             zor::client::Pace(t0);
         if ((round & 63) == 0 && !zor::client::HostAlive(c)) break;
     }

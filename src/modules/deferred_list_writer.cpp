@@ -189,7 +189,7 @@ bool Abandon(unsigned char* area, std::uint32_t areaSize, const TdlTicket& ticke
     return true;
 }
 
-// A waiter yields this long before it sleeps (a fast event source answers
+// A waiter spins this long before it sleeps (a fast event source answers
 // within microseconds): briefly where the dispatch thread can wake it,
 // else a millisecond, then it sleeps a millisecond at a time.
 double SpinMs() { return os::word_wait_works() ? 0.05 : 1.0; }
@@ -198,11 +198,15 @@ double SpinMs() { return os::word_wait_works() ? 0.05 : 1.0; }
 
 // The sleepers word is client-writable: a wrong count costs only wake-ups,
 // never a wait past maxMs.
-bool TdlSleepUntilRun(unsigned char* area, std::uint32_t areaSize, std::uint32_t maxMs) {
+std::uint32_t TdlRunCount(const unsigned char* area, std::uint32_t areaSize) {
+    if (!TdlAreaUsable(area, areaSize)) return 0;
+    return TdlWord(const_cast<unsigned char*>(area), ZOR_SSA_RUN_COUNTER).load(std::memory_order_seq_cst);
+}
+
+bool TdlSleepUntilRun(unsigned char* area, std::uint32_t areaSize, std::uint32_t seen, std::uint32_t maxMs) {
     if (!os::word_wait_works() || !TdlAreaUsable(area, areaSize)) return false;
     auto counter = TdlWord(area, ZOR_SSA_RUN_COUNTER);
     auto sleepers = TdlWord(area, ZOR_SSA_SLEEPERS);
-    const std::uint32_t seen = counter.load(std::memory_order_seq_cst);
     sleepers.fetch_add(1, std::memory_order_seq_cst);
     if (counter.load(std::memory_order_seq_cst) == seen)
         os::word_wait(reinterpret_cast<std::uint32_t*>(area + ZOR_SSA_RUN_COUNTER), seen, maxMs);
@@ -217,14 +221,15 @@ bool TdlWait(unsigned char* area, std::uint32_t areaSize, const TdlTicket& ticke
     const std::uint32_t t0 = os::tick_ms();
     const double start = os::now_ms();
     for (;;) {
+        const std::uint32_t runs = TdlRunCount(area, areaSize);
         if (TdlResultReady(area, areaSize, ticket)) {
             *result = TdlTakeResult(area, areaSize, ticket);
             return true;
         }
         if (Elapsed(t0, limitMs)) break;
         if (os::now_ms() - start < SpinMs())
-            std::this_thread::yield();
-        else if (!TdlSleepUntilRun(area, areaSize, 10))
+            os::spin_pause();
+        else if (!TdlSleepUntilRun(area, areaSize, runs, 10))
             os::sleep_ms(1);
     }
     if (!Abandon(area, areaSize, ticket, lockWaitMs)) {

@@ -70,10 +70,14 @@ TdlStatus TdlAppend(unsigned char* area, std::uint32_t areaSize, std::uint32_t p
 
 // True once a run has passed over the ticket's entry.
 bool TdlResultReady(unsigned char* area, std::uint32_t areaSize, const TdlTicket& ticket);
-// Sleeps until the list's next run, at most maxMs, counted among the
-// sleepers that the dispatch thread wakes. False at once where the system
-// cannot wake a sleeper of another process (Windows): poll there instead.
-bool TdlSleepUntilRun(unsigned char* area, std::uint32_t areaSize, std::uint32_t maxMs);
+// How many times the list has run (0 for an unusable area). Read it before
+// looking for a result, and sleep on that reading: a run that ends between
+// the look and the sleep then ends the sleep at once.
+std::uint32_t TdlRunCount(const unsigned char* area, std::uint32_t areaSize);
+// Sleeps until the list has run again since `seen`, at most maxMs, counted
+// among the sleepers that the dispatch thread wakes. False at once where the
+// system cannot wake a sleeper of another process (Windows): poll there.
+bool TdlSleepUntilRun(unsigned char* area, std::uint32_t areaSize, std::uint32_t seen, std::uint32_t maxMs);
 // The result word of the ticket's slot (0 without a slot); frees the slot.
 std::uint32_t TdlTakeResult(unsigned char* area, std::uint32_t areaSize, const TdlTicket& ticket);
 

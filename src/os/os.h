@@ -45,6 +45,13 @@ bool word_wait_works();
 void word_wait(const std::uint32_t* word, std::uint32_t expected, std::uint32_t timeout_ms);
 // Wakes every word_wait on this word, in any process.
 void word_wake_all(const std::uint32_t* word);
+// One turn of a short busy wait. Not a yield: on a loaded machine a yield
+// hands the processor to a busy thread for its whole time slice.
+inline void spin_pause() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#endif
+}
 // Which clock now_ms() uses ("tsc", "qpc", "clock_gettime"), for the log.
 const char* clock_name();
 // The system's wall clock: milliseconds since 1970-01-01 UTC. It may jump
