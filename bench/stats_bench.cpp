@@ -1,6 +1,6 @@
-// What the statistics area costs the event path: CallModule on a trivial ISR
-// and a whole OnInterrupt with 10 trivial ISRs, on two hosts side by side in
-// one run, one publishing the area and one without it. Many short rounds
+// What the statistics area costs the event path: a whole OnInterrupt with
+// 10 trivial ISRs (whose calls are counted together at the event's end), on
+// two hosts side by side in one run, one publishing the area and one without it. Many short rounds
 // alternate between the two so that both see the same machine; the best
 // round of each counts, which keeps preemption out of the figures.
 #include <cstdint>
@@ -49,11 +49,8 @@ int main() {
             bench::AddIsrs(*h, 10);
             h->dispatcher.OnInterrupt(0);  // this thread becomes the dispatch thread
         }
-        // A call outside an event counts at once.
-        const Pair call = Compare(300, 20000, [&](int k) { hosts[k]->caller.CallModule(1, ZOR_FN_INTERRUPT, 1); });
         const Pair event = Compare(300, 2000, [&](int k) { hosts[k]->dispatcher.OnInterrupt(++seq[k]); });
         std::printf("clock: %s\n", zor::os::clock_name());
-        Print("CallModule outside an event", call);
         Print("OnInterrupt, 10 ISRs", event);
         for (zor::Host* h : hosts)
             for (std::uint32_t s = 1; s <= 10; ++s) h->slots.Free(s);
