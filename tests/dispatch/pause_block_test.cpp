@@ -38,6 +38,17 @@ TEST_F(BusyIsr, APauseThatMeetsAnEventSpinsTheFullTwoSecondsAndSaysSo) {
     EXPECT_EQ(0u, irq.Fire(3));
 }
 
+// The dispatch loop does not count its calls one by one: an unloading waits
+// for the event it finds running, and gives up after its wait.
+TEST_F(BusyIsr, AnUnloadingWaitsForTheEventThatMayBeInsideTheModule) {
+    Start(300);
+    EXPECT_FALSE(h.caller.CloseSlot(slot, 50));
+    const std::uint32_t start = os::tick_ms();
+    EXPECT_TRUE(h.caller.CloseSlot(slot, 2000));
+    EXPECT_GE(os::tick_ms() - start, 150u);
+    EXPECT_EQ(0u, irq.Wait());
+}
+
 TEST_F(BusyIsr, OnSeveralProcessorsABlockWaitsTenRoundsThenTimesOutOtherwiseNot) {
     Start(500);
     h.dispatcher.processorCount.store(0);  // no count: no wait
