@@ -191,7 +191,7 @@ bool Abandon(unsigned char* area, std::uint32_t areaSize, const TdlTicket& ticke
 
 // A waiter spins this long before it sleeps (a fast event source answers
 // within microseconds): briefly where the dispatch thread can wake it,
-// else a millisecond, then it sleeps a millisecond at a time.
+// else it yields for a millisecond, then sleeps a millisecond at a time.
 double SpinMs() { return os::word_wait_works() ? 0.05 : 1.0; }
 
 }  // namespace
@@ -228,7 +228,7 @@ bool TdlWait(unsigned char* area, std::uint32_t areaSize, const TdlTicket& ticke
         }
         if (Elapsed(t0, limitMs)) break;
         if (os::now_ms() - start < SpinMs())
-            os::spin_pause();
+            os::word_wait_works() ? os::spin_pause() : std::this_thread::yield();
         else if (!TdlSleepUntilRun(area, areaSize, runs, 10))
             os::sleep_ms(1);
     }
