@@ -85,9 +85,10 @@ inline void Rows(const char* figure, std::vector<double>& value, const char* bas
 // A row with a goal, measured in five runs, each run the figure and its
 // baseline side by side (measure() returns {value, baseline}): the run with
 // the median judged figure is reported, with the spread of all five.
+constexpr int kRuns = 5;
+
 template <class M>
 void RepeatedRow(const char* figure, const char* baseline, const char* unit, Goal goal, M measure) {
-    constexpr int kRuns = 5;
     struct Run {
         double value, base, judged;
     } runs[kRuns];
@@ -98,6 +99,21 @@ void RepeatedRow(const char* figure, const char* baseline, const char* unit, Goa
     std::sort(runs, runs + kRuns, [](const Run& a, const Run& b) { return a.judged < b.judged; });
     const double spread[2] = {runs[0].judged, runs[kRuns - 1].judged};
     Row(figure, runs[kRuns / 2].value, baseline, runs[kRuns / 2].base, unit, goal, spread);
+}
+
+// p50 and p99 rows of a figure and its baseline, each judged on five runs;
+// measure() returns one run's samples, {figure's, baseline's}.
+template <class M>
+void RepeatedRows(const char* figure, const char* baseline, const char* unit, Goal goal, M measure) {
+    char f[240], b[240];
+    for (double q : {0.5, 0.99}) {
+        std::snprintf(f, sizeof f, "%.200s, p%.0f", figure, q * 100);
+        std::snprintf(b, sizeof b, "%.200s, p%.0f", baseline, q * 100);
+        RepeatedRow(f, b, unit, goal, [&] {
+            auto [value, base] = measure();
+            return std::pair{Quantile(value, q), Quantile(base, q)};
+        });
+    }
 }
 
 // Nanoseconds per call of f and of g: the best of many short rounds, the two

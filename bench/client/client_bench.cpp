@@ -34,7 +34,7 @@ double NowUs() {
 void SleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
 // Command 6 against the bare channel, the two taking turns so that both
-// meet the same moments of a busy machine, five runs for each quantile. The
+// meet the same moments of a busy machine, five runs. The
 // echo runs on `serverCpu` (where the host was started) and this process on
 // `clientCpu`; -1 leaves a side to the system. Placement is measured, not
 // left to chance: waking a process on an idle processor of a virtual machine
@@ -43,24 +43,21 @@ void Compare(ZorConnection* c, int rounds, int serverCpu, int clientCpu, const c
     client_bench::Baseline b;
     if (!client_bench::BaselineOpen(&b, serverCpu)) return;
     if (clientCpu >= 0 && !client_bench::PinTo(clientCpu)) std::fprintf(stderr, "client_bench: not placed\n");
-    char figure[200], label[200];
-    for (double q : {0.5, 0.99}) {
-        std::snprintf(figure, sizeof figure, "%s%s, p%.0f", b.figure, where, q * 100);
-        std::snprintf(label, sizeof label, "%s, p%.0f", b.label, q * 100);
-        bench::RepeatedRow(figure, label, "us", b.goal, [&] {
-            std::vector<double> host, baseline;
-            std::uint32_t r = 0;
-            for (int i = 0; i < rounds; ++i) {
-                const double t0 = NowUs();
-                zor_irq_query(c, &r);
-                const double t1 = NowUs();
-                client_bench::BaselineRound();
-                host.push_back(t1 - t0);
-                baseline.push_back(NowUs() - t1);
-            }
-            return std::pair{bench::Quantile(host, q), bench::Quantile(baseline, q)};
-        });
-    }
+    char figure[200];
+    std::snprintf(figure, sizeof figure, "%s%s", b.figure, where);
+    bench::RepeatedRows(figure, b.label, "us", b.goal, [&] {
+        std::vector<double> host, baseline;
+        std::uint32_t r = 0;
+        for (int i = 0; i < rounds; ++i) {
+            const double t0 = NowUs();
+            zor_irq_query(c, &r);
+            const double t1 = NowUs();
+            client_bench::BaselineRound();
+            host.push_back(t1 - t0);
+            baseline.push_back(NowUs() - t1);
+        }
+        return std::pair{host, baseline};
+    });
     client_bench::BaselineClose();
 }
 

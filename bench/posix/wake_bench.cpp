@@ -35,6 +35,11 @@ struct Histogram {
         ++total;
         if (us > maxUs) maxUs = us;
     }
+    void Merge(const Histogram& o) {
+        for (int b = 0; b < kBuckets; ++b) count[b] += o.count[b];
+        total += o.total;
+        if (o.maxUs > maxUs) maxUs = o.maxUs;
+    }
     double Quantile(double q) const {
         const auto want = static_cast<std::uint64_t>(q * static_cast<double>(total));
         std::uint64_t seen = 0;
@@ -113,19 +118,31 @@ int main(int argc, char** argv) {
     sp.sched_priority = kFifoPriority;
     const bool fifo = byHost || sched_setscheduler(tid, SCHED_FIFO, &sp) == 0;
 
+    // Five runs; p99 is judged run by run, p50 and max over all of them.
+    const int runSeconds = seconds >= bench::kRuns ? seconds / bench::kRuns : 1;
     const std::string cmd = "cyclictest -q -m -t 1 -p " + std::to_string(kFifoPriority) + " -i " +
-                            std::to_string(kPeriodUs) + " -D " + std::to_string(seconds) +
+                            std::to_string(kPeriodUs) + " -D " + std::to_string(runSeconds) +
                             " -h " + std::to_string(kBuckets - 1) + " 2>/dev/null";
-    std::FILE* ct = popen(cmd.c_str(), "r");
-    zor::os::sleep_ms(200);  // both running before the figures count
-    g_counting.store(true, std::memory_order_release);
-    Histogram cyc;
-    const bool haveCyc = ct && ReadCyclictest(ct, &cyc);  // returns after its run
-    if (ct) pclose(ct);
-    if (!haveCyc) zor::os::sleep_ms(seconds * 1000);
-    g_counting.store(false, std::memory_order_release);
-    zor::os::sleep_ms(10);  // an event under way ends
-    const Histogram& zor = g_zor;
+    static Histogram zor, cyc, cycRun;
+    std::pair<double, double> p99[bench::kRuns];
+    bool haveCyc = true;
+    for (auto& run : p99) {
+        g_zor = Histogram{};
+        g_lastSeq = 0;  // the pause between runs is no skipped deadline
+        cycRun = Histogram{};
+        std::FILE* ct = popen(cmd.c_str(), "r");
+        zor::os::sleep_ms(200);  // both running before the figures count
+        g_counting.store(true, std::memory_order_release);
+        const bool ran = ct && ReadCyclictest(ct, &cycRun);  // returns after its run
+        if (ct) pclose(ct);
+        if (!ran) zor::os::sleep_ms(runSeconds * 1000);
+        g_counting.store(false, std::memory_order_release);
+        zor::os::sleep_ms(10);  // an event under way ends
+        haveCyc = haveCyc && ran;
+        run = {g_zor.Quantile(0.99), cycRun.Quantile(0.99)};
+        zor.Merge(g_zor);
+        cyc.Merge(cycRun);
+    }
     h.irq.UnregisterIRQ();
     bench::FreeIsrs(h);
     zor::os::module_free(timer);
@@ -140,8 +157,9 @@ int main(int argc, char** argv) {
                 haveCyc ? "ran" : "not found (install rt-tests)");
     const char* base = haveCyc ? "cyclictest, same run" : "no cyclictest";
     bench::Row("timer.irq 1 kHz wake-up + dispatch p50", zor.Quantile(0.5), base, cyc.Quantile(0.5), "us");
-    bench::Row("timer.irq 1 kHz wake-up + dispatch p99", zor.Quantile(0.99), base, cyc.Quantile(0.99), "us",
-               bench::MaxRatio(1.2));
+    int next = 0;
+    bench::RepeatedRow("timer.irq 1 kHz wake-up + dispatch p99", base, "us", bench::MaxRatio(1.2),
+                       [&] { return p99[next++]; });
     bench::Row("timer.irq 1 kHz wake-up + dispatch max", zor.maxUs, base, cyc.maxUs, "us");
     return 0;
 }

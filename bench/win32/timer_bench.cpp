@@ -3,7 +3,7 @@
 // absolute deadlines: the jitter abs(interval - period) between successive
 // ISR calls and between successive wake-ups, p50 / p99 / max.
 //
-//   timer_bench [seconds per run, default 10]
+//   timer_bench [seconds in all, default 10: five runs of each]
 #include <windows.h>
 
 #include <cstdlib>
@@ -67,6 +67,34 @@ std::vector<double> BareThread(std::uint32_t method, double seconds) {
     return Jitter(stamps);
 }
 
+// One run of the host: timer.irq at 1 kHz for `seconds`, the stamp ISR's
+// jitter; `method` receives the driver's wait.
+std::vector<double> HostRun(Logger& logger, const char16_t* dir, double seconds, std::uint32_t* method) {
+    Host h(logger);
+    SetRunningHost(&h);
+    const std::uint32_t s = h.slots.Alloc();
+    wcopy(h.slots[s].name, 20, u"stamp");
+    h.slots[s].kind.store(kKindIsr);
+    h.slots[s].entry.store(Stamp);
+    h.slots[s].inUse.store(1);
+    g_stamps.clear();
+    g_stamps.reserve(static_cast<std::size_t>(seconds * 1000) + 100);
+    std::vector<double> jitter;
+    if (h.irq.LoadIRQ(dir, u"timer.irq", false)) {
+        h.irq.Control(1000);
+        os::sleep_ms(static_cast<std::uint32_t>(seconds * 1000) + 300);
+        if (auto m = reinterpret_cast<std::uint32_t (*)()>(reinterpret_cast<void*>(
+                GetProcAddress(GetModuleHandleW(L"timer.irq"), "Timer_Method")))) {
+            *method = m();
+        }
+        h.irq.UnregisterIRQ();
+        jitter = Jitter(g_stamps);
+    }
+    h.slots.Free(s);
+    SetRunningHost(nullptr);
+    return jitter;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -75,40 +103,30 @@ int main(int argc, char** argv) {
     bench::QuietLog(logger);
     char16_t dir[260];
     bench::OwnFolder(dir);
-    std::vector<double> host;
+    // Five runs, the host's and the bare thread's taking turns; p99 is judged
+    // run by run, p50 and max over all of them.
+    constexpr int kRuns = bench::kRuns;
+    std::vector<double> host, bare;
+    std::pair<double, double> p99[kRuns];
     std::uint32_t method = 0;
-    {
-        Host h(logger);
-        SetRunningHost(&h);
-        const std::uint32_t s = h.slots.Alloc();
-        wcopy(h.slots[s].name, 20, u"stamp");
-        h.slots[s].kind.store(kKindIsr);
-        h.slots[s].entry.store(Stamp);
-        h.slots[s].inUse.store(1);
-        g_stamps.reserve(static_cast<std::size_t>(seconds * 1000) + 100);
-        if (!h.irq.LoadIRQ(dir, u"timer.irq", false)) return 1;
-        h.irq.Control(1000);
-        os::sleep_ms(static_cast<std::uint32_t>(seconds * 1000) + 300);
-        if (auto m = reinterpret_cast<std::uint32_t (*)()>(reinterpret_cast<void*>(
-                GetProcAddress(GetModuleHandleW(L"timer.irq"), "Timer_Method")))) {
-            method = m();
-        }
-        h.irq.UnregisterIRQ();
-        h.slots.Free(s);
-        SetRunningHost(nullptr);
-        host = Jitter(g_stamps);
+    for (auto& run : p99) {
+        std::vector<double> h = HostRun(logger, dir, seconds / kRuns, &method);
+        if (h.empty()) return 1;
+        std::vector<double> b = BareThread(method, seconds / kRuns);
+        run = {bench::Quantile(h, 0.99), bench::Quantile(b, 0.99)};
+        host.insert(host.end(), h.begin(), h.end());
+        bare.insert(bare.end(), b.begin(), b.end());
     }
     logger.End();
-    std::vector<double> bare = BareThread(method, seconds);
     std::printf("timer.irq wait method %u, %zu intervals\n", method, host.size());
-    const char* figure = "timer.irq 1 kHz interval jitter";
-    const char* baseline = "bare thread, same wait, absolute deadlines";
-    bench::Row((std::string(figure) + ", p50").c_str(), bench::Quantile(host, 0.5),
-               (std::string(baseline) + ", p50").c_str(), bench::Quantile(bare, 0.5), "us");
-    bench::Row((std::string(figure) + ", p99").c_str(), bench::Quantile(host, 0.99),
-               (std::string(baseline) + ", p99").c_str(), bench::Quantile(bare, 0.99), "us",
-               bench::MaxRatio(1.1));
-    bench::Row((std::string(figure) + ", max").c_str(), bench::Quantile(host, 1.0),
-               (std::string(baseline) + ", max").c_str(), bench::Quantile(bare, 1.0), "us");
+    const std::string figure = "timer.irq 1 kHz interval jitter";
+    const std::string baseline = "bare thread, same wait, absolute deadlines";
+    bench::Row((figure + ", p50").c_str(), bench::Quantile(host, 0.5), (baseline + ", p50").c_str(),
+               bench::Quantile(bare, 0.5), "us");
+    int next = 0;
+    bench::RepeatedRow((figure + ", p99").c_str(), (baseline + ", p99").c_str(), "us", bench::MaxRatio(1.1),
+                       [&] { return p99[next++]; });
+    bench::Row((figure + ", max").c_str(), bench::Quantile(host, 1.0), (baseline + ", max").c_str(),
+               bench::Quantile(bare, 1.0), "us");
     return 0;
 }
