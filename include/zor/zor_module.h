@@ -255,7 +255,8 @@ typedef struct ZorHostRequest {
 #define ZOR_SSA_RESULT_FLAGS 0x0004u  /* u8[1024]: bit 0 = result slot reserved */
 #define ZOR_SSA_RESULTS 0x0404u       /* u32[1024]: result words */
 #define ZOR_SSA_SLEEPERS 0x0404u      /* u32: result word 0 (no entry uses it): waiters
-                                         asleep on the run counter (Linux futex) */
+                                         gone to sleep on the run counter (Linux futex)
+                                         since the last run; the run's wake clears it */
 #define ZOR_SSA_RUN_COUNTER 0x1404u   /* u32: advanced after every deferred-list run */
 #define ZOR_SSA_CAPACITY 0x1408u      /* u32: bytes of the queue = area size - 0x1418 */
 #define ZOR_SSA_SYNC_TDL 0x140Cu      /* u32: queue lock word, 0 free, 1 held */

@@ -78,9 +78,12 @@ void DeferredList::Run() {
     // The result words are visible before the counter moves. A waiter
     // counts itself a sleeper before it sleeps and looks at the counter
     // after that, so either it sees the new count or this sees it: the
-    // wake is a system call only while somebody sleeps.
+    // wake is a system call only while somebody sleeps. The wake clears the
+    // count, so that events that come before the woken waiter has run do
+    // not wake it again.
     TdlWord(area, ZOR_SSA_RUN_COUNTER).fetch_add(1, std::memory_order_seq_cst);
-    if (TdlWord(area, ZOR_SSA_SLEEPERS).load(std::memory_order_seq_cst) != 0)
+    auto sleepers = TdlWord(area, ZOR_SSA_SLEEPERS);
+    if (sleepers.load(std::memory_order_seq_cst) != 0 && sleepers.exchange(0, std::memory_order_seq_cst) != 0)
         os::word_wake_all(reinterpret_cast<std::uint32_t*>(area + ZOR_SSA_RUN_COUNTER));
     sync.store(0, std::memory_order_release);
 }

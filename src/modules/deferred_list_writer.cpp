@@ -196,21 +196,25 @@ double SpinMs() { return os::word_wait_works() ? 0.05 : 1.0; }
 
 }  // namespace
 
-// The sleepers word is client-writable: a wrong count costs only wake-ups,
-// never a wait past maxMs.
 std::uint32_t TdlRunCount(const unsigned char* area, std::uint32_t areaSize) {
     if (!TdlAreaUsable(area, areaSize)) return 0;
     return TdlWord(const_cast<unsigned char*>(area), ZOR_SSA_RUN_COUNTER).load(std::memory_order_seq_cst);
 }
 
+// The sleepers word counts the waiters that went to sleep since the last
+// run; the run that wakes them clears it (a waiter never takes itself off).
+// It is client-writable: a wrong count costs at most one wake per run, never
+// a wait past maxMs.
 bool TdlSleepUntilRun(unsigned char* area, std::uint32_t areaSize, std::uint32_t seen, std::uint32_t maxMs) {
     if (!os::word_wait_works() || !TdlAreaUsable(area, areaSize)) return false;
     auto counter = TdlWord(area, ZOR_SSA_RUN_COUNTER);
     auto sleepers = TdlWord(area, ZOR_SSA_SLEEPERS);
+    // A run since `seen`: no sleep, and no sleeper for the dispatch thread
+    // to wake with a system call.
+    if (counter.load(std::memory_order_seq_cst) != seen) return true;
     sleepers.fetch_add(1, std::memory_order_seq_cst);
     if (counter.load(std::memory_order_seq_cst) == seen)
         os::word_wait(reinterpret_cast<std::uint32_t*>(area + ZOR_SSA_RUN_COUNTER), seen, maxMs);
-    sleepers.fetch_sub(1, std::memory_order_relaxed);
     return true;
 }
 
