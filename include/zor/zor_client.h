@@ -229,7 +229,12 @@ ZOR_CLIENT_API int zor_trace_copy(const ZorTrace* trace, const ZorView* view,
 /* Queues func(data) for module `module`'s ExecISRFunc, run on the host's
  * dispatch thread at its next event. wait_ms = 0: returns once queued
  * (*result = 1). wait_ms > 0: waits up to wait_ms for the module's answer
- * in *result. The entry carries this process id as the call context. */
+ * in *result: it spins for 50 us, then sleeps until the host's next run
+ * of the list wakes it (Linux; Windows: 1 ms naps), so a waiting thread
+ * costs no processor while the answer is an event away. On a loaded
+ * machine, give the waiting thread a real-time priority to get its answer
+ * within the event period. The entry carries this process id as the call
+ * context. */
 ZOR_CLIENT_API int zor_exec_isr_func(ZorConnection* c, uint32_t module,
                                      uint32_t func, const void* data,
                                      uint32_t size, uint32_t wait_ms,
