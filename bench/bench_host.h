@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "bench_report.h"
 #include "host/host.h"
 #include "support/wstr.h"
 
@@ -45,6 +46,18 @@ inline void FreeIsrs(zor::Host& h) {
     for (std::uint32_t s = 1; s < h.slots.HighWater(); ++s) {
         if (h.slots[s].kind.load() == zor::kKindIsr) h.slots.Free(s);
     }
+}
+
+// A whole OnInterrupt of two hosts side by side (both on this thread, the
+// dispatch thread of each): `with` judged against `without`, five runs of
+// the best of 60 rounds.
+inline void EventRow(const char* figure, const char* baseline, Goal goal, zor::Host& with, zor::Host& without) {
+    std::uint32_t seq[2] = {1000, 1000};
+    RepeatedRow(figure, baseline, "ns", goal, [&] {
+        const auto [on, off] = BestNsPair(60, 2000, [&] { with.dispatcher.OnInterrupt(++seq[0]); },
+                                          [&] { without.dispatcher.OnInterrupt(++seq[1]); });
+        return std::pair{on, off};
+    });
 }
 
 }  // namespace bench

@@ -24,19 +24,13 @@ int main() {
             std::printf("statistics area not created\n");
             return 1;
         }
-        std::uint32_t seq[2] = {0, 0};
         for (zor::Host* h : hosts) {
             bench::AddIsrs(*h, 10);
             h->dispatcher.OnInterrupt(0);  // this thread becomes the dispatch thread
         }
         std::printf("clock: %s\n", zor::os::clock_name());
-        bench::RepeatedRow("OnInterrupt, 10 ISRs, statistics area published", "the same without the area", "ns",
-                           bench::MaxRatio(1.1), [&] {
-                               const auto [without, with] = bench::BestNsPair(
-                                   60, 2000, [&] { plain.dispatcher.OnInterrupt(++seq[0]); },
-                                   [&] { published.dispatcher.OnInterrupt(++seq[1]); });
-                               return std::pair{with, without};
-                           });
+        bench::EventRow("OnInterrupt, 10 ISRs, statistics area published", "the same without the area",
+                        bench::MaxRatio(1.1), published, plain);
         for (zor::Host* h : hosts)
             for (std::uint32_t s = 1; s <= 10; ++s) h->slots.Free(s);
     }

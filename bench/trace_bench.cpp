@@ -22,19 +22,13 @@ int main() {
             std::printf("flight recorder not created\n");
             return 1;
         }
-        std::uint32_t seq[2] = {0, 0};
         for (zor::Host* h : hosts) {
             bench::AddIsrs(*h, 10);
             h->dispatcher.OnInterrupt(0);  // this thread becomes the dispatch thread
         }
         std::printf("clock: %s\n", zor::os::clock_name());
-        bench::RepeatedRow("OnInterrupt, 10 ISRs, flight recorder on", "the same, recorder off", "ns",
-                           bench::MaxRatio(1.05), [&] {
-                               const auto [offNs, onNs] = bench::BestNsPair(
-                                   60, 2000, [&] { off.dispatcher.OnInterrupt(++seq[0]); },
-                                   [&] { on.dispatcher.OnInterrupt(++seq[1]); });
-                               return std::pair{onNs, offNs};
-                           });
+        bench::EventRow("OnInterrupt, 10 ISRs, flight recorder on", "the same, recorder off",
+                        bench::MaxRatio(1.05), on, off);
         for (zor::Host* h : hosts)
             for (std::uint32_t s = 1; s <= 10; ++s) h->slots.Free(s);
     }
