@@ -2,8 +2,8 @@
 //
 // A read (and on this layer's threads a write) waits in ppoll() with the
 // cancel signal unblocked only there, so a cancel that arrives just before
-// the wait is not lost: the signal stays
-// pending until ppoll() starts and then ends it at once.
+// the wait is not lost: the signal stays pending until ppoll() starts and
+// then ends it at once.
 #include <cerrno>
 #include <csignal>
 #include <mutex>
@@ -37,16 +37,30 @@ bool plain_read(int fd, void* buf, std::uint32_t n, ssize_t* r) {
     return *r >= 0;
 }
 
+// The signal mask for ppoll() on this thread: the cancel signal, blocked
+// here for good at the first call (two system calls fewer per transfer than
+// blocking and restoring it around each), unblocked only during the wait. A
+// cancel that comes after a wait ended stays pending and ends the next wait
+// early once, which then looks at the state and waits again.
+const sigset_t* wait_mask() {
+    thread_local sigset_t during;
+    thread_local bool made = false;
+    if (!made) {
+        sigset_t sig;
+        sigemptyset(&sig);
+        sigaddset(&sig, cancel_signal());
+        pthread_sigmask(SIG_BLOCK, &sig, &during);
+        sigdelset(&during, cancel_signal());
+        made = true;
+    }
+    return &during;
+}
+
 // Waits in ppoll() for `events` on fd, then moves bytes with op(); a
 // cancel ends the wait with ECANCELED.
 template <typename Op>
 bool cancellable(IoCancel* c, int fd, short events, Op op, ssize_t* r) {
-    sigset_t sig, old;
-    sigemptyset(&sig);
-    sigaddset(&sig, cancel_signal());
-    pthread_sigmask(SIG_BLOCK, &sig, &old);
-    sigset_t during = old;
-    sigdelset(&during, cancel_signal());
+    const sigset_t* during = wait_mask();
     c->state.store(IoCancel::kWaiting);
     bool ok = false;
     for (;;) {
@@ -55,7 +69,7 @@ bool cancellable(IoCancel* c, int fd, short events, Op op, ssize_t* r) {
             break;
         }
         pollfd p{fd, events, 0};
-        if (ppoll(&p, 1, nullptr, &during) < 0) {
+        if (ppoll(&p, 1, nullptr, during) < 0) {
             if (errno == EINTR) continue;
             break;
         }
@@ -68,7 +82,6 @@ bool cancellable(IoCancel* c, int fd, short events, Op op, ssize_t* r) {
     }
     int e = errno;
     c->state.store(IoCancel::kIdle);
-    pthread_sigmask(SIG_SETMASK, &old, nullptr);  // a late cancel lands here, harmlessly
     errno = e;
     return ok;
 }
