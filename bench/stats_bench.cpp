@@ -19,20 +19,13 @@ int main() {
     {
         // Only one host per process can own the area's name.
         zor::Host plain(log), published(log);
-        zor::Host* hosts[2] = {&plain, &published};
         if (!published.stats.Publish()) {
             std::printf("statistics area not created\n");
             return 1;
         }
-        for (zor::Host* h : hosts) {
-            bench::AddIsrs(*h, 10);
-            h->dispatcher.OnInterrupt(0);  // this thread becomes the dispatch thread
-        }
         std::printf("clock: %s\n", zor::os::clock_name());
         bench::EventRow("OnInterrupt, 10 ISRs, statistics area published", "the same without the area",
                         bench::MaxRatio(1.1), published, plain);
-        for (zor::Host* h : hosts)
-            for (std::uint32_t s = 1; s <= 10; ++s) h->slots.Free(s);
     }
     log.End();
     return bench::g_trivialCalls == 0;

