@@ -38,21 +38,24 @@ int Queue(ZorConnection* c, unsigned char* area, std::uint32_t module, std::uint
 int Await(ZorConnection* c, unsigned char* area, const zor::TdlTicket& ticket,
           std::uint32_t wait_ms, std::uint32_t* result) {
     const double t0 = zor::client::NowMs();
-    for (unsigned round = 1;; ++round) {
+    for (unsigned rounds = 0;;) {
         const std::uint32_t runs = zor::TdlRunCount(area, c->area_bytes);
         if (zor::TdlResultReady(area, c->area_bytes, ticket)) {
             *result = zor::TdlTakeResult(area, c->area_bytes, ticket);
             return ZOR_OK;
         }
-        if (zor::client::NowMs() - t0 >= wait_ms) break;
+        const double waited = zor::client::NowMs() - t0;
+        if (waited >= wait_ms) break;
         // A 1 kHz source answers within a millisecond: spin briefly, then
         // sleep until the next run where the host can wake us (Linux), else
-        // pace; now and then ask whether the host is still there.
-        if (zor::client::NowMs() - t0 < 0.05)
+        // pace; now and then, not while spinning, ask whether the host is
+        // still there.
+        if (waited < 0.05) {
             zor::os::spin_pause();
-        else if (!zor::TdlSleepUntilRun(area, c->area_bytes, runs, 10))
-            zor::client::Pace(t0);
-        if ((round & 63) == 0 && !zor::client::HostAlive(c)) break;
+            continue;
+        }
+        if (!zor::TdlSleepUntilRun(area, c->area_bytes, runs, 10)) zor::client::Pace(t0);
+        if ((++rounds & 63) == 0 && !zor::client::HostAlive(c)) break;
     }
     // Give up: the writer clears the entry's slot under SyncTDL so that a
     // late run cannot write into a slot handed to someone else.

@@ -196,9 +196,9 @@ double SpinMs() { return os::word_wait_works() ? 0.05 : 1.0; }
 
 }  // namespace
 
-std::uint32_t TdlRunCount(const unsigned char* area, std::uint32_t areaSize) {
+std::uint32_t TdlRunCount(unsigned char* area, std::uint32_t areaSize) {
     if (!TdlAreaUsable(area, areaSize)) return 0;
-    return TdlWord(const_cast<unsigned char*>(area), ZOR_SSA_RUN_COUNTER).load(std::memory_order_seq_cst);
+    return TdlWord(area, ZOR_SSA_RUN_COUNTER).load(std::memory_order_seq_cst);
 }
 
 // The sleepers word counts the waiters that went to sleep since the last

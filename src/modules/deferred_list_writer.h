@@ -73,7 +73,7 @@ bool TdlResultReady(unsigned char* area, std::uint32_t areaSize, const TdlTicket
 // How many times the list has run (0 for an unusable area). Read it before
 // looking for a result, and sleep on that reading: a run that ends between
 // the look and the sleep then ends the sleep at once.
-std::uint32_t TdlRunCount(const unsigned char* area, std::uint32_t areaSize);
+std::uint32_t TdlRunCount(unsigned char* area, std::uint32_t areaSize);
 // Sleeps until the list has run again since `seen`, at most maxMs, counted
 // among the sleepers that the dispatch thread wakes. False at once where the
 // system cannot wake a sleeper of another process (Windows): poll there.
